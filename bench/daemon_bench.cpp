@@ -1,0 +1,230 @@
+// The figures of the running daemon, as ratios to bare programs that do the same work. Pairs of
+// runs alternate within one process, so that a machine whose speed changes slows both.
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bare_programs.h"
+#include "child_process.h"
+#include "tamsel_client.h"
+
+namespace tmsc::bench {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kDeadlineMs = 10000;
+constexpr int kPairs = 101;
+const char kBin[] = TAMSEL_BIN_DIR;
+
+double Milliseconds(Clock::duration duration) {
+  return std::chrono::duration<double, std::milli>(duration).count();
+}
+
+double Median(std::vector<double> values) {
+  std::nth_element(values.begin(), values.begin() + static_cast<long>(values.size() / 2),
+                   values.end());
+  return values[values.size() / 2];
+}
+
+double Time(const std::function<void()>& work) {
+  const Clock::time_point start = Clock::now();
+  work();
+  return Milliseconds(Clock::now() - start);
+}
+
+void PrintPairs(const char* what, const std::function<void()>& measured,
+                const std::function<void()>& bare) {
+  std::vector<double> measured_ms;
+  std::vector<double> bare_ms;
+  std::vector<double> ratios;
+  for (int i = 0; i < kPairs; ++i) {
+    measured_ms.push_back(Time(measured));
+    bare_ms.push_back(Time(bare));
+    ratios.push_back(measured_ms.back() / bare_ms.back());
+  }
+  std::printf("%-52s %8.3f ms  bare %8.3f ms  ratio %5.2f\n", what, Median(measured_ms),
+              Median(bare_ms), Median(ratios));
+}
+
+std::string MakeFolder() {
+  std::string name = (std::filesystem::temp_directory_path() / "tamsel-bench-XXXXXX").string();
+  if (::mkdtemp(name.data()) == nullptr) {
+    throw std::runtime_error("no folder " + name);
+  }
+  return name;
+}
+
+/// A daemon with a settings file and a socket of its own. It tests pooled connections before it
+/// uses them, so that it connects afresh, as the bare program does, to devices that close theirs.
+class Daemon {
+ public:
+  Daemon(const std::string& folder, const std::string& log_level)
+      : socket_path_(folder + "/tamsel" + log_level + ".com") {
+    const std::string settings = folder + "/LoggerSetting" + log_level + ".xml";
+    std::ofstream(settings) << "<LoggerSetting><ComSocketPath>" << socket_path_
+                            << "</ComSocketPath><SdcardPath>" << folder
+                            << "</SdcardPath><TamselComWatchdogFilePath>" << folder
+                            << "/check/tmsc</TamselComWatchdogFilePath><LogLevel>" << log_level
+                            << "</LogLevel><TcpReuseCheck>1</TcpReuseCheck></LoggerSetting>";
+    ::setenv("TAMSEL_SETTING_FILE", settings.c_str(), 1);
+    start_ms_ = Time([&] {
+      process_ = std::make_unique<ChildProcess>(
+          std::vector<std::string>{std::string(kBin) + "/tamsel_communication"}, false);
+      while (TamselClient(socket_path_).Exchange(MakeTcpIpRequest(1), kDeadlineMs).outcome !=
+             Outcome::kAnswered) {
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+      }
+    });
+  }
+
+  void Request(const TcpIpRequest& request) const {
+    const ExchangeResult result = TamselClient(socket_path_).Exchange(request, kDeadlineMs);
+    if (result.outcome != Outcome::kAnswered || result.response.receive_data.status != 0) {
+      throw std::runtime_error("the daemon did not answer: " + result.text);
+    }
+    for (const NetworkParams& device : request.payload.port_params) {
+      if (device.address != 0 &&
+          result.response.receive_data.receive_data[device.address - 1].status != 0) {
+        throw std::runtime_error("a device did not answer the daemon");
+      }
+    }
+  }
+
+  double StartMs() const { return start_ms_; }
+  const std::string& SocketPath() const { return socket_path_; }
+  const ChildProcess& Process() const { return *process_; }
+
+ private:
+  std::string socket_path_;
+  double start_ms_ = 0;
+  std::unique_ptr<ChildProcess> process_;
+};
+
+std::vector<Device> ReadDevices(ChildProcess& simulator) {
+  std::vector<Device> devices;
+  for (std::string line = simulator.ReadLine(); line != "ready"; line = simulator.ReadLine()) {
+    std::istringstream words(line);
+    std::string word;
+    std::string place;
+    Device device;
+    words >> word >> device.address >> place;
+    device.ip = place.substr(0, place.find(':'));
+    device.port = std::stoi(place.substr(place.find(':') + 1));
+    devices.push_back(device);
+  }
+  return devices;
+}
+
+TcpIpRequest RequestFor(const std::vector<Device>& devices, int channel, int timeout_ms) {
+  TcpIpRequest request = MakeTcpIpRequest(channel);
+  for (const Device& device : devices) {
+    if (const BuildError error = AddTcpIpDevice(request, device.address, device.ip, device.port,
+                                                timeout_ms, ReadFrame(device.address))) {
+      throw std::runtime_error(*error);
+    }
+  }
+  return request;
+}
+
+void MeasureDevices(const Daemon& daemon, const std::vector<Device>& devices, const char* what) {
+  const TcpIpRequest request = RequestFor(devices, 1, 1000);
+  const auto measured = [&] { daemon.Request(request); };
+  const auto bare = [&] { ExchangeBare(devices); };
+  PrintPairs(what, measured, bare);
+}
+
+void MeasureEcho(const Daemon& daemon, const std::string& folder) {
+  const std::string path = folder + "/echo";
+  const BareEcho echo(path);
+  const TcpIpRequest request = MakeTcpIpRequest(1);
+  const TamselClient echo_client(path);
+  PrintPairs(
+      "request without a device", [&] { daemon.Request(request); },
+      [&] {
+        if (echo_client.Exchange(request, kDeadlineMs).outcome != Outcome::kAnswered) {
+          throw std::runtime_error("the echo did not answer");
+        }
+      });
+}
+
+void MeasureMemory(const Daemon& daemon, const std::vector<Device>& silent_devices) {
+  std::vector<std::thread> clients;
+  for (int channel = 1; channel <= kMaxChannel; ++channel) {
+    clients.emplace_back([&, channel] {
+      TamselClient(daemon.SocketPath())
+          .Exchange(RequestFor(silent_devices, channel, 1000), kDeadlineMs);
+    });
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(600));
+  std::printf("%-52s %8ld KiB  (%ld threads)\n", "resident with 93 devices in flight",
+              daemon.Process().Status("VmRSS"), daemon.Process().Status("Threads"));
+  for (std::thread& client : clients) {
+    client.join();
+  }
+}
+
+void MeasureIdle(const Daemon& daemon) {
+  constexpr int kSeconds = 10;
+  const double before = daemon.Process().CpuSeconds();
+  std::this_thread::sleep_for(std::chrono::seconds(kSeconds));
+  std::printf("%-52s %8.2f %% of a core\n", "idle",
+              100 * (daemon.Process().CpuSeconds() - before) / kSeconds);
+}
+
+void MeasureStart(const std::string& folder) {
+  std::vector<double> starts;
+  for (int i = 0; i < 21; ++i) {
+    starts.push_back(Daemon(folder, "1").StartMs());
+  }
+  std::printf("%-52s %8.3f ms\n", "start to first answer", Median(starts));
+}
+
+void Run(const std::string& folder) {
+  MeasureStart(folder);
+  const std::string simulator_path = std::string(kBin) + "/field_simulator";
+  ChildProcess closing({simulator_path, "--devices", "31", "--fault", "*=close-after"}, true);
+  ChildProcess silent({simulator_path, "--devices", "31", "--fault", "*=silence"}, true);
+  const std::vector<Device> closing_devices = ReadDevices(closing);
+  {
+    const Daemon daemon(folder, "1");
+    MeasureMemory(daemon, ReadDevices(silent));
+    MeasureIdle(daemon);
+    MeasureEcho(daemon, folder);
+    MeasureDevices(daemon, closing_devices, "31 devices that answer and close, default log level");
+  }
+  const Daemon daemon(folder, "3");
+  MeasureDevices(daemon, closing_devices, "31 devices that answer and close, LogLevel 3");
+}
+
+}  // namespace
+
+}  // namespace tmsc::bench
+
+int main() {
+  std::string folder;
+  int status = 0;
+  try {
+    folder = tmsc::bench::MakeFolder();
+    tmsc::bench::Run(folder);
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "daemon_bench: %s\n", failure.what());
+    status = 1;
+  }
+  std::error_code ignored;
+  std::filesystem::remove_all(folder, ignored);
+  return status;
+}

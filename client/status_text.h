@@ -1,0 +1,19 @@
+#ifndef TAMSEL_STATUS_TEXT_H_
+#define TAMSEL_STATUS_TEXT_H_
+
+#include <string>
+
+#include "communication_common.h"
+
+namespace tmsc {
+
+/// The status of a whole request, ReceiveData::status, in plain words.
+std::string StatusText(int request_status);
+
+/// The status byte of one device of a TCP/IP request in plain words; failures that came together
+/// are joined with " + ".
+std::string TcpDeviceStatusText(byte device_status);
+
+}  // namespace tmsc
+
+#endif  // TAMSEL_STATUS_TEXT_H_

@@ -1,0 +1,89 @@
+#include "access_worker_request/tcpip_access_request.h"
+
+#include <Poco/Exception.h>
+#include <Poco/Thread.h>
+
+#include <exception>
+
+#include "log/logger_log.h"
+#include "utility/constant_string.h"
+
+namespace tmsc {
+
+namespace {
+const std::string& kLogTag = ConstantString("TCPIPAReq");
+// Bytes. Plenty for a unit, and small enough that the C library keeps the stacks for the next
+// request.
+constexpr int kStackSize = 256 * 1024;
+}  // namespace
+
+TCPIPAccessRequest::TCPIPAccessRequest(DataHeader* header, DeviceAccessTCPIP* device_access_tcpip,
+                                       std::promise<std::shared_ptr<CommunicationResult>>* promise)
+    : AccessRequest(promise), p_header_(header), p_device_access_tcpip_(device_access_tcpip) {}
+
+TCPIPAccessRequest::~TCPIPAccessRequest() {
+  p_header_ = nullptr;
+  p_device_access_tcpip_ = nullptr;
+}
+
+void TCPIPAccessRequest::Execute() {
+  std::shared_ptr<CommunicationResult> result;
+  try {
+    result = ExchangeWithDevices();
+  } catch (const std::exception& failure) {
+    // The waiting caller gets an empty result, closes its connection and frees the channel.
+    LoggerLog::Error(kLogTag, std::string("request exception:") + failure.what());
+  }
+  promise_->set_value(std::move(result));
+}
+
+std::shared_ptr<CommunicationResult> TCPIPAccessRequest::ExchangeWithDevices() {
+  UnitList access_unit_list;
+  for (int i = 0; i < kMaxDeviceCountAtChannel; ++i) {
+    NetworkParams* network_params = &p_device_access_tcpip_->port_params[i];
+    if (network_params->address != 0) {
+      access_unit_list.push_back(
+          std::make_shared<TCPIPAccessUnit>(network_params, &p_device_access_tcpip_->send_data[i]));
+    }
+  }
+  RunUnits(access_unit_list);
+
+  auto record = CommunicationResult::AllocateRecord(kRequestDataTypeTCPIP);
+  for (const auto& unit : access_unit_list) {
+    const int address = unit->GetSendData()->address;
+    if (address < 1 || address > kMaxDeviceCountAtChannel) {
+      continue;  // no slot to answer in
+    }
+    DeviceReceiveData& slot = record->receive_data.receive_data[address - 1];
+    if (unit->ReceiveData() != nullptr) {
+      slot = *unit->ReceiveData();
+    } else {
+      slot.length = 0;
+    }
+    slot.status = static_cast<byte>(unit->Status());
+  }
+  return std::make_shared<CommunicationResult>(record.release());
+}
+
+void TCPIPAccessRequest::RunUnits(const UnitList& access_unit_list) {
+  // Threads and not a Poco::ThreadPool, which waits for each of its threads to run before it starts
+  // the next.
+  std::list<Poco::Thread> threads;
+  for (const auto& unit : access_unit_list) {
+    try {
+      threads.emplace_back();
+      threads.back().setStackSize(kStackSize);
+      threads.back().start(*unit);
+    } catch (const Poco::Exception& failure) {
+      LoggerLog::Error(kLogTag, "thread start exception:" + failure.displayText());
+      threads.pop_back();
+    }
+  }
+  LoggerLog::Debug(kLogTag, "joinAll wait");
+  for (Poco::Thread& thread : threads) {
+    thread.join();
+  }
+  LoggerLog::Verbose(kLogTag, "joinAll wait out");
+}
+
+}  // namespace tmsc

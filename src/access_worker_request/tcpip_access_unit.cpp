@@ -1,0 +1,279 @@
+#include "access_worker_request/tcpip_access_unit.h"
+
+#include <Poco/Exception.h>
+#include <arpa/inet.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <exception>
+#include <string_view>
+
+#include "log/logger_log.h"
+#include "logger_setting/logger_setting_manager.h"
+#include "socket_manager/tcp_socket_manager.h"
+#include "utility/constant_string.h"
+#include "utility/deadline.h"
+#include "utility/string_util.h"
+
+namespace tmsc {
+
+namespace {
+
+const std::string& kLogTag = ConstantString("TCPIPAUnit");
+
+constexpr std::size_t receive_buffer_size = sizeof(DeviceReceiveData);
+// MBAP header up to its length field: transaction, protocol, length (2 bytes each).
+constexpr int data_header_size = 6;
+constexpr int kFixedFramePort = 16001;
+constexpr int kFixedFrameLength = 133;
+constexpr int kHighestPort = 65535;
+
+constexpr int kDrainSilenceMs = 1000;  // for a device without a time-out
+constexpr int kDrainBytesMax = 64 * 1024;
+constexpr std::chrono::seconds kDrainTimeMax{5};
+
+std::string IpText(const NetworkParams& params) {
+  const std::string_view field(params.ip_address, sizeof(params.ip_address));
+  const std::size_t end = field.find('\0');
+  return std::string(end == std::string_view::npos ? std::string_view() : field.substr(0, end));
+}
+
+/// What inet_addr(3) reads, in the form with four parts only.
+bool IsDottedIpv4(const std::string& text) {
+  in_addr address{};
+  return std::count(text.begin(), text.end(), '.') == 3 && ::inet_aton(text.c_str(), &address) != 0;
+}
+
+std::string Bracketed(const std::string& text) {
+  return "[" + text + "]";
+}
+std::string Bracketed(int number) {
+  return Bracketed(std::to_string(number));
+}
+
+std::string DisplayText(const std::exception& failure) {
+  const auto* poco_failure = dynamic_cast<const Poco::Exception*>(&failure);
+  return poco_failure != nullptr ? poco_failure->displayText() : failure.what();
+}
+
+}  // namespace
+
+TCPIPAccessUnit::TCPIPAccessUnit(NetworkParams* network_params, SendData* send_data)
+    : p_network_params_(network_params), p_send_data_(send_data), ip_(IpText(*network_params)) {}
+
+TCPIPAccessUnit::~TCPIPAccessUnit() = default;
+
+int TCPIPAccessUnit::Status() {
+  return status_;
+}
+
+DeviceReceiveData* TCPIPAccessUnit::ReceiveData() {
+  return p_device_receive_data_.get();
+}
+
+SendData* TCPIPAccessUnit::GetSendData() {
+  return p_send_data_;
+}
+
+void TCPIPAccessUnit::run() {
+  if (p_network_params_->address == 0) {
+    return;
+  }
+  p_device_receive_data_.reset(
+      static_cast<DeviceReceiveData*>(std::calloc(1, receive_buffer_size)));
+  if (!p_device_receive_data_) {
+    status_ |= kTCPIPUnitStatusException;
+    return;
+  }
+  AccessDevice();
+}
+
+bool TCPIPAccessUnit::AccessDevice() {
+  if (FrameLength() == 0 || p_send_data_->address == 0) {
+    return true;
+  }
+  if (!IsPossible()) {
+    return false;
+  }
+  // Outside the try block: the handler removes the socket from the pool under its lock.
+  ExclusiveSocket exclusive;
+  try {
+    LoggerLog::Debug(kLogTag, Bracketed(ip_) + " " + Bracketed(p_network_params_->port) +
+                                  Bracketed(p_send_data_->address));
+    exclusive = TCPSocketManager::GetInstance()->LockSocket(ip_, p_network_params_->port,
+                                                            p_send_data_->address);
+    return Exchange(*exclusive.socket);
+  } catch (const std::exception& failure) {
+    LoggerLog::Debug(kLogTag, "Exception " + Bracketed(ip_) + Bracketed(DisplayText(failure)));
+    status_ |= kTCPIPUnitStatusException;
+    if (exclusive.socket) {
+      Forget(*exclusive.socket);
+    }
+    return false;
+  }
+}
+
+int TCPIPAccessUnit::FrameLength() const {
+  return p_send_data_->send_data[0] | p_send_data_->send_data[1] << 8;
+}
+
+/// Refuses entries that no exchange can make sense of.
+bool TCPIPAccessUnit::IsPossible() {
+  const int address = p_send_data_->address;
+  const std::string device = "dev" + Bracketed(address);
+  if (address > kMaxDeviceCountAtChannel) {
+    return Refuse(kTCPIPUnitStatusConnectError, "Dev addr err. " + device);
+  }
+  if (FrameLength() > kMaxSendFrameLength) {
+    return Refuse(kTCPIPUnitStatusSendReceiveError,
+                  "Snd dat len err. " + device + " len" + Bracketed(FrameLength()));
+  }
+  if (!IsDottedIpv4(ip_)) {
+    return Refuse(kTCPIPUnitStatusConnectError, "IP addr err. " + device);
+  }
+  if (p_network_params_->port < 1 || p_network_params_->port > kHighestPort) {
+    return Refuse(kTCPIPUnitStatusConnectError,
+                  "Port err. " + device + " port" + Bracketed(p_network_params_->port));
+  }
+  return true;
+}
+
+bool TCPIPAccessUnit::Exchange(TCPSocket& socket) {
+  if (!Connect(socket) || !Send(socket) || !ReceiveHeader(socket)) {
+    return false;
+  }
+  const byte* data = p_device_receive_data_->data;
+  const int data_length = p_network_params_->port == kFixedFramePort
+                              ? kFixedFrameLength
+                              : (data[4] << 8 | data[5]) + data_header_size;
+  LoggerLog::Debug(
+      kLogTag, "Dat Len " + Bracketed(ip_) + Bracketed(data_length) + Bracketed(data_header_size));
+  if (data_length > kDeviceCommunicationReceiveDataBuffSize) {
+    return Fail(socket, kTCPIPUnitStatusSendReceiveError, LoggerLog::Info,
+                "Rcv dat size too large." + Bracketed(ip_));
+  }
+  if (!ReceiveBody(socket, data_length)) {
+    return false;
+  }
+  p_device_receive_data_->length = static_cast<std::int16_t>(data_length);
+  LoggerLog::Debug(kLogTag, "rcvBytes " + Bracketed(ip_) +
+                                Bracketed(StringUtil::BytesToHexString(
+                                    data, static_cast<unsigned int>(data_length))));
+  if (!Drain(socket)) {
+    Forget(socket);
+  }
+  return true;
+}
+
+bool TCPIPAccessUnit::Connect(TCPSocket& socket) {
+  if (LoggerSettingManager::GetInstance()->IsTcpReuseCheck() && socket.IsSocketCreated() &&
+      !socket.IsReusable()) {
+    LoggerLog::Debug(kLogTag, "Con not reusable " + Bracketed(ip_));
+    socket.Close();
+  }
+  const int read_write_timeout = p_network_params_->timeout;
+  const int result = socket.Connect(read_write_timeout);
+  if (result != 0) {
+    return Fail(socket, kTCPIPUnitStatusConnectError, LoggerLog::Debug,
+                "Con err.  " + Bracketed(ip_) + Bracketed(result));
+  }
+  socket.SetReadWriteTimeout(read_write_timeout, read_write_timeout);
+  return true;
+}
+
+bool TCPIPAccessUnit::Send(TCPSocket& socket) {
+  const int send_data_length = FrameLength();
+  LoggerLog::Debug(kLogTag, "sendBytes " + Bracketed(ip_) +
+                                Bracketed(StringUtil::BytesToHexString(
+                                    Frame(), static_cast<unsigned int>(send_data_length))));
+  const int sent_size = socket.SendBytes(Frame(), send_data_length);
+  if (sent_size != send_data_length) {
+    return Fail(socket, kTCPIPUnitStatusSendReceiveError, LoggerLog::Info,
+                "Could not snd dat " + Bracketed(ip_) + Bracketed(sent_size));
+  }
+  return true;
+}
+
+bool TCPIPAccessUnit::ReceiveHeader(TCPSocket& socket) {
+  int receive_size = 0;
+  while (receive_size < data_header_size) {
+    const int read_size = socket.ReceiveBytes(p_device_receive_data_->data + receive_size,
+                                              data_header_size - receive_size);
+    if (read_size <= 0) {
+      return Fail(socket, kTCPIPUnitStatusSendReceiveError, LoggerLog::Info,
+                  "Read dat err." + Bracketed(ip_) + " size" + Bracketed(read_size));
+    }
+    receive_size += read_size;
+  }
+  return true;
+}
+
+bool TCPIPAccessUnit::ReceiveBody(TCPSocket& socket, int data_length) {
+  int receive_size = data_header_size;
+  while (receive_size < data_length) {
+    const int read_size = socket.ReceiveBytes(p_device_receive_data_->data + receive_size,
+                                              data_length - receive_size);
+    if (read_size <= 0) {
+      return Fail(socket, kTCPIPUnitStatusSendReceiveError, LoggerLog::Info,
+                  "Read dat err." + Bracketed(ip_));
+    }
+    receive_size += read_size;
+    LoggerLog::Debug(kLogTag, "Rcv dat " + Bracketed(ip_) + Bracketed(receive_size) + " / " +
+                                  Bracketed(data_length));
+  }
+  return true;
+}
+
+/// Discards what the device sends behind its frame, until it is silent or closes the connection.
+/// False when it does neither within the bounds: what it sends later would pass for an answer.
+bool TCPIPAccessUnit::Drain(TCPSocket& socket) const {
+  const int device_timeout = p_network_params_->timeout;
+  const int silence_ms = LoggerSettingManager::GetInstance()->GetTcpDrainTimeout().value_or(
+      device_timeout > 0 ? device_timeout : kDrainSilenceMs);
+  if (silence_ms == 0) {
+    return true;
+  }
+  const Deadline end(kDrainTimeMax);
+  int drained = 0;
+  for (int loop_cnt = 0; drained < kDrainBytesMax; ++loop_cnt) {
+    const Deadline silence{std::chrono::milliseconds(silence_ms)};
+    const bool is_last_wait = end.Moment() < silence.Moment();
+    if (WaitForDescriptor(socket.GetDescriptor(), POLLIN, is_last_wait ? end : silence) == 0) {
+      return !is_last_wait;
+    }
+    unsigned char tmpbuf[1024];
+    const int read_size = socket.ReceiveBytes(tmpbuf, sizeof(tmpbuf));
+    if (read_size <= 0) {
+      return true;
+    }
+    if (loop_cnt % 10 == 1) {
+      LoggerLog::Verbose(kLogTag, "ReceiveBytes loop cnt:" + std::to_string(loop_cnt));
+    }
+    drained += read_size;
+  }
+  return false;
+}
+
+bool TCPIPAccessUnit::Refuse(int status, const std::string& text) {
+  LoggerLog::Warn(kLogTag, text);
+  status_ |= status;
+  return false;
+}
+
+bool TCPIPAccessUnit::Fail(TCPSocket& socket, int status, LogCall log, const std::string& text) {
+  log(kLogTag, text);
+  status_ |= status;
+  Forget(socket);
+  return false;
+}
+
+/// Closes the connection, so that the next exchange with the device connects afresh.
+void TCPIPAccessUnit::Forget(TCPSocket& socket) {
+  socket.Close();
+  TCPSocketManager::GetInstance()->RemoveSocket(ip_, p_network_params_->port,
+                                                p_send_data_->address);
+}
+
+}  // namespace tmsc

@@ -1,0 +1,108 @@
+#ifndef TAMSEL_LOGGER_SETTING_LOGGER_SETTING_MANAGER_H_
+#define TAMSEL_LOGGER_SETTING_LOGGER_SETTING_MANAGER_H_
+
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+#include "utility/constant_string.h"
+#include "utility/singleton.h"
+
+namespace tmsc {
+
+/// The settings file that holds unless the environment variable below names another.
+inline const std::string& kLoggerSettingXmlFilePath =
+    ConstantString("/usr/local/etc/velmorahome/SettingsXML/LoggerSetting.xml");
+/// Environment variable that names another settings file, for development, tests and packages.
+inline const std::string& kLoggerSettingFileVariable = ConstantString("TAMSEL_SETTING_FILE");
+
+inline const std::string& kSettingTagTamselComWatchdogPath =
+    ConstantString("TamselComWatchdogFilePath");
+inline const std::string& kSettingTagComSocketPath = ConstantString("ComSocketPath");
+inline const std::string& kSettingTagWatchdogFileUpdateInterval =
+    ConstantString("WatchdogFileUpdateInterval");
+inline const std::string& kSettingTagSDCardPath = ConstantString("SdcardPath");
+inline const std::string& kSettingTagMaxLogRollIndex = ConstantString("LoggerComLogMaxRollIndex");
+inline const std::string& kSettingTagMaxLogFileSize = ConstantString("LoggerComLogMaxFileSize");
+inline const std::string& kSettingTagTamselComStartComFailedCloseCount =
+    ConstantString("TamselComStartComFailedCloseCount");
+inline const std::string& kSettingTagEnableLogBufferedIO = ConstantString("EnableLogBufferedIO");
+inline const std::string& kSettingTagLogLevel = ConstantString("LogLevel");
+inline const std::string& kSettingTagLoggerLogMaxBufferdSize =
+    ConstantString("LoggerLogMaxBufferedSize");
+inline const std::string& kSettingTagApiRetryCount = ConstantString("ApiRetryCount");
+inline const std::string& kSettingTagApiRetryInterval = ConstantString("ApiRetryInterval");
+inline const std::string& kSettingTagTcpDrainTimeout = ConstantString("TcpDrainTimeout");
+inline const std::string& kSettingTagTcpReuseCheck = ConstantString("TcpReuseCheck");
+
+constexpr int kLoggerLogLogLevelDefault = 1;
+constexpr int kTamselComStartComFailedCloseCountInit = 100;
+constexpr int kTamselComStartComFailedCloseCountMin = 1;
+constexpr int kTamselComStartComFailedCloseCountMax = 1000;
+
+/// All settings of the daemon: built-in defaults, overlaid once, at construction, with the settings
+/// file. docs/settings.md tables the keys.
+///
+/// The store never changes afterwards, so any thread may call the getters. No getter fails: a value
+/// that is missing or is no number gives the fallback named at the getter.
+class LoggerSettingManager : public Singleton<LoggerSettingManager> {
+ public:
+  LoggerSettingManager();
+  virtual ~LoggerSettingManager() = default;
+
+  /// The settings file that LoadXml reads.
+  static std::string SettingFilePath();
+
+  void SetupDefaultSetting();
+  /// Takes over each child element of the file's root element LoggerSetting. A file that is missing
+  /// or is no XML changes nothing.
+  void LoadXml();
+
+  /// The value of `key` as a decimal number, characters behind it ignored; `default_value` when
+  /// there is none.
+  int GetIntvalueFromSettingItems(const std::string& key, int default_value);
+
+  /// File whose time stamp shows that the daemon is alive.
+  std::string GetTamselComWatchdogPath();
+  /// Unix-domain socket of the request server.
+  std::string GetComSocketPath();
+  /// Seconds between two touches of the watchdog file; fallback 30.
+  int GetWatchdogFileUpdateInterval();
+  /// Directory of the log on the card.
+  std::string GetLogDirectory();
+  /// Number of rotated log files; fallback 12.
+  int GetMaxLogRollIndex();
+  /// Size text of one log file, for StringUtil::StringFileSizeToLogFileSize.
+  std::string GetMaxLogFileSize();
+  /// RS485 start failures in a row that close the port, 1 to 1000; 100 in place of a value outside,
+  /// with an Error line.
+  int GetTamselComStartComFailedCloseCount();
+  /// Whether log text is gathered before it is written; fallback true.
+  bool IsEnableLogBufferedIO();
+  /// Lowest log level, 0 (Verbose) to 5 (Fatal); fallback 1.
+  int GetLogLevel();
+  /// Bytes of gathered log text that trigger a write; fallback 4096.
+  int GetLoggerLogMaxBufferdSize();
+  /// Extra attempts of a serial-library call; fallback 3.
+  int GetMWApiRetryCount();
+  /// Milliseconds between two attempts of a serial-library call; fallback 100.
+  int GetMWApiRetryInterval();
+  /// Milliseconds of silence that end the drain after a TCP/IP answer, 0 for no drain; nothing when
+  /// not set or negative: the device's own time-out then counts.
+  std::optional<int> GetTcpDrainTimeout();
+  /// Whether a pooled TCP/IP connection is tested before it is used again; fallback false.
+  bool IsTcpReuseCheck();
+
+  /// Logs the values of the getters at Debug.
+  void TestLoggerSetting();
+
+ private:
+  /// The value of `key`; empty when absent. Never adds the key.
+  std::string Find(const std::string& key) const;
+
+  std::unordered_map<std::string, std::string> logger_setting_map_;
+};
+
+}  // namespace tmsc
+
+#endif  // TAMSEL_LOGGER_SETTING_LOGGER_SETTING_MANAGER_H_

@@ -1,0 +1,141 @@
+#include "tamsel_communication_manager.h"
+
+#include "log/logger_log.h"
+#include "utility/constant_string.h"
+#include "utility/file_util.h"
+
+namespace tmsc {
+
+namespace {
+const std::string& kLogTag = ConstantString("TMSCommMgr");
+constexpr long kComLogFlushInterval = 300000;
+constexpr std::chrono::milliseconds kPassTime{500};
+constexpr std::chrono::seconds kOutageWait{10};
+}  // namespace
+
+TamselCommunicationManager::TamselCommunicationManager()
+    : watchdog_(std::make_unique<Watchdog>()) {}
+
+TamselCommunicationManager::~TamselCommunicationManager() {
+  Kill();
+  if (server_) {
+    server_->Stop();
+    server_thread_->join();
+  }
+}
+
+void TamselCommunicationManager::Start() {
+  if (!server_thread_) {
+    StartServices();
+  }
+  if (!log_flush_timer_) {
+    log_flush_timer_ = std::make_unique<Poco::Timer>(kComLogFlushInterval, kComLogFlushInterval);
+    log_flush_timer_->start(Poco::TimerCallback<TamselCommunicationManager>(
+        *this, &TamselCommunicationManager::OnLogFlushTimer));
+  }
+  LoggerLog::Flush();
+  UnblockDaemonSignals();
+  while (is_server_running_) {
+    RunPass();
+  }
+}
+
+void TamselCommunicationManager::StartServices() {
+  LoggerLog::Info(kLogTag, "Start AppVer:" + kAppVersion);
+  watchdog_->StartWatchdog();
+  server_ = std::make_unique<CommunicationServer>();
+  server_thread_ = std::make_unique<Poco::Thread>();
+  LoggerLog::Info(kLogTag, "Start Svr");
+  server_thread_->start(*server_);
+  is_server_running_ = true;
+}
+
+void TamselCommunicationManager::RunPass() {
+  ServeSignalsFor(kPassTime);
+  if (is_outage_ && is_outage_recovery_) {
+    is_outage_ = false;
+    is_outage_recovery_ = false;
+    return;
+  }
+  if (!is_power_off_state_ && is_outage_) {
+    is_outage_ = false;
+    PowerOffStateWork();
+    is_power_off_state_ = true;
+  }
+  if (is_power_off_state_ && is_outage_recovery_) {
+    is_outage_recovery_ = false;
+    PowerOnStateWork();
+    is_power_off_state_ = false;
+  }
+}
+
+/// Waits for the whole of the duration and runs each notification as it arrives.
+void TamselCommunicationManager::ServeSignalsFor(std::chrono::milliseconds duration) {
+  const Deadline deadline(duration);
+  while (const auto notification = signal_pipe_.Wait(deadline)) {
+    switch (*notification) {
+      case SignalNotification::kStop:
+        Kill();
+        break;
+      case SignalNotification::kOutage:
+        NotifyOutage();
+        break;
+      case SignalNotification::kOutageRecovery:
+        NotifyOutageRecovery();
+        break;
+    }
+  }
+}
+
+void TamselCommunicationManager::PowerOffStateWork() {
+  LoggerLog::Info(kLogTag, "PowerOffStateWork");
+  LoggerLog::Verbose(kLogTag, "outage wait in");
+  ServeSignalsFor(kOutageWait);
+  LoggerLog::Verbose(kLogTag, "outage wait out");
+  FileUtil::GetInstance()->SetLogWriteEnable(false);
+  LoggerLog::Flush();
+  LoggerLog::Info(kLogTag, "PowerOffStateWork end");
+}
+
+void TamselCommunicationManager::PowerOnStateWork() {
+  FileUtil::GetInstance()->SetLogWriteEnable(true);
+  LoggerLog::Info(kLogTag, "PowerOnStateWork");
+  LoggerLog::Flush();
+  LoggerLog::Info(kLogTag, "PowerOnStateWork end");
+}
+
+void TamselCommunicationManager::Kill() {
+  LoggerLog::Flush();
+  is_server_running_ = false;
+  if (watchdog_) {
+    watchdog_->StopWatchdog();
+    watchdog_.reset();
+  }
+  if (log_flush_timer_) {
+    log_flush_timer_->stop();
+    log_flush_timer_.reset();
+  }
+  LoggerLog::Info(kLogTag, "Kill comp.");
+  LoggerLog::Flush();
+}
+
+void TamselCommunicationManager::NotifyOutage() {
+  LoggerLog::Info(kLogTag, "NotifyOutage");
+  is_outage_ = true;
+  is_outage_recovery_ = false;
+}
+
+void TamselCommunicationManager::NotifyOutageRecovery() {
+  LoggerLog::Info(kLogTag, "NotifyOutageRecovery");
+  is_outage_recovery_ = true;
+}
+
+void TamselCommunicationManager::Post(SignalNotification notification) noexcept {
+  signal_pipe_.Notify(notification);
+}
+
+void TamselCommunicationManager::OnLogFlushTimer(Poco::Timer& /*timer*/) {
+  LoggerLog::Flush();
+}
+
+}  // namespace tmsc

@@ -1,0 +1,11 @@
+#include "worker_thread/request.h"
+
+namespace tmsc {
+
+Request::Request() = default;
+
+Request::~Request() = default;
+
+void Request::Execute() {}
+
+}  // namespace tmsc

@@ -1,0 +1,236 @@
+#include "field_simulator.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <chrono>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+#include "utility/descriptor.h"
+
+namespace tmsc::simulator {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t kEnough = 100000;
+
+/// Connects; the descriptor is not open when the device refuses.
+Descriptor Connect(std::uint16_t port, const char* ip_address = "127.0.0.1") {
+  Descriptor descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in endpoint{};
+  endpoint.sin_family = AF_INET;
+  endpoint.sin_port = htons(port);
+  inet_pton(AF_INET, ip_address, &endpoint.sin_addr);
+  if (connect(descriptor.Get(), reinterpret_cast<sockaddr*>(&endpoint), sizeof(endpoint)) != 0) {
+    descriptor.Reset();
+  }
+  return descriptor;
+}
+
+Bytes Request(int unit, int start_register, int function = 3, int last = 2) {
+  const auto low = [](int value) { return static_cast<std::uint8_t>(value & 0xFF); };
+  return {0,
+          9,
+          0,
+          0,
+          0,
+          6,
+          low(unit),
+          low(function),
+          low(start_register >> 8),
+          low(start_register),
+          low(last >> 8),
+          low(last)};
+}
+
+/// What came back, and when.
+struct Received {
+  Bytes bytes;
+  int first_ms = 0;
+  int last_ms = 0;
+  bool closed = false;
+};
+
+/// Sends the request, then reads until the device closes, `enough` bytes are there or nothing has
+/// come for `silence_ms`.
+Received Exchange(const Descriptor& descriptor, const Bytes& request, int silence_ms,
+                  std::size_t enough = kEnough) {
+  const auto start = Clock::now();
+  Received received;
+  EXPECT_EQ(static_cast<ssize_t>(request.size()),
+            send(descriptor.Get(), request.data(), request.size(), MSG_NOSIGNAL));
+  pollfd readable = {descriptor.Get(), POLLIN, 0};
+  std::array<std::uint8_t, 4096> buffer{};
+  while (received.bytes.size() < enough && poll(&readable, 1, silence_ms) == 1) {
+    const ssize_t size = recv(descriptor.Get(), buffer.data(), buffer.size(), 0);
+    if (size <= 0) {
+      received.closed = true;
+      break;
+    }
+    received.last_ms = static_cast<int>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
+    received.first_ms = received.bytes.empty() ? received.last_ms : received.first_ms;
+    received.bytes.insert(received.bytes.end(), buffer.begin(), buffer.begin() + size);
+  }
+  return received;
+}
+
+bool WaitFor(const std::function<bool()>& condition) {
+  for (int pass = 0; pass < 200 && !condition(); ++pass) {
+    poll(nullptr, 0, 10);
+  }
+  return condition();
+}
+
+/// Registers 0 and 1 of device 2.
+const Bytes kReply = {0, 9, 0, 0, 0, 7, 2, 3, 4, 0x07, 0xD0, 0x07, 0xD1};
+
+Bytes Altered(std::size_t size, int length_field) {
+  Bytes frame = kReply;
+  for (std::size_t index = frame.size(); index < size; ++index) {
+    frame.push_back(static_cast<std::uint8_t>(index));
+  }
+  frame.resize(size);
+  frame[4] = static_cast<std::uint8_t>(length_field >> 8);
+  frame[5] = static_cast<std::uint8_t>(length_field);
+  return frame;
+}
+
+Bytes Twice(const Bytes& frame) {
+  Bytes both = frame;
+  both.insert(both.end(), frame.begin(), frame.end());
+  return both;
+}
+
+TEST(FieldSimulatorTest, FaultsBySettingAndByRegister) {
+  struct Case {
+    Fault fault;
+    int start_register;
+    Bytes expected;
+    int first_ms;
+    int last_ms;
+    bool closed;
+  };
+  const Case cases[] = {
+      {FaultKind::kNone, 20000, kReply, 0, 0, false},
+      {{FaultKind::kDelay, 80}, 20108, kReply, 80, 80, false},
+      {FaultKind::kSilence, 20200, {}, 0, 0, false},
+      {FaultKind::kCloseAfter, 20400, kReply, 0, 0, true},
+      {FaultKind::kCloseBefore, 20500, {}, 0, 0, true},
+      {FaultKind::kCloseMidFrame, 20600, Bytes(kReply.begin(), kReply.begin() + 6), 0, 0, true},
+      {{FaultKind::kPieces, 5}, 20705, kReply, 0, 40, false},
+      {{FaultKind::kSplitHeader, 60}, 20806, kReply, 0, 60, false},
+      {FaultKind::kTooLong, 20900, Altered(439, 433), 0, 0, false},
+      {FaultKind::kLongest, 21000, Altered(438, 432), 0, 0, false},
+      {FaultKind::kWrongLength, 21100, Altered(13, 17), 0, 0, false},
+      {FaultKind::kZeroLength, 21200, Altered(6, 0), 0, 0, false},
+      {{FaultKind::kLate, 90}, 21409, Twice(kReply), 0, 90, false},
+      {FaultKind::kFixed, 21600, FixedFrame(), 0, 0, false},
+  };
+  FieldSimulator simulator({{{1, "127.0.0.1", 0, {}}, {2, "127.0.0.1", 0, {}}}, false});
+  simulator.Start();
+  for (const Case& each : cases) {
+    for (const bool by_register : {false, true}) {
+      SCOPED_TRACE(std::to_string(each.start_register) + (by_register ? " register" : " set"));
+      simulator.SetFault(2, by_register ? Fault() : each.fault);
+      const Descriptor descriptor = Connect(simulator.Port(2));
+      const Bytes request = Request(2, by_register ? each.start_register : 0);
+      const Received received = Exchange(descriptor, request, 2000, each.expected.size());
+      EXPECT_EQ(each.expected, received.bytes);
+      const Received rest = Exchange(descriptor, {}, each.closed ? 2000 : 30);
+      EXPECT_EQ(Bytes(), rest.bytes);
+      EXPECT_EQ(each.closed, rest.closed);
+      EXPECT_GE(received.first_ms, each.first_ms);
+      EXPECT_GE(received.last_ms, each.last_ms);
+    }
+  }
+  EXPECT_EQ(2 * std::size(cases), simulator.RequestsReceived(2));
+  EXPECT_EQ(2 * std::size(cases), simulator.ConnectionsAccepted(2));
+  EXPECT_EQ(0U, simulator.RequestsReceived(1));
+}
+
+TEST(FieldSimulatorTest, EndlessStopsWithItsPeerAndHoldsUpNobody) {
+  FieldSimulator simulator({{{1, "127.0.0.1", 0, FaultKind::kEndless}, {2}}, false});
+  simulator.Start();
+  {
+    const Descriptor endless = Connect(simulator.Port(1));
+    EXPECT_GE(Exchange(endless, Request(1, 0), 1000).bytes.size(), kEnough);
+    const Descriptor other = Connect(simulator.Port(2));
+    EXPECT_EQ(kReply, Exchange(other, Request(2, 0), 1000, kReply.size()).bytes);
+  }
+  EXPECT_TRUE(WaitFor([&] { return simulator.OpenConnections() == 0; }));
+}
+
+TEST(FieldSimulatorTest, RefusesAndListensAgainOnTheSamePort) {
+  FieldSimulator simulator({{{2, "127.0.0.1", 0, FaultKind::kRefuse}}, false});
+  simulator.Start();
+  const std::uint16_t port = simulator.Port(2);
+  EXPECT_FALSE(Connect(port).IsOpen());
+  simulator.SetFault(2, FaultKind::kNone);
+  const Descriptor descriptor = Connect(port);
+  EXPECT_EQ(kReply, Exchange(descriptor, Request(2, 0), 1000, kReply.size()).bytes);
+  simulator.SetFault(2, {FaultKind::kDelay, 40});
+  EXPECT_EQ(Bytes(), Exchange(descriptor, Request(2, 0), 0).bytes);
+  EXPECT_TRUE(WaitFor([&] { return simulator.RequestsReceived(2) == 2; }));
+  simulator.SetFault(2, FaultKind::kRefuse);
+  EXPECT_TRUE(Exchange(descriptor, {}, 1000).closed);
+  EXPECT_FALSE(Connect(port).IsOpen());
+  // The answer that was due on the closed connection does no harm.
+  poll(nullptr, 0, 60);
+  simulator.SetFault(2, FaultKind::kNone);
+  EXPECT_EQ(kReply, Exchange(Connect(port), Request(2, 0), 1000, kReply.size()).bytes);
+}
+
+TEST(FieldSimulatorTest, GatewayChoosesByUnitAndWritesStay) {
+  FieldSimulator simulator({{{2}, {3, "127.0.0.1", 0, FaultKind::kSilence}}, true});
+  simulator.Start();
+  ASSERT_EQ(simulator.Port(2), simulator.Port(3));
+  const Bytes write = Request(2, 1, 6, 0x1234);
+  EXPECT_EQ(write, Exchange(Connect(simulator.Port(2)), write, 1000, write.size()).bytes);
+  const Descriptor descriptor = Connect(simulator.Port(2));
+  EXPECT_EQ(Bytes(), Exchange(descriptor, Request(3, 0), 50).bytes);
+  const Bytes written = {0, 9, 0, 0, 0, 7, 2, 3, 4, 0x07, 0xD0, 0x12, 0x34};
+  EXPECT_EQ(written, Exchange(descriptor, Request(2, 0), 1000, written.size()).bytes);
+  const Bytes no_such_unit = {0, 9, 0, 0, 0, 3, 4, 0x83, 11};
+  EXPECT_EQ(no_such_unit, Exchange(descriptor, Request(4, 0), 1000, no_such_unit.size()).bytes);
+  EXPECT_EQ(1U, simulator.RequestsReceived(3));
+  EXPECT_EQ(2U, simulator.ConnectionsAccepted(3));
+  EXPECT_THROW(simulator.SetFault(2, FaultKind::kRefuse), std::invalid_argument);
+}
+
+TEST(FieldSimulatorTest, FixedFramePortAnswersAnyBytesAndAppliesTheFault) {
+  // An address of its own, as the port cannot be chosen.
+  const char* ip_address = "127.83.77.1";
+  FieldSimulator simulator({{{1, ip_address, kFixedFramePort, FaultKind::kCloseAfter}}, false});
+  simulator.Start();
+  const Received received = Exchange(Connect(kFixedFramePort, ip_address), {'x'}, 1000);
+  EXPECT_EQ(FixedFrame(), received.bytes);
+  EXPECT_TRUE(received.closed);
+  FieldSimulator second({{{1, ip_address, kFixedFramePort, {}}}, false});
+  EXPECT_THROW(second.Start(), std::system_error);
+}
+
+TEST(FaultTest, RefusesWhatDoesNotFit) {
+  const Fault pieces = Fault::Parse("pieces:7:90");
+  EXPECT_EQ(FaultKind::kPieces, pieces.Kind());
+  EXPECT_EQ(7, pieces.Parameter(0));
+  EXPECT_EQ(90, pieces.Parameter(1));
+  for (const char* text : {"", "unheard", "pieces:0", "pieces:439", "delay:", "delay:-1", "delay:x",
+                           "delay:1:2", "silence:1", "pieces:1:2:3"}) {
+    EXPECT_THROW(Fault::Parse(text), std::invalid_argument) << text;
+  }
+  for (const int start_register : {0, 19999, 20001, 20300, 21700, 65535}) {
+    EXPECT_FALSE(Fault::OfRegister(start_register)) << start_register;
+  }
+}
+
+}  // namespace
+}  // namespace tmsc::simulator

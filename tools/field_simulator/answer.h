@@ -1,0 +1,37 @@
+#ifndef TAMSEL_FIELD_SIMULATOR_ANSWER_H_
+#define TAMSEL_FIELD_SIMULATOR_ANSWER_H_
+
+#include <chrono>
+#include <cstdint>
+#include <vector>
+
+namespace tmsc::simulator {
+
+/// The bytes of one frame or of a part of one.
+using Bytes = std::vector<std::uint8_t>;
+
+/// Bytes that go out together.
+struct Piece {
+  Bytes bytes;
+  /// How long the device waits before this piece, counted from the piece before it.
+  std::chrono::milliseconds pause{0};
+  /// A stray piece holds up nothing: answers to later requests may overtake it.
+  bool stray = false;
+};
+
+/// What becomes of the connection once every piece is out.
+enum class Ending {
+  kKeepOpen,
+  kClose,
+  kEndless,  ///< Filling bytes follow as fast as the peer reads, until it closes.
+};
+
+/// Everything a device sends for one request, and when.
+struct Answer {
+  std::vector<Piece> pieces;
+  Ending ending = Ending::kKeepOpen;
+};
+
+}  // namespace tmsc::simulator
+
+#endif  // TAMSEL_FIELD_SIMULATOR_ANSWER_H_

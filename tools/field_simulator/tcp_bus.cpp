@@ -1,0 +1,467 @@
+#include "tcp_bus.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <stdexcept>
+#include <system_error>
+
+namespace tmsc::simulator {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::uint64_t kWakeEventId = 0;
+constexpr std::size_t kReceiveSize = 4096;
+/// A connection with more pieces waiting is not read from until some are out.
+constexpr std::size_t kMaxQueuedPieces = 1024;
+/// How many blocks an endless answer sends before the other connections have their turn.
+constexpr int kEndlessBlocksAtOnce = 16;
+
+// The MBAP header: transaction 2 bytes, protocol 2 (0 for Modbus), length 2 (of what follows),
+// unit.
+constexpr std::size_t kHeaderLength = 6;
+constexpr std::size_t kUnitOffset = 6;
+constexpr std::size_t kFunctionOffset = 7;
+constexpr std::size_t kStartRegisterOffset = 8;
+constexpr std::size_t kReadRequestLength = 12;
+/// Unit and function at least; a Modbus frame of 260 bytes at most.
+constexpr int kSmallestLengthField = 2;
+constexpr int kLargestLengthField = 254;
+
+int BigEndian(const Bytes& bytes, std::size_t offset) {
+  return (bytes[offset] << 8) | bytes[offset + 1];
+}
+
+std::system_error SystemError(const std::string& what) {
+  return std::system_error(errno, std::generic_category(), what);
+}
+
+std::string EndpointText(const sockaddr_in& endpoint) {
+  std::array<char, INET_ADDRSTRLEN> text{};
+  inet_ntop(AF_INET, &endpoint.sin_addr, text.data(), text.size());
+  return std::string(text.data()) + ':' + std::to_string(ntohs(endpoint.sin_port));
+}
+
+/// Takes the next whole Modbus/TCP frame out of the input; empty when there is none yet. Bytes
+/// that cannot be a frame are dropped, as there is no telling where the next frame begins.
+Bytes TakeFrame(Bytes* input) {
+  if (input->size() < kHeaderLength) {
+    return {};
+  }
+  const int length = BigEndian(*input, 4);
+  if (BigEndian(*input, 2) != 0 || length < kSmallestLengthField || length > kLargestLengthField) {
+    input->clear();
+    return {};
+  }
+  const std::size_t size = kHeaderLength + static_cast<std::size_t>(length);
+  if (input->size() < size) {
+    return {};
+  }
+  const auto end = input->begin() + static_cast<std::ptrdiff_t>(size);
+  Bytes frame(input->begin(), end);
+  input->erase(input->begin(), end);
+  return frame;
+}
+
+/// The fault that the request's start register asks for; the request is made to read from 0 then.
+std::optional<Fault> TakeRequestedFault(Bytes* request) {
+  constexpr std::uint8_t kReadHoldingRegisters = 3;
+  if (request->size() < kReadRequestLength ||
+      (*request)[kFunctionOffset] != kReadHoldingRegisters) {
+    return std::nullopt;
+  }
+  const auto fault = Fault::OfRegister(BigEndian(*request, kStartRegisterOffset));
+  if (fault) {
+    (*request)[kStartRegisterOffset] = 0;
+    (*request)[kStartRegisterOffset + 1] = 0;
+  }
+  return fault;
+}
+
+}  // namespace
+
+TcpBus::TcpBus()
+    : epoll_(epoll_create1(EPOLL_CLOEXEC)),
+      wake_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      spare_(open("/dev/null", O_RDONLY | O_CLOEXEC)) {
+  if (!epoll_.IsOpen() || !wake_event_.IsOpen()) {
+    throw SystemError("cannot make the event loop");
+  }
+  Watch(wake_event_.Get(), kWakeEventId, EPOLLIN, EPOLL_CTL_ADD);
+}
+
+TcpBus::~TcpBus() {
+  Stop();
+}
+
+void TcpBus::AddListener(const std::string& ip_address, std::uint16_t port, bool gateway,
+                         std::vector<SimulatedDevice*> devices) {
+  auto listener = std::make_unique<Listener>();
+  listener->endpoint.sin_family = AF_INET;
+  listener->endpoint.sin_port = htons(port);
+  if (inet_pton(AF_INET, ip_address.c_str(), &listener->endpoint.sin_addr) != 1) {
+    throw std::invalid_argument("\"" + ip_address + "\" is not an IPv4 address");
+  }
+  listener->gateway = gateway;
+  listener->devices = std::move(devices);
+  Bind(listener.get());
+  const std::uint64_t id = ++last_id_;
+  if (gateway || listener->devices.front()->fault.Kind() != FaultKind::kRefuse) {
+    Listen(id, listener.get());
+  }
+  listeners_.emplace(id, std::move(listener));
+}
+
+void TcpBus::Start() {
+  // Signals are for the program the devices run in, never for their thread.
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  thread_ = std::thread(&TcpBus::Run, this);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void TcpBus::Stop() {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    stop_ = true;
+  }
+  eventfd_write(wake_event_.Get(), 1);
+  if (thread_.joinable()) {
+    thread_.join();
+  }
+  const std::lock_guard<std::mutex> lock(mutex_);
+  connections_.clear();
+  open_connections_ = 0;
+  for (const auto& [id, listener] : listeners_) {
+    listener->descriptor.Reset();
+  }
+}
+
+std::map<std::uint64_t, std::unique_ptr<TcpBus::Listener>>::const_iterator TcpBus::ListenerOf(
+    const SimulatedDevice& device) const {
+  const auto found = std::find_if(listeners_.begin(), listeners_.end(), [&](const auto& entry) {
+    const auto& devices = entry.second->devices;
+    return std::find(devices.begin(), devices.end(), &device) != devices.end();
+  });
+  if (found == listeners_.end()) {
+    throw std::logic_error("the device is not on the bus before Start");
+  }
+  return found;
+}
+
+std::uint16_t TcpBus::Port(const SimulatedDevice& device) const {
+  return ntohs(ListenerOf(device)->second->endpoint.sin_port);
+}
+
+std::uint64_t TcpBus::ConnectionsAccepted(const SimulatedDevice& device) const {
+  return ListenerOf(device)->second->accepted;
+}
+
+void TcpBus::SetFault(SimulatedDevice* device, const Fault& fault) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto& [id, listener] = *ListenerOf(*device);
+  const bool refuse = fault.Kind() == FaultKind::kRefuse;
+  if (refuse && listener->gateway) {
+    throw std::invalid_argument("a device cannot refuse behind a shared port");
+  }
+  if (refuse && listener->listening) {
+    StopListening(listener.get());
+  } else if (!refuse && !listener->listening) {
+    Listen(id, listener.get());
+  }
+  device->fault = fault;
+}
+
+void TcpBus::Bind(Listener* listener) {
+  Descriptor descriptor(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const int on = 1;
+  auto* address = reinterpret_cast<sockaddr*>(&listener->endpoint);
+  socklen_t length = sizeof(listener->endpoint);
+  if (!descriptor.IsOpen() ||
+      setsockopt(descriptor.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
+      bind(descriptor.Get(), address, length) != 0 ||
+      getsockname(descriptor.Get(), address, &length) != 0) {
+    throw SystemError("cannot bind " + EndpointText(listener->endpoint));
+  }
+  listener->descriptor = std::move(descriptor);
+}
+
+void TcpBus::Listen(std::uint64_t id, Listener* listener) {
+  if (!listener->descriptor.IsOpen()) {
+    Bind(listener);
+  }
+  if (listen(listener->descriptor.Get(), SOMAXCONN) != 0) {
+    throw SystemError("cannot listen on " + EndpointText(listener->endpoint));
+  }
+  Watch(listener->descriptor.Get(), id, EPOLLIN, EPOLL_CTL_ADD);
+  listener->listening = true;
+}
+
+void TcpBus::StopListening(Listener* listener) {
+  listener->listening = false;
+  listener->descriptor.Reset();
+  std::vector<std::uint64_t> ids;
+  for (const auto& [id, connection] : connections_) {
+    if (connection->listener == listener) {
+      ids.push_back(id);
+    }
+  }
+  std::for_each(ids.begin(), ids.end(), [this](std::uint64_t id) { Close(id); });
+  Bind(listener);
+}
+
+void TcpBus::Watch(int descriptor, std::uint64_t id, std::uint32_t events, int operation) {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = id;
+  if (epoll_ctl(epoll_.Get(), operation, descriptor, &event) != 0) {
+    throw SystemError("cannot watch a descriptor");
+  }
+}
+
+void TcpBus::Run() {
+  std::array<epoll_event, 64> events{};
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!stop_) {
+    const int wait_time = WaitTime();
+    lock.unlock();
+    const int count =
+        epoll_wait(epoll_.Get(), events.data(), static_cast<int>(events.size()), wait_time);
+    lock.lock();
+    for (int index = 0; index < count && !stop_; ++index) {
+      const epoll_event& event = events[static_cast<std::size_t>(index)];
+      HandleEvent(event.data.u64, event.events);
+    }
+    WakeConnections();
+  }
+}
+
+int TcpBus::WaitTime() const {
+  if (wakes_.empty()) {
+    return -1;
+  }
+  // Rounded up: a wait that ends a fraction too early would be followed by a row of empty ones.
+  const auto wait =
+      std::chrono::ceil<std::chrono::milliseconds>(wakes_.begin()->first - Clock::now());
+  return static_cast<int>(std::clamp<std::int64_t>(wait.count(), 0, INT_MAX));
+}
+
+void TcpBus::HandleEvent(std::uint64_t id, std::uint32_t events) {
+  if (id == kWakeEventId) {
+    eventfd_t ignored = 0;
+    eventfd_read(wake_event_.Get(), &ignored);
+    return;
+  }
+  if (const auto listener = listeners_.find(id); listener != listeners_.end()) {
+    if (listener->second->listening) {
+      Accept(listener->second.get());
+    }
+    return;
+  }
+  const auto found = connections_.find(id);
+  if (found == connections_.end()) {
+    return;
+  }
+  Connection* connection = found->second.get();
+  const bool gone =
+      (events & (EPOLLERR | EPOLLHUP)) != 0 || ((events & EPOLLIN) != 0 && !Receive(connection));
+  if (gone || !Transmit(connection)) {
+    Close(id);
+  }
+}
+
+void TcpBus::WakeConnections() {
+  const TimePoint now = Clock::now();
+  while (!wakes_.empty() && wakes_.begin()->first <= now) {
+    const std::uint64_t id = wakes_.begin()->second;
+    wakes_.erase(wakes_.begin());
+    Connection* connection = connections_.at(id).get();
+    connection->wake.reset();
+    if (!Transmit(connection)) {
+      Close(id);
+    }
+  }
+}
+
+void TcpBus::Accept(Listener* listener) {
+  Descriptor descriptor(
+      accept4(listener->descriptor.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+  if (!descriptor.IsOpen()) {
+    if (errno == EMFILE || errno == ENFILE) {
+      // Left in the queue, the connection would wake the loop for ever.
+      spare_.Reset();
+      Descriptor(accept4(listener->descriptor.Get(), nullptr, nullptr, SOCK_CLOEXEC)).Reset();
+      spare_.Reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    }
+    return;
+  }
+  const int on = 1;
+  setsockopt(descriptor.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+  auto connection = std::make_unique<Connection>();
+  connection->id = ++last_id_;
+  connection->descriptor = std::move(descriptor);
+  connection->listener = listener;
+  connection->interest = EPOLLIN;
+  Watch(connection->descriptor.Get(), connection->id, connection->interest, EPOLL_CTL_ADD);
+  connections_.emplace(connection->id, std::move(connection));
+  ++listener->accepted;
+  ++open_connections_;
+}
+
+void TcpBus::Close(std::uint64_t id) {
+  const auto found = connections_.find(id);
+  if (found->second->wake) {
+    wakes_.erase({*found->second->wake, id});
+  }
+  connections_.erase(found);
+  --open_connections_;
+}
+
+/// False when the peer has closed the connection.
+bool TcpBus::Receive(Connection* connection) {
+  std::array<std::uint8_t, kReceiveSize> buffer{};
+  const ssize_t size = recv(connection->descriptor.Get(), buffer.data(), buffer.size(), 0);
+  if (size <= 0) {
+    return size < 0 && (errno == EAGAIN || errno == EINTR);
+  }
+  connection->input.insert(connection->input.end(), buffer.begin(), buffer.begin() + size);
+  ServeInput(connection);
+  return true;
+}
+
+void TcpBus::ServeInput(Connection* connection) {
+  const Listener& listener = *connection->listener;
+  // A device that answers whatever comes has no notion of a frame: what is read at once is one
+  // request.
+  const bool unframed =
+      ntohs(listener.endpoint.sin_port) == kFixedFramePort ||
+      (!listener.gateway && listener.devices.front()->fault.Kind() == FaultKind::kFixed);
+  while (connection->ending == Ending::kKeepOpen) {
+    Bytes request = unframed ? std::exchange(connection->input, {}) : TakeFrame(&connection->input);
+    if (request.empty()) {
+      return;
+    }
+    Serve(connection, std::move(request));
+  }
+  connection->input.clear();
+}
+
+void TcpBus::Serve(Connection* connection, Bytes request) {
+  const Listener& listener = *connection->listener;
+  const bool fixed = ntohs(listener.endpoint.sin_port) == kFixedFramePort;
+  SimulatedDevice* device = listener.devices.front();
+  if (listener.gateway) {
+    const int unit = request.size() > kUnitOffset ? request[kUnitOffset] : 0;
+    const auto found =
+        std::find_if(listener.devices.begin(), listener.devices.end(),
+                     [unit](const auto* each) { return each->registers.Address() == unit; });
+    if (found == listener.devices.end()) {
+      if (!fixed) {
+        const Bytes frame = responder_.Exception(request, MODBUS_EXCEPTION_GATEWAY_TARGET);
+        Enqueue(connection, Fault().Play(frame));
+      }
+      return;
+    }
+    device = *found;
+  }
+  ++device->requests;
+  const Fault fault = TakeRequestedFault(&request).value_or(device->fault);
+  const bool modbus = !fixed && fault.Kind() != FaultKind::kFixed;
+  const Bytes frame = modbus ? responder_.Reply(request, &device->registers) : FixedFrame();
+  Enqueue(connection, fault.Play(frame));
+}
+
+void TcpBus::Enqueue(Connection* connection, Answer answer) {
+  TimePoint due = std::max(Clock::now(), connection->busy_until);
+  for (Piece& piece : answer.pieces) {
+    due += piece.pause;
+    if (!piece.stray) {
+      connection->busy_until = due;
+    }
+    auto& output = connection->output;
+    auto position = std::upper_bound(
+        output.begin(), output.end(), due,
+        [](TimePoint time, const QueuedPiece& queued) { return time < queued.due; });
+    if (position == output.begin() && !output.empty() && output.front().sent > 0) {
+      ++position;
+    }
+    output.insert(position, {due, std::move(piece.bytes), 0});
+  }
+  connection->ending = answer.ending;
+}
+
+/// False when the connection is over: the device closes it, or the peer has.
+bool TcpBus::Transmit(Connection* connection) {
+  bool blocked = false;
+  if (!SendQueued(connection, &blocked)) {
+    return false;
+  }
+  if (connection->output.empty() && connection->ending == Ending::kClose) {
+    return false;
+  }
+  Arm(connection, blocked);
+  return true;
+}
+
+/// Sends the pieces that are due, and the filling of an endless answer. False when the peer is
+/// gone; blocked: there is more to send than the peer has room for now.
+bool TcpBus::SendQueued(Connection* connection, bool* blocked) {
+  static const Bytes filling(kReceiveSize, 0xEE);
+  const int descriptor = connection->descriptor.Get();
+  auto& output = connection->output;
+  const TimePoint now = Clock::now();
+  while (!output.empty() && output.front().due <= now) {
+    QueuedPiece& piece = output.front();
+    const ssize_t size = send(descriptor, piece.bytes.data() + piece.sent,
+                              piece.bytes.size() - piece.sent, MSG_NOSIGNAL);
+    if (size < 0) {
+      *blocked = errno == EAGAIN;
+      return *blocked;
+    }
+    piece.sent += static_cast<std::size_t>(size);
+    if (piece.sent == piece.bytes.size()) {
+      output.pop_front();
+    }
+  }
+  *blocked = output.empty() && connection->ending == Ending::kEndless;
+  for (int block = 0; *blocked && block < kEndlessBlocksAtOnce; ++block) {
+    if (send(descriptor, filling.data(), filling.size(), MSG_NOSIGNAL) < 0) {
+      return errno == EAGAIN;
+    }
+  }
+  return true;
+}
+
+/// Asks for the events and the time at which there is something to do for the connection.
+void TcpBus::Arm(Connection* connection, bool blocked) {
+  std::uint32_t interest = blocked ? EPOLLOUT : 0U;
+  if (connection->output.size() < kMaxQueuedPieces) {
+    interest |= EPOLLIN;
+  }
+  if (interest != connection->interest) {
+    connection->interest = interest;
+    Watch(connection->descriptor.Get(), connection->id, interest, EPOLL_CTL_MOD);
+  }
+  if (connection->wake) {
+    wakes_.erase({*connection->wake, connection->id});
+    connection->wake.reset();
+  }
+  if (!blocked && !connection->output.empty()) {
+    connection->wake = connection->output.front().due;
+    wakes_.emplace(*connection->wake, connection->id);
+  }
+}
+
+}  // namespace tmsc::simulator
