@@ -24,9 +24,7 @@ LoggerSettingManager::LoggerSettingManager() : logger_setting_map_(kSettingMapBu
 }
 
 std::string LoggerSettingManager::SettingFilePath() {
-  // Nothing in the daemon changes the environment, so reading it is safe on any thread.
-  const char* path =
-      std::getenv(kLoggerSettingFileVariable.c_str());  // NOLINT(concurrency-mt-unsafe)
+  const char* path = std::getenv(kLoggerSettingFileVariable.c_str());
   return path != nullptr && *path != '\0' ? path : kLoggerSettingXmlFilePath;
 }
 
