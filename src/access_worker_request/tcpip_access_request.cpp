@@ -1,20 +1,17 @@
 #include "access_worker_request/tcpip_access_request.h"
 
 #include <Poco/Exception.h>
-#include <Poco/Thread.h>
 
 #include <exception>
 
 #include "log/logger_log.h"
 #include "utility/constant_string.h"
+#include "worker_thread/thread_group.h"
 
 namespace tmsc {
 
 namespace {
 const std::string& kLogTag = ConstantString("TCPIPAReq");
-// Bytes. Plenty for a unit, and small enough that the C library keeps the stacks for the next
-// request.
-constexpr int kStackSize = 256 * 1024;
 }  // namespace
 
 TCPIPAccessRequest::TCPIPAccessRequest(DataHeader* header, DeviceAccessTCPIP* device_access_tcpip,
@@ -66,23 +63,16 @@ std::shared_ptr<CommunicationResult> TCPIPAccessRequest::ExchangeWithDevices() {
 }
 
 void TCPIPAccessRequest::RunUnits(const UnitList& access_unit_list) {
-  // Threads and not a Poco::ThreadPool, which waits for each of its threads to run before it starts
-  // the next.
-  std::list<Poco::Thread> threads;
+  ThreadGroup threads;
   for (const auto& unit : access_unit_list) {
     try {
-      threads.emplace_back();
-      threads.back().setStackSize(kStackSize);
-      threads.back().start(*unit);
+      threads.Start(*unit);
     } catch (const Poco::Exception& failure) {
       LoggerLog::Error(kLogTag, "thread start exception:" + failure.displayText());
-      threads.pop_back();
     }
   }
   LoggerLog::Debug(kLogTag, "joinAll wait");
-  for (Poco::Thread& thread : threads) {
-    thread.join();
-  }
+  threads.JoinAll();
   LoggerLog::Verbose(kLogTag, "joinAll wait out");
 }
 
