@@ -60,10 +60,10 @@ Descriptor OpenForAppend(const std::string& path) {
   return Descriptor(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
 }
 
-/// False when the device reports that the data did not reach it. A file that cannot be synchronised
-/// at all, such as a pipe, has nothing to report.
-bool Synchronise(int descriptor) {
-  return ::fsync(descriptor) == 0 || errno == EINVAL || errno == EROFS;
+/// False when the card does not have the data. A file system that cannot synchronise has nothing to
+/// report.
+bool IsOnCard(const Descriptor& descriptor) {
+  return descriptor.IsOpen() && (::fsync(descriptor.Get()) == 0 || errno == EINVAL);
 }
 
 }  // namespace
@@ -251,13 +251,17 @@ void LogFileOutput::Tick() {
   if (!IsLogEnable() && !is_flush_request_) {
     return;
   }
-  const int taken = TakeBuffer();
+  bool is_flush = false;
+  const int taken = TakeBuffer(is_flush);
   if (taken < 0) {
     return;
   }
   const bool is_kept = !buffer_[taken].empty() && !PrepareFile();
   if (!is_kept && !buffer_[taken].empty()) {
     WriteBuffer(taken);
+  }
+  if (is_flush) {
+    Synchronise();
   }
   const Lock lock(mutex_);
   is_writing_ = false;
@@ -274,15 +278,14 @@ void LogFileOutput::Tick() {
 }
 
 /// Swaps the buffers when the current one is to be written. Returns the index of the buffer that is
-/// the writer's now, -1 when there is nothing to do.
-int LogFileOutput::TakeBuffer() {
+/// the writer's now, -1 when there is nothing to do. `is_flush` tells whether a flush asked for it.
+int LogFileOutput::TakeBuffer(bool& is_flush) {
   const Lock lock(mutex_);
-  const bool is_flush = is_flush_request_;
+  is_flush = is_flush_request_;
   if (!IsBufferOutput()) {
     return -1;
   }
   const int taken = buffer_index_;
-  is_sync_write_ = is_flush;
   is_writing_ = true;
   buffer_index_ = (buffer_index_ + 1) % kLogBufferCountMax;
   buffer_log_ = &buffer_[buffer_index_];
@@ -325,6 +328,7 @@ void LogFileOutput::WriteBuffer(int index) {
     if (file_size_ < size) {
       FileOutput(pending);
       pending.clear();
+      Synchronise();  // a later flush reaches only the new file
       LogRotate(file_name_);
       file_size = FileUtil::GetSize(file_path_);
     }
@@ -360,8 +364,9 @@ void LogFileOutput::LogRotate(std::string file_name) {
       continue;
     }
     const std::string new_name = Poco::format("%s.%d", file_name, static_cast<int>(index));
-    FileUtil::RenameFile(file_dir_ + old_name, file_dir_ + new_name);
-    if (index == 1 && !FileUtil::CreateFile(file_path_)) {
+    const bool is_renamed = FileUtil::RenameFile(file_dir_ + old_name, file_dir_ + new_name);
+    // A file that could not be renamed goes on growing: a new one would replace its text.
+    if (index == 1 && is_renamed && !FileUtil::CreateFile(file_path_)) {
       CreateIoErrorFile();
     }
   }
@@ -377,18 +382,31 @@ void LogFileOutput::FileOutput(std::string output_message) {
     CreateIoErrorFile();
     return;
   }
-  bool is_written = WriteAll(file.Get(), output_message);
-  if (is_written && is_sync_write_) {
-    // The directory too: a file created or renamed since the last flush has to be found again.
-    const Descriptor directory(::open(file_dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    is_written = Synchronise(file.Get()) && (!directory.IsOpen() || Synchronise(directory.Get()));
-  }
-  if (!is_written) {
-    WriteToConsole("log_file error " + file_path_ + "\n");
-    CreateIoErrorFile();
+  if (!WriteAll(file.Get(), output_message)) {
+    ReportWriteError();
     return;
   }
+  is_synchronised_ = false;
   is_file_write_error_ = false;
+}
+
+/// Brings what was written to the card, with its directory: a file created or renamed has to be
+/// found again.
+void LogFileOutput::Synchronise() {
+  if (is_synchronised_) {
+    return;
+  }
+  const Descriptor file(::open(file_path_.c_str(), O_WRONLY | O_CLOEXEC));
+  const Descriptor directory(::open(file_dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  is_synchronised_ = IsOnCard(file) && IsOnCard(directory);
+  if (!is_synchronised_) {
+    ReportWriteError();
+  }
+}
+
+void LogFileOutput::ReportWriteError() {
+  WriteToConsole("log_file error " + file_path_ + "\n");
+  CreateIoErrorFile();
 }
 
 void LogFileOutput::CreateIoErrorFile() {

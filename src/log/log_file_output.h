@@ -107,10 +107,12 @@ class LogFileOutput {
   void Queue(std::string line);
   void DropOldestLines();
   void Tick();
-  int TakeBuffer();
+  int TakeBuffer(bool& is_flush);
   void WriteBuffer(int index);
   bool PrepareFile();
   std::string ReportDroppedLines();
+  void Synchronise();
+  void ReportWriteError();
 
   Poco::Mutex mutex_;
   // Guarded by mutex_, except that a buffer taken by the writer is the writer's alone until it is
@@ -141,7 +143,7 @@ class LogFileOutput {
   std::unique_ptr<Poco::Timer> log_file_output_timer_;
   std::atomic<bool> is_flush_request_{false};
   std::atomic<bool> is_file_write_error_{false};
-  bool is_sync_write_ = false;  // this tick serves a flush; the writer's own
+  bool is_synchronised_ = true;  // nothing written since the last fsync; the writer's own
 };
 
 }  // namespace tmsc

@@ -73,7 +73,8 @@ int StringUtil::StringFileSizeToLogFileSize(const std::string& str) {
     number_text = str.substr(0, multiplier == 1 ? unit : unit - 1);
   }
   int error = 0;
-  long long number = StringToLong(number_text, &error);
+  // 64 bits on every machine: a size that is too large is no unreadable number.
+  long long number = StringToLongLong(number_text, &error);
   if (error != 0) {
     number = 1;
   }
