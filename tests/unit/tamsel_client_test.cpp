@@ -6,8 +6,8 @@
 #include <cstring>
 #include <functional>
 
-#include "support/fake_daemon.h"
 #include "status_text.h"
+#include "support/fake_daemon.h"
 
 namespace tmsc {
 namespace {

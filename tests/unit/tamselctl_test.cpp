@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <mutex>
 
-#include "support/fake_daemon.h"
 #include "request_builder.h"
+#include "support/fake_daemon.h"
 
 namespace tmsc {
 namespace {

@@ -1,0 +1,213 @@
+#ifndef TAMSEL_TESTS_DAEMON_CLIENT_H_
+#define TAMSEL_TESTS_DAEMON_CLIENT_H_
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "field_simulator.h"
+#include "support/daemon_process.h"
+#include "tamsel_client.h"
+#include "utility/descriptor.h"
+
+namespace tmsc::test {
+
+enum class StreamEnd { kNone, kEnd, kReset };
+
+/// Everything the daemon sent on one connection.
+struct Reply {
+  std::vector<byte> bytes;
+  StreamEnd end = StreamEnd::kNone;  // none: the deadline passed first
+
+  bool IsResponse() const { return bytes.size() == sizeof(ResponseReceiveData); }
+  ResponseReceiveData Response() const {
+    ResponseReceiveData response{};
+    std::memcpy(&response, bytes.data(), std::min(bytes.size(), sizeof(response)));
+    return response;
+  }
+};
+
+/// A client that need not keep to the protocol.
+class RawClient {
+ public:
+  explicit RawClient(const std::string& path)
+      : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    const timeval limit{10, 0};
+    ::setsockopt(socket_.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+    EXPECT_EQ(::connect(socket_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0)
+        << std::strerror(errno);
+  }
+
+  /// A client that sends the first `size` bytes of a request.
+  template <typename Request>
+  RawClient(const std::string& path, const Request& request, std::size_t size = sizeof(Request))
+      : RawClient(path) {
+    Send(&request, size);
+  }
+
+  void Send(const void* bytes, std::size_t size) {
+    EXPECT_EQ(::send(socket_.Get(), bytes, size, MSG_NOSIGNAL), static_cast<ssize_t>(size));
+  }
+  void EndInput() { ::shutdown(socket_.Get(), SHUT_WR); }
+  void Close() { socket_.Reset(); }
+
+  Reply Read(int limit_ms) {
+    Reply reply;
+    const Deadline deadline{std::chrono::milliseconds(limit_ms)};
+    while (WaitForDescriptor(socket_.Get(), POLLIN, deadline) > 0) {
+      byte buffer[16384];
+      const ssize_t count = ::recv(socket_.Get(), buffer, sizeof(buffer), 0);
+      if (count <= 0) {
+        reply.end = count == 0 ? StreamEnd::kEnd : StreamEnd::kReset;
+        break;
+      }
+      reply.bytes.insert(reply.bytes.end(), buffer, buffer + count);
+    }
+    return reply;
+  }
+
+  /// True when there is something to read, an end included, within the time.
+  bool IsReadable(int limit_ms) const {
+    return WaitForDescriptor(socket_.Get(), POLLIN,
+                             Deadline(std::chrono::milliseconds(limit_ms))) > 0;
+  }
+
+ private:
+  Descriptor socket_;
+};
+
+/// No byte of an answer, and a plain end.
+inline void ExpectRefused(const Reply& reply) {
+  EXPECT_EQ(reply.bytes.size(), 0U);
+  EXPECT_EQ(reply.end, StreamEnd::kEnd);
+}
+
+/// A response with this type and status, all zero but in the slots of `addresses`.
+inline void ExpectResponse(const ResponseReceiveData& response, int type, int status,
+                           const std::set<int>& addresses = {}) {
+  ResponseReceiveData expected{};
+  expected.header.type = type;
+  expected.receive_data.status = status;
+  for (const int address : addresses) {
+    expected.receive_data.receive_data[address - 1] =
+        response.receive_data.receive_data[address - 1];
+  }
+  EXPECT_EQ(response.header.type, type);
+  EXPECT_EQ(response.receive_data.status, status);
+  EXPECT_EQ(std::memcmp(&response, &expected, sizeof(expected)), 0)
+      << "bytes that nobody asked for";
+}
+
+inline void ExpectResponse(const Reply& reply, int type, int status,
+                           const std::set<int>& addresses = {}) {
+  ASSERT_TRUE(reply.IsResponse()) << reply.bytes.size() << " bytes";
+  EXPECT_NE(reply.end, StreamEnd::kNone);
+  ExpectResponse(reply.Response(), type, status, addresses);
+}
+
+/// Reads one holding register of a simulated device.
+inline std::vector<byte> ReadFrame(int unit, int start_register = 5) {
+  return {0,
+          1,
+          0,
+          0,
+          0,
+          6,
+          static_cast<byte>(unit),
+          3,
+          static_cast<byte>(start_register >> 8),
+          static_cast<byte>(start_register & 0xFF),
+          0,
+          1};
+}
+
+/// The frame that answers ReadFrame.
+inline std::vector<byte> AnswerFrame(int unit, int start_register = 5) {
+  const int value = unit * 1000 + start_register;
+  return {0,
+          1,
+          0,
+          0,
+          0,
+          5,
+          static_cast<byte>(unit),
+          3,
+          2,
+          static_cast<byte>(value >> 8),
+          static_cast<byte>(value & 0xFF)};
+}
+
+/// Simulated devices with addresses 1 to `count`, all with one fault, each on a port of its own.
+class Devices {
+ public:
+  explicit Devices(int count = 1, const simulator::Fault& fault = simulator::FaultKind::kNone,
+                   bool is_gateway = false)
+      : count_(count), simulator_(Config(count, fault, is_gateway)) {
+    simulator_.Start();
+  }
+
+  /// Reads one register of every device.
+  TcpIpRequest Request(int channel, int timeout_ms = 300) const {
+    TcpIpRequest request = MakeTcpIpRequest(channel);
+    for (int address = 1; address <= count_; ++address) {
+      EXPECT_FALSE(AddTcpIpDevice(request, address, "127.0.0.1", simulator_.Port(address),
+                                  timeout_ms, ReadFrame(address)));
+    }
+    return request;
+  }
+
+  simulator::FieldSimulator* operator->() { return &simulator_; }
+
+ private:
+  static simulator::FieldSimulatorConfig Config(int count, const simulator::Fault& fault,
+                                                bool is_gateway) {
+    simulator::FieldSimulatorConfig config;
+    config.same_port = is_gateway;
+    for (int address = 1; address <= count; ++address) {
+      config.devices.push_back({address, "127.0.0.1", 0, fault});
+    }
+    return config;
+  }
+
+  int count_;
+  simulator::FieldSimulator simulator_;
+};
+
+/// The exchange of a well-behaved client; the response's status is -100 when there is none.
+template <typename Request>
+ResponseReceiveData Exchange(const DaemonProcess& daemon, const Request& request,
+                             int deadline_ms = 15000) {
+  const ExchangeResult result =
+      TamselClient(daemon.SocketPath()).Exchange(request, deadline_ms);
+  ResponseReceiveData response = result.response;
+  if (result.outcome != Outcome::kAnswered) {
+    response.receive_data.status = -100;
+  }
+  return response;
+}
+
+inline void ExpectAnswered(const ResponseReceiveData& response, int count) {
+  std::set<int> addresses;
+  for (int address = 1; address <= count; ++address) {
+    addresses.insert(address);
+    const auto answer = DeviceAnswer(response, address);
+    ASSERT_TRUE(answer.has_value());
+    EXPECT_EQ(answer->status, 0) << address;
+    EXPECT_EQ(answer->frame, AnswerFrame(address)) << address;
+  }
+  ExpectResponse(response, kRequestDataTypeTCPIP, 0, addresses);
+}
+
+}  // namespace tmsc::test
+
+#endif  // TAMSEL_TESTS_DAEMON_CLIENT_H_

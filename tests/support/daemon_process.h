@@ -1,0 +1,258 @@
+#ifndef TAMSEL_TESTS_SUPPORT_DAEMON_PROCESS_H_
+#define TAMSEL_TESTS_SUPPORT_DAEMON_PROCESS_H_
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/temp_folder.h"
+#include "tamsel_client.h"
+#include "utility/deadline.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define TAMSEL_TEST_SANITIZED 1
+#else
+#define TAMSEL_TEST_SANITIZED 0
+#endif
+
+namespace tmsc::test {
+
+/// What a bound on a time may exceed the daemon's own figure by: on a machine with other work, and
+/// under a sanitizer.
+constexpr int kSlackMs = TAMSEL_TEST_SANITIZED ? 1500 : 500;
+
+inline void SleepMs(int milliseconds) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+/// Asks every 5 ms until the condition holds; false when it does not within `limit_ms`.
+inline bool WaitFor(int limit_ms, const std::function<bool()>& condition) {
+  const Deadline deadline{std::chrono::milliseconds(limit_ms)};
+  while (!condition()) {
+    if (deadline.HasPassed()) {
+      return false;
+    }
+    SleepMs(5);
+  }
+  return true;
+}
+
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+inline int CountText(const std::string& text, const std::string& part) {
+  int count = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+/// Milliseconds since the object was made.
+class Stopwatch {
+ public:
+  int Ms() const {
+    return static_cast<int>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Deadline::Clock::now() - begin_)
+            .count());
+  }
+
+ private:
+  Deadline::Clock::time_point begin_ = Deadline::Clock::now();
+};
+
+struct DaemonOptions {
+  /// Over the built-in ones of DaemonProcess, which put every path into its folder.
+  std::map<std::string, std::string> settings;
+  /// Returns when the daemon has answered a request.
+  bool is_awaited = true;
+  bool has_standard_streams = true;
+  /// A shell command, run before the daemon in namespaces of its own; "$CARD" is the card's folder.
+  std::string in_namespace;
+};
+
+/// The daemon as a process with a folder of its own. It is killed when the object goes, and by the
+/// kernel when the thread that made the object ends. A report of a sanitizer or of the C++ run time
+/// on its standard error fails the test.
+class DaemonProcess {
+ public:
+  explicit DaemonProcess(const DaemonOptions& options = {}) {
+    std::map<std::string, std::string> settings = {
+        {"ComSocketPath", folder_.Path("socket")},
+        {"SdcardPath", CardPath()},
+        {"TamselComWatchdogFilePath", WatchdogPath()},
+        {"TcpDrainTimeout", "20"},
+    };
+    for (const auto& [key, value] : options.settings) {
+      settings[key] = value;
+    }
+    socket_path_ = settings["ComSocketPath"];
+    std::ofstream file(folder_.Path("settings.xml"));
+    file << "<LoggerSetting>\n";
+    for (const auto& [key, value] : settings) {
+      file << "<" << key << ">" << value << "</" << key << ">\n";
+    }
+    file << "</LoggerSetting>\n";
+    file.close();
+    Start(options);
+    if (options.is_awaited && !WaitUntilAnswers()) {
+      const std::string text = Console() + Errors();
+      Signal(SIGKILL);
+      WaitForExit(5000);
+      throw std::runtime_error("the daemon does not answer:\n" + text);
+    }
+  }
+
+  ~DaemonProcess() {
+    if (!exit_status_) {
+      Signal(SIGKILL);
+      WaitForExit(10000);
+    }
+    const std::string errors = Errors();
+    for (const char* const report : {"Sanitizer", "runtime error:", "terminate called"}) {
+      EXPECT_EQ(errors.find(report), std::string::npos) << errors;
+    }
+  }
+
+  DaemonProcess(const DaemonProcess&) = delete;
+  DaemonProcess& operator=(const DaemonProcess&) = delete;
+
+  const TempFolder& Folder() const { return folder_; }
+  const std::string& SocketPath() const { return socket_path_; }
+  std::string WatchdogPath() const { return folder_.Path("check/tmsc"); }
+  std::string CardPath() const { return folder_.Path("card"); }
+  std::string LogPath() const { return CardPath() + "/velmorahome/Log/LoggerCom.log"; }
+  pid_t Pid() const { return pid_; }
+
+  bool WaitUntilAnswers(int limit_ms = 20000) const {
+    const TamselClient client(socket_path_);
+    return WaitFor(limit_ms, [&] {
+      return client.Exchange(MakeTcpIpRequest(1), 2000).outcome == Outcome::kAnswered;
+    });
+  }
+
+  void Signal(int number) const { ::kill(pid_, number); }
+
+  /// The raw wait status; nothing when the daemon still runs after `limit_ms`.
+  std::optional<int> WaitForExit(int limit_ms) {
+    WaitFor(limit_ms, [&] {
+      int status = 0;
+      if (!exit_status_ && ::waitpid(pid_, &status, WNOHANG) == pid_) {
+        exit_status_ = status;
+      }
+      return exit_status_.has_value();
+    });
+    return exit_status_;
+  }
+
+  bool IsRunning() { return !WaitForExit(0).has_value(); }
+
+  /// What it has written to its standard output so far: every log line.
+  std::string Console() const { return ReadFile(folder_.Path("console")); }
+  std::string Errors() const { return ReadFile(folder_.Path("errors")); }
+  bool WaitForConsole(const std::string& text, int limit_ms) const {
+    return WaitFor(limit_ms, [&] { return Console().find(text) != std::string::npos; });
+  }
+
+  /// A number of /proc/PID/status, such as Threads, or VmRSS in KiB.
+  long Status(const std::string& field) const {
+    std::istringstream status(ReadFile(ProcPath("status")));
+    std::string name;
+    while (status >> name) {
+      if (name == field + ":") {
+        long value = 0;
+        status >> value;
+        return value;
+      }
+      std::getline(status, name);
+    }
+    throw std::runtime_error("no " + field + " of the daemon");
+  }
+  long DescriptorCount() const {
+    const std::filesystem::directory_iterator entries(ProcPath("fd"));
+    return std::distance(begin(entries), end(entries));
+  }
+  std::string ProcPath(const std::string& name) const {
+    return "/proc/" + std::to_string(pid_) + "/" + name;
+  }
+
+ private:
+  void Start(const DaemonOptions& options) {
+    const std::string program = std::string(TAMSEL_BIN_DIR) + "/tamsel_communication";
+    std::vector<std::string> arguments = {program};
+    if (!options.in_namespace.empty()) {
+      std::filesystem::create_directories(CardPath());
+      arguments = {"/usr/bin/unshare", "-rm", "/bin/sh", "-c",
+                   "CARD=" + CardPath() + "; " + options.in_namespace +
+                       " && exec setpriv --pdeathsig KILL " + program};
+    }
+    std::vector<char*> texts;
+    for (std::string& argument : arguments) {
+      texts.push_back(argument.data());
+    }
+    texts.push_back(nullptr);
+    std::string setting = "TAMSEL_SETTING_FILE=" + folder_.Path("settings.xml");
+    std::vector<char*> variables = {setting.data()};
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+      variables.push_back(*variable);
+    }
+    variables.push_back(nullptr);
+    const std::string console = folder_.Path("console");
+    const std::string errors = folder_.Path("errors");
+    pid_ = ::fork();
+    if (pid_ < 0) {
+      throw std::runtime_error("no process for the daemon");
+    }
+    if (pid_ == 0) {
+      RunChild(texts.data(), variables.data(), console.c_str(), errors.c_str(),
+               options.has_standard_streams);
+    }
+  }
+
+  /// Between fork and exec of a program with threads: async-signal-safe calls only.
+  [[noreturn]] static void RunChild(char** arguments, char** variables, const char* console,
+                                    const char* errors, bool has_standard_streams) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
+    ::dup2(::open(console, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDOUT_FILENO);
+    ::dup2(::open(errors, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDERR_FILENO);
+    if (!has_standard_streams) {
+      ::close(STDIN_FILENO);
+      ::close(STDOUT_FILENO);
+      ::close(STDERR_FILENO);
+    }
+    ::execve(arguments[0], arguments, variables);
+    ::_exit(127);
+  }
+
+  TempFolder folder_;
+  std::string socket_path_;
+  pid_t pid_ = -1;
+  std::optional<int> exit_status_;
+};
+
+/// Raw wait status of a program that returned 0.
+constexpr int kExitedWell = 0;
+
+}  // namespace tmsc::test
+
+#endif  // TAMSEL_TESTS_SUPPORT_DAEMON_PROCESS_H_
