@@ -53,8 +53,8 @@ int Bind(const Descriptor& listening_socket, const std::string& path) {
   return ::bind(listening_socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
 }
 
-/// Takes what a refused client has sent besides: a close with input unread would reset the
-/// connection, and the client would see an error in place of its answer or a plain end.
+/// Takes what a client has sent besides: a close with input unread would reset the connection, and
+/// the client would see an error in place of a plain end.
 void DiscardInput(int connection) {
   char input[sizeof(DeviceAccessTCPIP)];
   [[maybe_unused]] const ssize_t count = ::recv(connection, input, sizeof(input), MSG_DONTWAIT);
@@ -233,13 +233,13 @@ void CommSocketWork::Execute() {
     }
   } else {
     LoggerLog::Debug(kLogTag, "unknown dat...");
-    DiscardInput(sock_.Get());
   }
 
   const std::lock_guard<std::mutex> lock(HandBackMutex(channel_index));
   if (is_known) {
     WriteResponseData(sock_.Get(), result);
   }
+  DiscardInput(sock_.Get());
   LoggerLog::Verbose(kLogTag, "close_sock");
   close_sock();
   AccessChannelManager::GetInstance()->SetUsedState(channel_index, false);

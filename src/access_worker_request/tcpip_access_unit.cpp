@@ -40,10 +40,11 @@ std::string IpText(const NetworkParams& params) {
   return std::string(end == std::string_view::npos ? std::string_view() : field.substr(0, end));
 }
 
-/// What inet_addr(3) reads, in the form with four parts only.
+/// What inet_addr(3) reads, in the form with four decimal or octal parts only.
 bool IsDottedIpv4(const std::string& text) {
   in_addr address{};
-  return std::count(text.begin(), text.end(), '.') == 3 && ::inet_aton(text.c_str(), &address) != 0;
+  return text.find_first_not_of("0123456789.") == std::string::npos &&
+         std::count(text.begin(), text.end(), '.') == 3 && ::inet_aton(text.c_str(), &address) != 0;
 }
 
 std::string Bracketed(const std::string& text) {

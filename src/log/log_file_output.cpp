@@ -251,21 +251,23 @@ void LogFileOutput::Tick() {
   if (!IsLogEnable() && !is_flush_request_) {
     return;
   }
-  bool is_flush = false;
-  const int taken = TakeBuffer(is_flush);
+  const int taken = TakeBuffer();
   if (taken < 0) {
     return;
   }
-  const bool is_kept = !buffer_[taken].empty() && !PrepareFile();
-  if (!is_kept && !buffer_[taken].empty()) {
-    WriteBuffer(taken);
+  bool is_card_gone = is_card_gone_;  // as before, when there is nothing to try it with
+  if (!buffer_[taken].empty()) {
+    is_card_gone = !PrepareFile();
+    if (!is_card_gone) {
+      WriteBuffer(taken);
+    }
   }
-  if (is_flush) {
+  if (is_flush_tick_) {
     Synchronise();
   }
   const Lock lock(mutex_);
   is_writing_ = false;
-  is_card_gone_ = is_kept;
+  is_card_gone_ = is_card_gone;
   kept_bytes_ = 0;
   for (const Lines& lines : buffer_) {
     kept_bytes_ =
@@ -278,10 +280,9 @@ void LogFileOutput::Tick() {
 }
 
 /// Swaps the buffers when the current one is to be written. Returns the index of the buffer that is
-/// the writer's now, -1 when there is nothing to do. `is_flush` tells whether a flush asked for it.
-int LogFileOutput::TakeBuffer(bool& is_flush) {
+/// the writer's now, -1 when there is nothing to do.
+int LogFileOutput::TakeBuffer() {
   const Lock lock(mutex_);
-  is_flush = is_flush_request_;
   if (!IsBufferOutput()) {
     return -1;
   }
@@ -293,7 +294,8 @@ int LogFileOutput::TakeBuffer(bool& is_flush) {
 }
 
 bool LogFileOutput::IsBufferOutput() {
-  bool is_output = is_flush_request_.exchange(false) || !is_enable_bufferd_io_;
+  is_flush_tick_ = is_flush_request_.exchange(false);
+  bool is_output = is_flush_tick_ || !is_enable_bufferd_io_;
   if (!is_output) {
     const int count = static_cast<int>(buffer_log_->size());
     for (; log_line_ < count; ++log_line_) {
@@ -325,7 +327,7 @@ void LogFileOutput::WriteBuffer(int index) {
   unsigned int file_size = FileUtil::GetSize(file_path_);
   for (const std::string& line : buffer_[index]) {
     const auto size = static_cast<unsigned int>(file_size + pending.size() + line.size());
-    if (file_size_ < size) {
+    if (file_size_ + refused_size_ < size) {
       FileOutput(pending);
       pending.clear();
       Synchronise();  // a later flush reaches only the new file
@@ -364,12 +366,17 @@ void LogFileOutput::LogRotate(std::string file_name) {
       continue;
     }
     const std::string new_name = Poco::format("%s.%d", file_name, static_cast<int>(index));
-    const bool is_renamed = FileUtil::RenameFile(file_dir_ + old_name, file_dir_ + new_name);
-    // A file that could not be renamed goes on growing: a new one would replace its text.
-    if (index == 1 && is_renamed && !FileUtil::CreateFile(file_path_)) {
+    if (!FileUtil::RenameFile(file_dir_ + old_name, file_dir_ + new_name)) {
+      // To go on would replace text that has no other copy. The file grows by another file's length
+      // before the next attempt, so that the lines about the refusal do not ask for one.
+      refused_size_ = FileUtil::GetSize(file_path_);
+      return;
+    }
+    if (index == 1 && !FileUtil::CreateFile(file_path_)) {
       CreateIoErrorFile();
     }
   }
+  refused_size_ = 0;
 }
 
 void LogFileOutput::FileOutput(std::string output_message) {

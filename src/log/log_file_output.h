@@ -107,7 +107,7 @@ class LogFileOutput {
   void Queue(std::string line);
   void DropOldestLines();
   void Tick();
-  int TakeBuffer(bool& is_flush);
+  int TakeBuffer();
   void WriteBuffer(int index);
   bool PrepareFile();
   std::string ReportDroppedLines();
@@ -143,7 +143,9 @@ class LogFileOutput {
   std::unique_ptr<Poco::Timer> log_file_output_timer_;
   std::atomic<bool> is_flush_request_{false};
   std::atomic<bool> is_file_write_error_{false};
-  bool is_synchronised_ = true;  // nothing written since the last fsync; the writer's own
+  bool is_flush_tick_ = false;     // this tick serves a flush; the writer's own
+  unsigned int refused_size_ = 0;  // of the file when it could not be rotated; the writer's own
+  bool is_synchronised_ = true;    // nothing written since the last fsync; the writer's own
 };
 
 }  // namespace tmsc

@@ -39,6 +39,9 @@ class CallInProgress {
 
 void Log(int level, const std::string& level_string, const std::string& tag,
          const std::string& message) {
+  if (logger_com_file_output_ == nullptr) {
+    return;  // uncounted: calls that come after the end do not make Shutdown wait for them
+  }
   const CallInProgress call;
   if (LogFileOutput* output = logger_com_file_output_.load()) {
     output->LogOutput(level, level_string, tag, message);

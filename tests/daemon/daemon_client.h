@@ -2,12 +2,14 @@
 #define TAMSEL_TESTS_DAEMON_CLIENT_H_
 
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <initializer_list>
 #include <set>
 #include <string>
 #include <vector>
@@ -78,8 +80,8 @@ class RawClient {
 
   /// True when there is something to read, an end included, within the time.
   bool IsReadable(int limit_ms) const {
-    return WaitForDescriptor(socket_.Get(), POLLIN,
-                             Deadline(std::chrono::milliseconds(limit_ms))) > 0;
+    return WaitForDescriptor(socket_.Get(), POLLIN, Deadline(std::chrono::milliseconds(limit_ms))) >
+           0;
   }
 
  private:
@@ -115,36 +117,31 @@ inline void ExpectResponse(const Reply& reply, int type, int status,
   ExpectResponse(reply.Response(), type, status, addresses);
 }
 
-/// Reads one holding register of a simulated device.
-inline std::vector<byte> ReadFrame(int unit, int start_register = 5) {
-  return {0,
-          1,
-          0,
-          0,
-          0,
-          6,
-          static_cast<byte>(unit),
-          3,
-          static_cast<byte>(start_register >> 8),
-          static_cast<byte>(start_register & 0xFF),
-          0,
-          1};
+constexpr int kRegister = 5;
+
+/// Modbus/TCP framing of what follows the unit.
+inline std::vector<byte> ModbusFrame(int unit, std::initializer_list<int> rest) {
+  std::vector<byte> frame = {0, 1, 0, 0, 0, static_cast<byte>(rest.size() + 1)};
+  frame.push_back(static_cast<byte>(unit));
+  for (const int value : rest) {
+    frame.push_back(static_cast<byte>(value));
+  }
+  return frame;
+}
+
+/// Reads one holding register.
+inline std::vector<byte> ReadFrame(int unit, int start_register = kRegister) {
+  return ModbusFrame(unit, {3, start_register >> 8, start_register, 0, 1});
 }
 
 /// The frame that answers ReadFrame.
-inline std::vector<byte> AnswerFrame(int unit, int start_register = 5) {
-  const int value = unit * 1000 + start_register;
-  return {0,
-          1,
-          0,
-          0,
-          0,
-          5,
-          static_cast<byte>(unit),
-          3,
-          2,
-          static_cast<byte>(value >> 8),
-          static_cast<byte>(value & 0xFF)};
+inline std::vector<byte> AnswerFrame(int unit, int value) {
+  return ModbusFrame(unit, {3, 2, value >> 8, value});
+}
+
+/// The answer of the simulated device with the address.
+inline std::vector<byte> AnswerFrame(int address) {
+  return AnswerFrame(address, address * 1000 + kRegister);
 }
 
 /// Simulated devices with addresses 1 to `count`, all with one fault, each on a port of its own.
@@ -187,8 +184,7 @@ class Devices {
 template <typename Request>
 ResponseReceiveData Exchange(const DaemonProcess& daemon, const Request& request,
                              int deadline_ms = 15000) {
-  const ExchangeResult result =
-      TamselClient(daemon.SocketPath()).Exchange(request, deadline_ms);
+  const ExchangeResult result = TamselClient(daemon.SocketPath()).Exchange(request, deadline_ms);
   ResponseReceiveData response = result.response;
   if (result.outcome != Outcome::kAnswered) {
     response.receive_data.status = -100;

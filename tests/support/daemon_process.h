@@ -3,8 +3,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -25,6 +27,7 @@
 #include "support/temp_folder.h"
 #include "tamsel_client.h"
 #include "utility/deadline.h"
+#include "utility/descriptor.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define TAMSEL_TEST_SANITIZED 1
@@ -80,14 +83,15 @@ class Stopwatch {
   Deadline::Clock::time_point begin_ = Deadline::Clock::now();
 };
 
+/// Values of the settings file by key.
+using Settings = std::map<std::string, std::string>;
+
 struct DaemonOptions {
-  /// Over the built-in ones of DaemonProcess, which put every path into its folder.
-  std::map<std::string, std::string> settings;
   /// Returns when the daemon has answered a request.
   bool is_awaited = true;
   bool has_standard_streams = true;
   /// A shell command, run before the daemon in namespaces of its own; "$CARD" is the card's folder.
-  std::string in_namespace;
+  std::string in_namespace = {};
 };
 
 /// The daemon as a process with a folder of its own. It is killed when the object goes, and by the
@@ -95,14 +99,19 @@ struct DaemonOptions {
 /// on its standard error fails the test.
 class DaemonProcess {
  public:
-  explicit DaemonProcess(const DaemonOptions& options = {}) {
-    std::map<std::string, std::string> settings = {
+  /// `changes` go over settings that put every path into the daemon's folder.
+  explicit DaemonProcess(const Settings& changes = {}, const DaemonOptions& options = {}) {
+    Settings settings = {
         {"ComSocketPath", folder_.Path("socket")},
         {"SdcardPath", CardPath()},
         {"TamselComWatchdogFilePath", WatchdogPath()},
         {"TcpDrainTimeout", "20"},
+        // An RS485 request, which finds no port here, fails without waits.
+        {"Rs485StartWait", "0"},
+        {"ApiRetryCount", "0"},
+        {"ApiRetryInterval", "0"},
     };
-    for (const auto& [key, value] : options.settings) {
+    for (const auto& [key, value] : changes) {
       settings[key] = value;
     }
     socket_path_ = settings["ComSocketPath"];
@@ -150,17 +159,20 @@ class DaemonProcess {
     });
   }
 
-  void Signal(int number) const { ::kill(pid_, number); }
+  /// Reaches nobody else, also when the daemon has ended. From any thread.
+  void Signal(int number) const {
+    ::syscall(SYS_pidfd_send_signal, process_.Get(), number, nullptr, 0);
+  }
 
   /// The raw wait status; nothing when the daemon still runs after `limit_ms`.
   std::optional<int> WaitForExit(int limit_ms) {
-    WaitFor(limit_ms, [&] {
-      int status = 0;
-      if (!exit_status_ && ::waitpid(pid_, &status, WNOHANG) == pid_) {
-        exit_status_ = status;
-      }
-      return exit_status_.has_value();
-    });
+    int status = 0;
+    if (!exit_status_ &&
+        WaitForDescriptor(process_.Get(), POLLIN, Deadline(std::chrono::milliseconds(limit_ms))) >
+            0 &&
+        ::waitpid(pid_, &status, 0) == pid_) {
+      exit_status_ = status;
+    }
     return exit_status_;
   }
 
@@ -226,6 +238,7 @@ class DaemonProcess {
       RunChild(texts.data(), variables.data(), console.c_str(), errors.c_str(),
                options.has_standard_streams);
     }
+    process_.Reset(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
   }
 
   /// Between fork and exec of a program with threads: async-signal-safe calls only.
@@ -235,11 +248,8 @@ class DaemonProcess {
     ::dup2(::open("/dev/null", O_RDONLY | O_CLOEXEC), STDIN_FILENO);
     ::dup2(::open(console, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDOUT_FILENO);
     ::dup2(::open(errors, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600), STDERR_FILENO);
-    if (!has_standard_streams) {
-      ::close(STDIN_FILENO);
-      ::close(STDOUT_FILENO);
-      ::close(STDERR_FILENO);
-    }
+    // Whatever the test program was itself started with does not count as the daemon's.
+    ::close_range(has_standard_streams ? STDERR_FILENO + 1 : STDIN_FILENO, ~0U, 0);
     ::execve(arguments[0], arguments, variables);
     ::_exit(127);
   }
@@ -247,6 +257,7 @@ class DaemonProcess {
   TempFolder folder_;
   std::string socket_path_;
   pid_t pid_ = -1;
+  Descriptor process_;
   std::optional<int> exit_status_;
 };
 
