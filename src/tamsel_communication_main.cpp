@@ -5,6 +5,7 @@
 #include <clocale>
 #include <csignal>
 
+#include "access_worker_request/rs485_access_request_libcache.h"
 #include "channel/access_channel_manager.h"
 #include "log/logger_log.h"
 #include "logger_setting/logger_setting_manager.h"
@@ -69,6 +70,7 @@ int main() {
   InstallSignalHandlers();
   tmsc::LoggerSettingManager::Create();
   tmsc::LoggerLog::Setup();
+  tmsc::Rs485AccessRequestLibcache::Create();
   TamselCommunicationManager::Create();
   tmsc::AccessChannelManager::Create();
   tmsc::TCPSocketManager::Create();

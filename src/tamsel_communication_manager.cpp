@@ -1,5 +1,6 @@
 #include "tamsel_communication_manager.h"
 
+#include "access_worker_request/rs485_access_request_libcache.h"
 #include "log/logger_log.h"
 #include "utility/constant_string.h"
 #include "utility/file_util.h"
@@ -18,7 +19,7 @@ TamselCommunicationManager::TamselCommunicationManager()
 
 TamselCommunicationManager::~TamselCommunicationManager() {
   Kill();
-  if (server_) {
+  if (server_thread_) {
     server_->Stop();
     server_thread_->join();
   }
@@ -37,6 +38,11 @@ void TamselCommunicationManager::Start() {
   UnblockDaemonSignals();
   while (is_server_running_) {
     RunPass();
+  }
+  // A server that could not listen has ended. One that serves goes on until the process ends.
+  if (!server_thread_->isRunning()) {
+    server_thread_->join();
+    server_thread_.reset();
   }
 }
 
@@ -72,7 +78,11 @@ void TamselCommunicationManager::RunPass() {
 /// Waits for the whole of the duration and runs each notification as it arrives.
 void TamselCommunicationManager::ServeSignalsFor(std::chrono::milliseconds duration) {
   const Deadline deadline(duration);
-  while (const auto notification = signal_pipe_.Wait(deadline)) {
+  while (!deadline.HasPassed()) {
+    const auto notification = signal_pipe_.Wait(deadline);
+    if (!notification) {
+      return;
+    }
     switch (*notification) {
       case SignalNotification::kStop:
         Kill();
@@ -106,6 +116,7 @@ void TamselCommunicationManager::PowerOnStateWork() {
 
 void TamselCommunicationManager::Kill() {
   LoggerLog::Flush();
+  Rs485AccessRequestLibcache::Destroy();
   is_server_running_ = false;
   if (watchdog_) {
     watchdog_->StopWatchdog();

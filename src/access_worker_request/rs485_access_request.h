@@ -5,12 +5,18 @@
 #include <memory>
 
 #include "access_worker_request/access_request.h"
+#include "access_worker_request/rs485_access_request_libcache.h"
 #include "communication_common.h"
+#include "vlm_rs485.h"
 
 namespace tmsc {
 
-/// One RS485 exchange. There is no serial access in this version: every request is answered with
-/// kDeviceCommunicationStatusOpenFailed.
+/// Registered with the serial library for the length of an exchange; only logs.
+void Rs485ListenerProc();
+
+/// One RS485 exchange: opens the channel's port if need be, hands the library every device's line
+/// parameters and frame, runs the communication cycle and gathers the answers. Failures of the
+/// library become the status of the whole request.
 class RS485AccessRequest : public AccessRequest {
  public:
   /// Header, payload and promise stay the caller's own and outlive Execute.
@@ -21,8 +27,29 @@ class RS485AccessRequest : public AccessRequest {
   void Execute() override;
 
  private:
+  std::shared_ptr<CommunicationResult> Exchange();
+  int UsePort();
+  int Open();
+  void SetPortParameters();
+  int PutFrames(unsigned int& flags);
+  bool PutFrame(SendData& entry);
+  int RunCycle(unsigned int flags);
+  int StartFailed();
+  std::shared_ptr<CommunicationResult> CollectAnswers();
+  void CollectAnswer(const receive_data& answer, const SendData& entry, DeviceReceiveData& slot);
+
+  template <typename Attempt>
+  bool TryRepeatedly(Attempt attempt);
+  void Close();
+
   DataHeader* p_header_;
   DeviceAccessRS485* p_device_access_rs485;
+
+  // Set by Execute.
+  std::shared_ptr<Rs485AccessRequestLibcache> cache_;
+  int channel_ = 0;
+  int attempts_ = 1;
+  int retry_interval_ms_ = 0;
 };
 
 }  // namespace tmsc

@@ -41,8 +41,8 @@ void LoggerSettingManager::SetupDefaultSetting() {
 
 void LoggerSettingManager::LoadXml() {
   try {
+    // UTF-8 unless the file declares another encoding: to set one here would override the file.
     Poco::XML::DOMParser parser;
-    parser.setEncoding("UTF-8");
     const Poco::AutoPtr<Poco::XML::Document> document = parser.parse(SettingFilePath());
     Poco::XML::Node* root = document->getNodeByPath("/LoggerSetting");
     if (root == nullptr) {
@@ -121,7 +121,7 @@ int LoggerSettingManager::GetLogLevel() {
 }
 
 int LoggerSettingManager::GetLoggerLogMaxBufferdSize() {
-  return GetIntvalueFromSettingItems(kSettingTagLoggerLogMaxBufferdSize, 4096);
+  return GetIntvalueFromSettingItems(kSettingTagLoggerLogMaxBufferedSize, 4096);
 }
 
 int LoggerSettingManager::GetMWApiRetryCount() {
@@ -139,6 +139,12 @@ std::optional<int> LoggerSettingManager::GetTcpDrainTimeout() {
 
 bool LoggerSettingManager::IsTcpReuseCheck() {
   return GetIntvalueFromSettingItems(kSettingTagTcpReuseCheck, 0) != 0;
+}
+
+int LoggerSettingManager::GetRs485StartWait() {
+  constexpr int kDefaultMs = 200;
+  const int wait = GetIntvalueFromSettingItems(kSettingTagRs485StartWait, kDefaultMs);
+  return wait >= 0 ? wait : kDefaultMs;
 }
 
 void LoggerSettingManager::TestLoggerSetting() {

@@ -28,12 +28,13 @@ inline const std::string& kSettingTagTamselComStartComFailedCloseCount =
     ConstantString("TamselComStartComFailedCloseCount");
 inline const std::string& kSettingTagEnableLogBufferedIO = ConstantString("EnableLogBufferedIO");
 inline const std::string& kSettingTagLogLevel = ConstantString("LogLevel");
-inline const std::string& kSettingTagLoggerLogMaxBufferdSize =
+inline const std::string& kSettingTagLoggerLogMaxBufferedSize =
     ConstantString("LoggerLogMaxBufferedSize");
 inline const std::string& kSettingTagApiRetryCount = ConstantString("ApiRetryCount");
 inline const std::string& kSettingTagApiRetryInterval = ConstantString("ApiRetryInterval");
 inline const std::string& kSettingTagTcpDrainTimeout = ConstantString("TcpDrainTimeout");
 inline const std::string& kSettingTagTcpReuseCheck = ConstantString("TcpReuseCheck");
+inline const std::string& kSettingTagRs485StartWait = ConstantString("Rs485StartWait");
 
 constexpr int kLoggerLogLogLevelDefault = 1;
 constexpr int kTamselComStartComFailedCloseCountInit = 100;
@@ -92,6 +93,9 @@ class LoggerSettingManager : public Singleton<LoggerSettingManager> {
   std::optional<int> GetTcpDrainTimeout();
   /// Whether a pooled TCP/IP connection is tested before it is used again; fallback false.
   bool IsTcpReuseCheck();
+  /// Milliseconds before an RS485 request touches its port; fallback 200, also for a negative
+  /// value.
+  int GetRs485StartWait();
 
   /// Logs the values of the getters at Debug.
   void TestLoggerSetting();

@@ -1,0 +1,178 @@
+#include "serial_line.h"
+
+#include <fcntl.h>
+#include <linux/serial.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+
+namespace rs485 {
+
+SerialLine::SerialLine() : interrupt_event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+SerialLine::~SerialLine() {
+  Close();
+  ::close(interrupt_event_);
+}
+
+bool SerialLine::Open(const std::string& path, const BaudRate& rate) {
+  Close();
+  descriptor_ = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  if (descriptor_ < 0) {
+    return false;
+  }
+  if (!Configure(rate)) {
+    const int error = errno;
+    Close();
+    errno = error;
+    return false;
+  }
+  ChooseHardwareMode();
+  return true;
+}
+
+bool SerialLine::Configure(const BaudRate& rate) {
+  termios line{};
+  if (::tcgetattr(descriptor_, &line) != 0) {
+    return false;
+  }
+  ::cfmakeraw(&line);
+  // Errors are marked in the input as 0xff 0x00 and the byte, a byte 0xff as 0xff 0xff.
+  line.c_iflag |= INPCK | PARMRK;
+  line.c_iflag &= ~static_cast<tcflag_t>(IGNPAR | IGNBRK | BRKINT | IXOFF | IXANY);
+  line.c_cflag |= CLOCAL | CREAD;
+  line.c_cflag &= ~static_cast<tcflag_t>(CRTSCTS);
+  line.c_cc[VMIN] = 0;
+  line.c_cc[VTIME] = 0;
+  format_ = nullptr;
+  mark_length_ = 0;
+  return ::cfsetspeed(&line, rate.termios_speed) == 0 &&
+         ::tcsetattr(descriptor_, TCSANOW, &line) == 0;
+}
+
+/// Where the driver has them: the RS485 mode of the kernel, which drives the line only while it
+/// sends, and short latency. Neither is there on every device.
+void SerialLine::ChooseHardwareMode() {
+  serial_rs485 mode{};
+  if (::ioctl(descriptor_, TIOCGRS485, &mode) == 0) {
+    mode.flags |= SER_RS485_ENABLED | SER_RS485_RTS_ON_SEND;
+    mode.flags &=
+        ~static_cast<decltype(mode.flags)>(SER_RS485_RTS_AFTER_SEND | SER_RS485_RX_DURING_TX);
+    ::ioctl(descriptor_, TIOCSRS485, &mode);
+  }
+  serial_struct device{};
+  if (::ioctl(descriptor_, TIOCGSERIAL, &device) == 0) {
+    device.flags |= ASYNC_LOW_LATENCY;
+    ::ioctl(descriptor_, TIOCSSERIAL, &device);
+  }
+}
+
+void SerialLine::Close() {
+  if (descriptor_ >= 0) {
+    ::close(descriptor_);
+    descriptor_ = -1;
+  }
+}
+
+bool SerialLine::SetFormat(const CharacterFormat& format) {
+  if (format_ == &format) {
+    return true;
+  }
+  termios line{};
+  if (::tcgetattr(descriptor_, &line) != 0) {
+    return false;
+  }
+  line.c_cflag &= ~static_cast<tcflag_t>(CSIZE | PARENB | PARODD | CSTOPB);
+  line.c_cflag |= format.termios_flags;
+  if (::tcsetattr(descriptor_, TCSANOW, &line) != 0) {
+    return false;
+  }
+  format_ = &format;
+  return true;
+}
+
+LineEvent SerialLine::WaitForInput(Clock::time_point until) {
+  return Wait(POLLIN, until);
+}
+
+LineEvent SerialLine::Wait(short events, Clock::time_point until) {
+  while (true) {
+    const auto left = std::max(until - Clock::now(), Clock::duration::zero());
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+    const timespec timeout{static_cast<time_t>(seconds.count()),
+                           static_cast<long>(std::chrono::nanoseconds(left - seconds).count())};
+    pollfd entries[] = {{descriptor_, events, 0}, {interrupt_event_, POLLIN, 0}};
+    const int ready = ::ppoll(entries, 2, &timeout, nullptr);
+    if (ready < 0 && errno == EINTR) {
+      continue;
+    }
+    if (ready == 0) {
+      return LineEvent::kTimeout;
+    }
+    // A hang-up with input left is found by the read behind the last byte.
+    return ready > 0 && entries[1].revents == 0 && (entries[0].revents & events) != 0
+               ? LineEvent::kReady
+               : LineEvent::kGone;
+  }
+}
+
+LineEvent SerialLine::Write(const unsigned char* bytes, std::size_t count,
+                            Clock::time_point until) {
+  while (count > 0) {
+    const LineEvent event = Wait(POLLOUT, until);
+    if (event != LineEvent::kReady) {
+      return event;
+    }
+    const ssize_t written = ::write(descriptor_, bytes, count);
+    if (written < 0 && errno != EAGAIN && errno != EINTR) {
+      return LineEvent::kGone;
+    }
+    if (written > 0) {
+      bytes += written;
+      count -= static_cast<std::size_t>(written);
+    }
+  }
+  return LineEvent::kReady;
+}
+
+SerialLine::Input SerialLine::Read(unsigned char* bytes, std::size_t most) {
+  const ssize_t count = ::read(descriptor_, bytes, most);
+  if (count <= 0) {
+    // With VMIN 0 an idle device reads as 0 bytes, like one that hung up; only poll can tell.
+    const bool is_gone = (count < 0 && errno != EAGAIN && errno != EINTR) ||
+                         (count == 0 && Wait(POLLIN, Clock::now()) != LineEvent::kTimeout);
+    return {is_gone ? LineEvent::kGone : LineEvent::kTimeout, 0, false};
+  }
+  // Takes the error marks out, in place. A mark may begin in one read and end in the next.
+  Input input{LineEvent::kReady, 0, false};
+  for (ssize_t i = 0; i < count; ++i) {
+    const unsigned char next = bytes[i];
+    if (mark_length_ == 0 && next == 0xff) {
+      mark_length_ = 1;
+    } else if (mark_length_ == 1 && next == 0) {
+      mark_length_ = 2;
+    } else {
+      input.is_damaged = input.is_damaged || mark_length_ == 2;
+      mark_length_ = 0;
+      bytes[input.count++] = next;
+    }
+  }
+  return input;
+}
+
+void SerialLine::Interrupt() {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const ssize_t written = ::write(interrupt_event_, &one, sizeof(one));
+}
+
+void SerialLine::Resume() {
+  std::uint64_t count = 0;
+  [[maybe_unused]] const ssize_t taken = ::read(interrupt_event_, &count, sizeof(count));
+}
+
+}  // namespace rs485
