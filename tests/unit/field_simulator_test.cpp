@@ -1,10 +1,12 @@
 #include "field_simulator.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <array>
 #include <chrono>
@@ -59,18 +61,20 @@ struct Received {
   bool closed = false;
 };
 
-/// Sends the request, then reads until the device closes, `enough` bytes are there or nothing has
-/// come for `silence_ms`.
+/// Sends the request, if any, then reads until the device closes, `enough` bytes are there or
+/// nothing has come for `silence_ms`.
 Received Exchange(const Descriptor& descriptor, const Bytes& request, int silence_ms,
                   std::size_t enough = kEnough) {
   const auto start = Clock::now();
   Received received;
-  EXPECT_EQ(static_cast<ssize_t>(request.size()),
-            send(descriptor.Get(), request.data(), request.size(), MSG_NOSIGNAL));
+  if (!request.empty()) {
+    EXPECT_EQ(static_cast<ssize_t>(request.size()),
+              write(descriptor.Get(), request.data(), request.size()));
+  }
   pollfd readable = {descriptor.Get(), POLLIN, 0};
   std::array<std::uint8_t, 4096> buffer{};
   while (received.bytes.size() < enough && poll(&readable, 1, silence_ms) == 1) {
-    const ssize_t size = recv(descriptor.Get(), buffer.data(), buffer.size(), 0);
+    const ssize_t size = read(descriptor.Get(), buffer.data(), buffer.size());
     if (size <= 0) {
       received.closed = true;
       break;
@@ -227,9 +231,152 @@ TEST(FaultTest, RefusesWhatDoesNotFit) {
                            "delay:1:2", "silence:1", "pieces:1:2:3"}) {
     EXPECT_THROW(Fault::Parse(text), std::invalid_argument) << text;
   }
-  for (const int start_register : {0, 19999, 20001, 20300, 21700, 65535}) {
-    EXPECT_FALSE(Fault::OfRegister(start_register)) << start_register;
+  for (const int start_register : {0, 19999, 20001, 20300, 21700, 23000, 65535}) {
+    EXPECT_FALSE(Fault::OfRegister(start_register, Transport::kTcp)) << start_register;
   }
+  for (const int start_register : {20300, 20400, 21300, 21600, 22000, 23000}) {
+    EXPECT_FALSE(Fault::OfRegister(start_register, Transport::kRtu)) << start_register;
+  }
+}
+
+/// A bus of devices 2 and 3 at a path of its own.
+class RtuBusTest : public ::testing::Test {
+ protected:
+  explicit RtuBusTest(int baud_rate = 0)
+      : simulator_({{}, false, {{path_, {{2, {}}, {3, {}}}, baud_rate}}}) {
+    unlink(path_.c_str());
+    // As one that was killed leaves it.
+    EXPECT_EQ(0, symlink("/dev/pts/gone", path_.c_str()));
+    simulator_.Start();
+  }
+
+  Descriptor Open() { return Descriptor(open(path_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC)); }
+
+  static Bytes WithCrc(Bytes frame) {
+    frame.resize(frame.size() + kCrcLength);
+    SetCrc(&frame);
+    return frame;
+  }
+
+  /// Function, register and last word as a request to the device.
+  static Bytes RtuRequest(int address, int start_register, int function = 3, int last = 2) {
+    const Bytes request = Request(address, start_register, function, last);
+    return WithCrc(Bytes(request.begin() + 6, request.end()));
+  }
+
+  const std::string path_ = ::testing::TempDir() + "rtu_bus_" + std::to_string(getpid());
+  FieldSimulator simulator_;
+  /// Registers 0 and 1 of device 2.
+  const Bytes reply_ = {2, 3, 4, 0x07, 0xD0, 0x07, 0xD1, 0x0B, 0xD2};
+};
+
+TEST_F(RtuBusTest, FaultsBySettingAndByRegister) {
+  Bytes wrong_crc = reply_;
+  wrong_crc.back() ^= 0xFF;
+  struct Case {
+    Fault fault;
+    int start_register;
+    std::size_t size;
+    /// Where `part` begins in what comes.
+    std::size_t offset;
+    Bytes part;
+    int first_ms;
+    int last_ms;
+  };
+  const Case cases[] = {
+      {FaultKind::kNone, 20000, 9, 0, reply_, 0, 0},
+      {{FaultKind::kDelay, 80}, 20108, 9, 0, reply_, 80, 80},
+      {FaultKind::kSilence, 20200, 0, 0, {}, 0, 0},
+      {{FaultKind::kPieces, 4}, 20704, 9, 0, reply_, 0, 40},
+      {FaultKind::kTooLong, 20900, 500, 0, reply_, 0, 0},
+      {{FaultKind::kLate, 60}, 21406, 9, 0, reply_, 60, 60},
+      {{FaultKind::kGarbage, 5}, 21505, 5, 0, {}, 0, 0},
+      {{FaultKind::kNoise, 7}, 21707, 16, 7, reply_, 0, 0},
+      {FaultKind::kWrongCrc, 21800, 9, 0, wrong_crc, 0, 0},
+      {FaultKind::kOtherAddress, 21900, 9, 0, WithCrc({3, 3, 4, 7, 0xD0, 7, 0xD1}), 0, 0},
+  };
+  const Descriptor descriptor = Open();
+  for (const Case& each : cases) {
+    for (const bool by_register : {false, true}) {
+      SCOPED_TRACE(std::to_string(each.start_register) + (by_register ? " register" : " set"));
+      simulator_.SetFault(0, 2, by_register ? Fault() : each.fault);
+      const Bytes request = RtuRequest(2, by_register ? each.start_register : 0);
+      const Received received = Exchange(descriptor, request, 2000, each.size);
+      ASSERT_EQ(each.size, received.bytes.size());
+      const auto begin = received.bytes.begin() + static_cast<std::ptrdiff_t>(each.offset);
+      EXPECT_EQ(each.part, Bytes(begin, begin + static_cast<std::ptrdiff_t>(each.part.size())));
+      EXPECT_EQ(Bytes(), Exchange(descriptor, {}, 30).bytes);
+      EXPECT_GE(received.first_ms, each.first_ms);
+      EXPECT_GE(received.last_ms, each.last_ms);
+    }
+  }
+  EXPECT_EQ(2 * std::size(cases), simulator_.RequestsReceived(0, 2));
+  EXPECT_EQ(0U, simulator_.RequestsReceived(0, 3));
+  EXPECT_THROW(simulator_.SetFault(0, 2, FaultKind::kRefuse), std::invalid_argument);
+  EXPECT_THROW(simulator_.SetFault(0, 4, FaultKind::kNone), std::out_of_range);
+}
+
+TEST_F(RtuBusTest, LateAnswerComesInTheNextDevicesTime) {
+  simulator_.SetFault(0, 2, {FaultKind::kLate, 100});
+  const Descriptor descriptor = Open();
+  EXPECT_EQ(Bytes(), Exchange(descriptor, RtuRequest(2, 0), 0).bytes);
+  const Bytes next = WithCrc({3, 3, 4, 0x0B, 0xB8, 0x0B, 0xB9});
+  Bytes both = next;
+  both.insert(both.end(), reply_.begin(), reply_.end());
+  EXPECT_EQ(both, Exchange(descriptor, RtuRequest(3, 0), 2000, both.size()).bytes);
+}
+
+TEST_F(RtuBusTest, ServesOnlyWholeRequestsOfItsDevices) {
+  const Descriptor descriptor = Open();
+  // Written by all, answered by none.
+  EXPECT_EQ(Bytes(), Exchange(descriptor, RtuRequest(0, 1, 6, 0x1234), 30).bytes);
+  Bytes broken = RtuRequest(2, 0);
+  broken.back() ^= 1;
+  EXPECT_EQ(Bytes(), Exchange(descriptor, broken, 200).bytes);
+  EXPECT_EQ(Bytes(), Exchange(descriptor, RtuRequest(4, 0), 30).bytes);
+  const Bytes request = RtuRequest(3, 0);
+  const Bytes half(request.begin(), request.begin() + 4);
+  EXPECT_EQ(Bytes(), Exchange(descriptor, half, 0).bytes);
+  const Bytes written = WithCrc({3, 3, 4, 0x0B, 0xB8, 0x12, 0x34});
+  EXPECT_EQ(written,
+            Exchange(descriptor, Bytes(request.begin() + 4, request.end()), 2000, 9).bytes);
+  const Bytes no_such_function = WithCrc({2, 0xC1, 1});
+  EXPECT_EQ(no_such_function, Exchange(descriptor, WithCrc({2, 0x41, 9, 9}), 2000, 5).bytes);
+  const Bytes write_two = WithCrc({2, 16, 0, 0, 0, 2, 4, 0, 5, 0, 6});
+  EXPECT_EQ(WithCrc({2, 16, 0, 0, 0, 2}), Exchange(descriptor, write_two, 2000, 8).bytes);
+  const Bytes two = WithCrc({2, 3, 4, 0, 5, 0, 6});
+  EXPECT_EQ(two, Exchange(descriptor, RtuRequest(2, 0), 2000, two.size()).bytes);
+  EXPECT_EQ(4U, simulator_.RequestsReceived(0, 2));
+  EXPECT_EQ(2U, simulator_.RequestsReceived(0, 3));
+}
+
+TEST_F(RtuBusTest, AdapterIsPulledOutAndPluggedInAgain) {
+  const Descriptor before = Open();
+  simulator_.SetFault(0, 2, {FaultKind::kDelay, 40});
+  EXPECT_EQ(Bytes(), Exchange(before, RtuRequest(2, 0), 0).bytes);
+  simulator_.Unplug(0);
+  EXPECT_TRUE(Exchange(before, {}, 1000).closed);
+  EXPECT_FALSE(Open().IsOpen());
+  EXPECT_EQ("", simulator_.TerminalName(0));
+  simulator_.Plug(0);
+  const Descriptor after = Open();
+  EXPECT_EQ(reply_, Exchange(after, RtuRequest(2, 0), 2000, reply_.size()).bytes);
+  simulator_.Stop();
+  EXPECT_NE(0, access(path_.c_str(), F_OK));
+  EXPECT_FALSE(Open().IsOpen());
+}
+
+class SlowRtuBusTest : public RtuBusTest {
+ protected:
+  SlowRtuBusTest() : RtuBusTest(2400) {}
+};
+
+TEST_F(SlowRtuBusTest, AnswersAtThePaceOfTheLine) {
+  const Received received = Exchange(Open(), RtuRequest(2, 0), 2000, reply_.size());
+  EXPECT_EQ(reply_, received.bytes);
+  // The request's 8 characters, 3.5 of silence and the first one; then the rest of the 9.
+  EXPECT_GE(received.first_ms, 12.5 * 11000 / 2400 - 1);
+  EXPECT_GE(received.last_ms, 20.5 * 11000 / 2400 - 1);
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ using Bytes = std::vector<std::uint8_t>;
 struct Piece {
   Bytes bytes;
   /// How long the device waits before this piece, counted from the piece before it.
-  std::chrono::milliseconds pause{0};
+  std::chrono::nanoseconds pause{0};
   /// A stray piece holds up nothing: answers to later requests may overtake it.
   bool stray = false;
 };

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "answer.h"
+#include "modbus_frame.h"
 
 namespace tmsc::simulator {
 
@@ -31,6 +32,9 @@ enum class FaultKind {
   kLate,
   kGarbage,
   kFixed,
+  kNoise,
+  kWrongCrc,
+  kOtherAddress,
 };
 
 /// Holding registers from here on choose a fault for one exchange (Fault::OfRegister).
@@ -59,16 +63,23 @@ class Fault {
 
   /// The fault that a read of holding registers from this start register asks for: register
   /// kFaultRegisterBase + kFaultRegisterStride * code + step, where a step other than 0 makes the
-  /// first parameter step times the unit of the table. Empty when the register asks for none.
-  static std::optional<Fault> OfRegister(int start_register);
+  /// first parameter step times the unit of the table. Empty when the register asks for none that
+  /// the transport has.
+  static std::optional<Fault> OfRegister(int start_register, Transport transport);
+  /// The fault that a request frame asks for by its start register; the request then reads from 0.
+  static std::optional<Fault> TakeFromRequest(Bytes* request, Transport transport);
+
+  /// Throws std::invalid_argument with a message for the user when the fault makes no sense on the
+  /// transport.
+  void CheckTransport(Transport transport) const;
 
   FaultKind Kind() const { return kind_; }
   /// Parameter 0 or 1; 0 for one the fault does not have.
   int Parameter(std::size_t index) const { return parameters_[index]; }
 
-  /// What a device with this fault sends when `frame` is its right reply. Not for kRefuse, whose
-  /// device is never reached: the answer is empty then.
-  Answer Play(const Bytes& frame) const;
+  /// What a device with this fault sends when `frame` is its right reply. Nothing when the frame is
+  /// too short to be one or the fault is not one of the transport.
+  Answer Play(const Bytes& frame, Transport transport) const;
 
  private:
   void SetParameter(std::size_t index, int value);

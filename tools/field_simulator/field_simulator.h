@@ -1,6 +1,7 @@
 #ifndef TAMSEL_FIELD_SIMULATOR_FIELD_SIMULATOR_H_
 #define TAMSEL_FIELD_SIMULATOR_FIELD_SIMULATOR_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -10,6 +11,8 @@
 
 namespace tmsc::simulator {
 
+class EventLoop;
+class RtuBus;
 class TcpBus;
 struct SimulatedDevice;
 
@@ -25,19 +28,43 @@ struct DeviceConfig {
   Fault fault = FaultKind::kNone;
 };
 
+/// One Modbus RTU device on an RS485 bus.
+struct RtuDeviceConfig {
+  /// 1 to 247, each only once on its bus.
+  int address = 1;
+  Fault fault = FaultKind::kNone;
+};
+
+/// One RS485 bus on a pseudo-terminal.
+struct RtuBusConfig {
+  /// Where the symbolic link to the terminal is made that clients open as their serial port. A
+  /// symbolic link that is there already is replaced.
+  std::string path;
+  /// At most 31.
+  std::vector<RtuDeviceConfig> devices;
+  /// Baud rate at whose pace answers come, 11 bits a character; 0: at once.
+  int baud_rate = 0;
+};
+
 struct FieldSimulatorConfig {
   std::vector<DeviceConfig> devices;
   /// All devices behind the first one's IP address and port, as behind a gateway: the unit id of
   /// the MBAP header chooses the device, another unit id is answered with exception 11. Such a
   /// device cannot refuse.
   bool same_port = false;
+  /// Each with a path of its own.
+  std::vector<RtuBusConfig> buses = {};
 };
 
-/// Modbus/TCP devices that make mistakes on demand, served by one thread of its own.
+/// Modbus/TCP devices, and RS485 buses of Modbus RTU devices, that make mistakes on demand, served
+/// by one thread of its own.
 ///
 /// Every operation but Start and Stop may be called from any thread between those two; Start and
 /// Stop are for one thread at a time. Operations that take an address throw std::out_of_range when
-/// there is no such device.
+/// there is no such device. Buses go by their index in
+/// FieldSimulatorConfig::buses; an operation that takes one throws std::out_of_range when there is
+/// no such bus, and its address is that of a device on this bus. Without a bus an address is that
+/// of a TCP device.
 class FieldSimulator {
  public:
   /// Throws std::invalid_argument when the configuration contradicts itself.
@@ -47,11 +74,13 @@ class FieldSimulator {
   FieldSimulator(const FieldSimulator&) = delete;
   FieldSimulator& operator=(const FieldSimulator&) = delete;
 
-  /// Binds every port and starts to serve; once only. Throws std::system_error with the endpoint in
-  /// its text when one cannot be bound, std::invalid_argument when an address is no IPv4 address.
+  /// Binds every port, plugs in every bus and starts to serve; once only. Throws std::system_error
+  /// with the endpoint or path in its text when one cannot be had, std::invalid_argument when an
+  /// address is no IPv4 address.
   void Start();
 
-  /// Closes every connection and listener and ends the thread; what is not sent yet is dropped.
+  /// Closes every connection and listener, unplugs every bus and ends the thread; what is not sent
+  /// yet is dropped.
   void Stop();
 
   /// The port the device listens on, also while it refuses.
@@ -60,14 +89,27 @@ class FieldSimulator {
   /// Changes a device's fault for the requests that come from now on. Refusing also closes its
   /// connections; leaving it listens on the same port again, and throws std::system_error when that
   /// was taken meanwhile. Answers under way, an endless one too, go on. Throws
-  /// std::invalid_argument for kRefuse behind a gateway.
+  /// std::invalid_argument for kRefuse behind a gateway and for a fault that is not one of the
+  /// transport.
   void SetFault(int address, const Fault& fault);
+  void SetFault(std::size_t bus, int address, const Fault& fault);
+
+  /// Pulls the bus' adapter out: clients get a hang-up, the link is gone, answers under way are
+  /// lost. Nothing when it is out already.
+  void Unplug(std::size_t bus);
+  /// Plugs it in again: another terminal, the same link. Nothing when it is in. Throws
+  /// std::system_error with the path in its text.
+  void Plug(std::size_t bus);
+  /// The terminal's own name, /dev/pts/N; empty while the adapter is out.
+  std::string TerminalName(std::size_t bus) const;
 
   /// Connections the device has accepted so far; behind a gateway those of the gateway.
   std::uint64_t ConnectionsAccepted(int address) const;
   /// Whole requests the device has received so far, answered or not. Counted before the answer
   /// goes out, so a client that holds the answer finds its request counted.
+  /// A request to all devices of a bus counts for each.
   std::uint64_t RequestsReceived(int address) const;
+  std::uint64_t RequestsReceived(std::size_t bus, int address) const;
   /// Connections of all devices that are open now.
   std::uint64_t OpenConnections() const;
 
@@ -76,7 +118,9 @@ class FieldSimulator {
 
   FieldSimulatorConfig config_;
   std::vector<std::unique_ptr<SimulatedDevice>> devices_;
-  std::unique_ptr<TcpBus> bus_;
+  std::unique_ptr<EventLoop> loop_;
+  std::unique_ptr<TcpBus> tcp_bus_;
+  std::vector<std::unique_ptr<RtuBus>> rtu_buses_;
 };
 
 }  // namespace tmsc::simulator

@@ -4,47 +4,19 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <new>
-#include <system_error>
+
+#include "system_error.h"
 
 namespace tmsc::simulator {
 namespace {
 
-// Offsets in a Modbus/TCP frame, after the seven bytes of the MBAP header.
-constexpr std::size_t kFunctionOffset = 7;
-constexpr std::size_t kWriteCountOffset = 12;
-constexpr std::size_t kWriteAndReadCountOffset = 16;
-
-/// The length that a request of this function has at least, its announced data included.
-std::size_t NeededLength(const Bytes& request) {
-  const auto with_data = [&request](std::size_t count_offset) {
-    const std::size_t data = request.size() > count_offset ? request[count_offset] : 0;
-    return count_offset + 1 + data;
-  };
-  switch (request[kFunctionOffset]) {
-    case MODBUS_FC_READ_EXCEPTION_STATUS:
-    case MODBUS_FC_REPORT_SLAVE_ID:
-      return kFunctionOffset + 1;
-    case MODBUS_FC_WRITE_MULTIPLE_COILS:
-    case MODBUS_FC_WRITE_MULTIPLE_REGISTERS:
-      return with_data(kWriteCountOffset);
-    case MODBUS_FC_MASK_WRITE_REGISTER:
-      return kFunctionOffset + 7;
-    case MODBUS_FC_WRITE_AND_READ_REGISTERS:
-      return with_data(kWriteAndReadCountOffset);
-    case MODBUS_FC_READ_COILS:
-    case MODBUS_FC_READ_DISCRETE_INPUTS:
-    case MODBUS_FC_READ_HOLDING_REGISTERS:
-    case MODBUS_FC_READ_INPUT_REGISTERS:
-    case MODBUS_FC_WRITE_SINGLE_COIL:
-    case MODBUS_FC_WRITE_SINGLE_REGISTER:
-      return kFunctionOffset + 5;
-    default:
-      return kFunctionOffset + 1;
-  }
+modbus_t* NewContext(Transport transport) {
+  // The names are never opened: the socket below takes the place of network and line.
+  return transport == Transport::kTcp ? modbus_new_tcp("127.0.0.1", MODBUS_TCP_DEFAULT_PORT)
+                                      : modbus_new_rtu("/dev/null", 9600, 'N', 8, 1);
 }
 
 }  // namespace
@@ -66,14 +38,14 @@ ModbusDevice::ModbusDevice(int address)
   }
 }
 
-ModbusResponder::ModbusResponder()
-    : context_(modbus_new_tcp("127.0.0.1", MODBUS_TCP_DEFAULT_PORT)) {
+ModbusResponder::ModbusResponder(Transport transport)
+    : transport_(transport), context_(NewContext(transport)) {
   if (context_ == nullptr) {
     throw std::bad_alloc();
   }
   std::array<int, 2> ends{};
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()) != 0) {
-    throw std::system_error(errno, std::generic_category(), "cannot make a pair of sockets");
+    throw SystemError("cannot make a pair of sockets");
   }
   library_end_.Reset(ends[0]);
   own_end_.Reset(ends[1]);
@@ -84,7 +56,8 @@ ModbusResponder::ModbusResponder()
 }
 
 Bytes ModbusResponder::Reply(const Bytes& request, ModbusDevice* device) {
-  if (request.size() < NeededLength(request)) {
+  const std::size_t crc_length = transport_ == Transport::kRtu ? kCrcLength : 0;
+  if (request.size() < NeededRequestLength(request, transport_) + crc_length) {
     return Exception(request, MODBUS_EXCEPTION_ILLEGAL_DATA_VALUE);
   }
   // libmodbus reads counts out of the frame and trusts them as far as its own largest frame.
@@ -99,6 +72,9 @@ Bytes ModbusResponder::Reply(const Bytes& request, ModbusDevice* device) {
 }
 
 Bytes ModbusResponder::Exception(const Bytes& request, unsigned int code) {
+  if (transport_ == Transport::kRtu && request[0] == MODBUS_BROADCAST_ADDRESS) {
+    return {};
+  }
   modbus_reply_exception(context_.get(), request.data(), code);
   return ReadBack();
 }

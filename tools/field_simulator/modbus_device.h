@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "answer.h"
+#include "modbus_frame.h"
 #include "utility/descriptor.h"
 
 namespace tmsc::simulator {
@@ -33,16 +34,17 @@ class ModbusDevice {
   std::unique_ptr<modbus_mapping_t, FreeMapping> registers_;
 };
 
-/// Lets libmodbus build Modbus/TCP replies: it writes them to one end of a pair of sockets, and
-/// they are read back from the other. One serves any number of devices, one thread at a time.
+/// Lets libmodbus build replies, an RTU frame's CRC included: it writes them to one end of a pair
+/// of sockets, and they are read back from the other. One serves any number of devices, one thread
+/// at a time.
 class ModbusResponder {
  public:
   /// Throws std::system_error when there are no descriptors left, std::bad_alloc.
-  ModbusResponder();
+  explicit ModbusResponder(Transport transport);
 
-  /// The reply of `device` to a whole request frame (MBAP header included, at most 260 bytes),
-  /// written registers taken over. A request too short for its function gets exception 3, one with
-  /// a function libmodbus does not serve exception 1.
+  /// The reply of `device` to a whole request frame of the transport, written registers taken over.
+  /// A request too short for its function gets exception 3, one with a function libmodbus does not
+  /// serve exception 1. Empty when an RTU request is addressed to all devices.
   Bytes Reply(const Bytes& request, ModbusDevice* device);
 
   /// The reply with the given Modbus exception code (MODBUS_EXCEPTION_...).
@@ -55,6 +57,7 @@ class ModbusResponder {
 
   Bytes ReadBack();
 
+  Transport transport_;
   Descriptor library_end_;
   Descriptor own_end_;
   std::unique_ptr<modbus_t, FreeContext> context_;

@@ -3,24 +3,20 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/tcp.h>
-#include <signal.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <climits>
 #include <stdexcept>
-#include <system_error>
+
+#include "modbus_frame.h"
+#include "system_error.h"
 
 namespace tmsc::simulator {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-constexpr std::uint64_t kWakeEventId = 0;
 constexpr std::size_t kReceiveSize = 4096;
 /// A connection with more pieces waiting is not read from until some are out.
 constexpr std::size_t kMaxQueuedPieces = 1024;
@@ -31,20 +27,9 @@ constexpr int kEndlessBlocksAtOnce = 16;
 // unit.
 constexpr std::size_t kHeaderLength = 6;
 constexpr std::size_t kUnitOffset = 6;
-constexpr std::size_t kFunctionOffset = 7;
-constexpr std::size_t kStartRegisterOffset = 8;
-constexpr std::size_t kReadRequestLength = 12;
 /// Unit and function at least; a Modbus frame of 260 bytes at most.
 constexpr int kSmallestLengthField = 2;
 constexpr int kLargestLengthField = 254;
-
-int BigEndian(const Bytes& bytes, std::size_t offset) {
-  return (bytes[offset] << 8) | bytes[offset + 1];
-}
-
-std::system_error SystemError(const std::string& what) {
-  return std::system_error(errno, std::generic_category(), what);
-}
 
 std::string EndpointText(const sockaddr_in& endpoint) {
   std::array<char, INET_ADDRSTRLEN> text{};
@@ -58,8 +43,9 @@ Bytes TakeFrame(Bytes* input) {
   if (input->size() < kHeaderLength) {
     return {};
   }
-  const int length = BigEndian(*input, 4);
-  if (BigEndian(*input, 2) != 0 || length < kSmallestLengthField || length > kLargestLengthField) {
+  const int length = BigEndian(&(*input)[4]);
+  if (BigEndian(&(*input)[2]) != 0 || length < kSmallestLengthField ||
+      length > kLargestLengthField) {
     input->clear();
     return {};
   }
@@ -73,35 +59,13 @@ Bytes TakeFrame(Bytes* input) {
   return frame;
 }
 
-/// The fault that the request's start register asks for; the request is made to read from 0 then.
-std::optional<Fault> TakeRequestedFault(Bytes* request) {
-  constexpr std::uint8_t kReadHoldingRegisters = 3;
-  if (request->size() < kReadRequestLength ||
-      (*request)[kFunctionOffset] != kReadHoldingRegisters) {
-    return std::nullopt;
-  }
-  const auto fault = Fault::OfRegister(BigEndian(*request, kStartRegisterOffset));
-  if (fault) {
-    (*request)[kStartRegisterOffset] = 0;
-    (*request)[kStartRegisterOffset + 1] = 0;
-  }
-  return fault;
-}
-
 }  // namespace
 
-TcpBus::TcpBus()
-    : epoll_(epoll_create1(EPOLL_CLOEXEC)),
-      wake_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      spare_(open("/dev/null", O_RDONLY | O_CLOEXEC)) {
-  if (!epoll_.IsOpen() || !wake_event_.IsOpen()) {
-    throw SystemError("cannot make the event loop");
-  }
-  Watch(wake_event_.Get(), kWakeEventId, EPOLLIN, EPOLL_CTL_ADD);
-}
+TcpBus::TcpBus(EventLoop* loop)
+    : loop_(loop), spare_(open("/dev/null", O_RDONLY | O_CLOEXEC)), responder_(Transport::kTcp) {}
 
 TcpBus::~TcpBus() {
-  Stop();
+  Close();
 }
 
 void TcpBus::AddListener(const std::string& ip_address, std::uint16_t port, bool gateway,
@@ -115,35 +79,18 @@ void TcpBus::AddListener(const std::string& ip_address, std::uint16_t port, bool
   listener->gateway = gateway;
   listener->devices = std::move(devices);
   Bind(listener.get());
-  const std::uint64_t id = ++last_id_;
+  const std::uint64_t id = loop_->Add(this);
   if (gateway || listener->devices.front()->fault.Kind() != FaultKind::kRefuse) {
     Listen(id, listener.get());
   }
   listeners_.emplace(id, std::move(listener));
 }
 
-void TcpBus::Start() {
-  // Signals are for the program the devices run in, never for their thread.
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
-  thread_ = std::thread(&TcpBus::Run, this);
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
-}
-
-void TcpBus::Stop() {
-  {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    stop_ = true;
+void TcpBus::Close() {
+  const auto lock = loop_->Lock();
+  while (!connections_.empty()) {
+    CloseConnection(connections_.begin()->first);
   }
-  eventfd_write(wake_event_.Get(), 1);
-  if (thread_.joinable()) {
-    thread_.join();
-  }
-  const std::lock_guard<std::mutex> lock(mutex_);
-  connections_.clear();
-  open_connections_ = 0;
   for (const auto& [id, listener] : listeners_) {
     listener->descriptor.Reset();
   }
@@ -170,7 +117,7 @@ std::uint64_t TcpBus::ConnectionsAccepted(const SimulatedDevice& device) const {
 }
 
 void TcpBus::SetFault(SimulatedDevice* device, const Fault& fault) {
-  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto lock = loop_->Lock();
   const auto& [id, listener] = *ListenerOf(*device);
   const bool refuse = fault.Kind() == FaultKind::kRefuse;
   if (refuse && listener->gateway) {
@@ -205,7 +152,7 @@ void TcpBus::Listen(std::uint64_t id, Listener* listener) {
   if (listen(listener->descriptor.Get(), SOMAXCONN) != 0) {
     throw SystemError("cannot listen on " + EndpointText(listener->endpoint));
   }
-  Watch(listener->descriptor.Get(), id, EPOLLIN, EPOLL_CTL_ADD);
+  loop_->Watch(listener->descriptor.Get(), id, EPOLLIN, EPOLL_CTL_ADD);
   listener->listening = true;
 }
 
@@ -218,52 +165,11 @@ void TcpBus::StopListening(Listener* listener) {
       ids.push_back(id);
     }
   }
-  std::for_each(ids.begin(), ids.end(), [this](std::uint64_t id) { Close(id); });
+  std::for_each(ids.begin(), ids.end(), [this](std::uint64_t id) { CloseConnection(id); });
   Bind(listener);
 }
 
-void TcpBus::Watch(int descriptor, std::uint64_t id, std::uint32_t events, int operation) {
-  epoll_event event{};
-  event.events = events;
-  event.data.u64 = id;
-  if (epoll_ctl(epoll_.Get(), operation, descriptor, &event) != 0) {
-    throw SystemError("cannot watch a descriptor");
-  }
-}
-
-void TcpBus::Run() {
-  std::array<epoll_event, 64> events{};
-  std::unique_lock<std::mutex> lock(mutex_);
-  while (!stop_) {
-    const int wait_time = WaitTime();
-    lock.unlock();
-    const int count =
-        epoll_wait(epoll_.Get(), events.data(), static_cast<int>(events.size()), wait_time);
-    lock.lock();
-    for (int index = 0; index < count && !stop_; ++index) {
-      const epoll_event& event = events[static_cast<std::size_t>(index)];
-      HandleEvent(event.data.u64, event.events);
-    }
-    WakeConnections();
-  }
-}
-
-int TcpBus::WaitTime() const {
-  if (wakes_.empty()) {
-    return -1;
-  }
-  // Rounded up: a wait that ends a fraction too early would be followed by a row of empty ones.
-  const auto wait =
-      std::chrono::ceil<std::chrono::milliseconds>(wakes_.begin()->first - Clock::now());
-  return static_cast<int>(std::clamp<std::int64_t>(wait.count(), 0, INT_MAX));
-}
-
-void TcpBus::HandleEvent(std::uint64_t id, std::uint32_t events) {
-  if (id == kWakeEventId) {
-    eventfd_t ignored = 0;
-    eventfd_read(wake_event_.Get(), &ignored);
-    return;
-  }
+void TcpBus::HandleEvents(std::uint64_t id, std::uint32_t events) {
   if (const auto listener = listeners_.find(id); listener != listeners_.end()) {
     if (listener->second->listening) {
       Accept(listener->second.get());
@@ -278,20 +184,13 @@ void TcpBus::HandleEvent(std::uint64_t id, std::uint32_t events) {
   const bool gone =
       (events & (EPOLLERR | EPOLLHUP)) != 0 || ((events & EPOLLIN) != 0 && !Receive(connection));
   if (gone || !Transmit(connection)) {
-    Close(id);
+    CloseConnection(id);
   }
 }
 
-void TcpBus::WakeConnections() {
-  const TimePoint now = Clock::now();
-  while (!wakes_.empty() && wakes_.begin()->first <= now) {
-    const std::uint64_t id = wakes_.begin()->second;
-    wakes_.erase(wakes_.begin());
-    Connection* connection = connections_.at(id).get();
-    connection->wake.reset();
-    if (!Transmit(connection)) {
-      Close(id);
-    }
+void TcpBus::HandleTime(std::uint64_t id) {
+  if (!Transmit(connections_.at(id).get())) {
+    CloseConnection(id);
   }
 }
 
@@ -310,22 +209,19 @@ void TcpBus::Accept(Listener* listener) {
   const int on = 1;
   setsockopt(descriptor.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
   auto connection = std::make_unique<Connection>();
-  connection->id = ++last_id_;
+  connection->id = loop_->Add(this);
   connection->descriptor = std::move(descriptor);
   connection->listener = listener;
   connection->interest = EPOLLIN;
-  Watch(connection->descriptor.Get(), connection->id, connection->interest, EPOLL_CTL_ADD);
+  loop_->Watch(connection->descriptor.Get(), connection->id, connection->interest, EPOLL_CTL_ADD);
   connections_.emplace(connection->id, std::move(connection));
   ++listener->accepted;
   ++open_connections_;
 }
 
-void TcpBus::Close(std::uint64_t id) {
-  const auto found = connections_.find(id);
-  if (found->second->wake) {
-    wakes_.erase({*found->second->wake, id});
-  }
-  connections_.erase(found);
+void TcpBus::CloseConnection(std::uint64_t id) {
+  loop_->Remove(id);
+  connections_.erase(id);
   --open_connections_;
 }
 
@@ -370,35 +266,21 @@ void TcpBus::Serve(Connection* connection, Bytes request) {
     if (found == listener.devices.end()) {
       if (!fixed) {
         const Bytes frame = responder_.Exception(request, MODBUS_EXCEPTION_GATEWAY_TARGET);
-        Enqueue(connection, Fault().Play(frame));
+        Enqueue(connection, Fault().Play(frame, Transport::kTcp));
       }
       return;
     }
     device = *found;
   }
   ++device->requests;
-  const Fault fault = TakeRequestedFault(&request).value_or(device->fault);
+  const Fault fault = Fault::TakeFromRequest(&request, Transport::kTcp).value_or(device->fault);
   const bool modbus = !fixed && fault.Kind() != FaultKind::kFixed;
   const Bytes frame = modbus ? responder_.Reply(request, &device->registers) : FixedFrame();
-  Enqueue(connection, fault.Play(frame));
+  Enqueue(connection, fault.Play(frame, Transport::kTcp));
 }
 
 void TcpBus::Enqueue(Connection* connection, Answer answer) {
-  TimePoint due = std::max(Clock::now(), connection->busy_until);
-  for (Piece& piece : answer.pieces) {
-    due += piece.pause;
-    if (!piece.stray) {
-      connection->busy_until = due;
-    }
-    auto& output = connection->output;
-    auto position = std::upper_bound(
-        output.begin(), output.end(), due,
-        [](TimePoint time, const QueuedPiece& queued) { return time < queued.due; });
-    if (position == output.begin() && !output.empty() && output.front().sent > 0) {
-      ++position;
-    }
-    output.insert(position, {due, std::move(piece.bytes), 0});
-  }
+  connection->output.Add(std::move(answer.pieces), &connection->busy_until);
   connection->ending = answer.ending;
 }
 
@@ -408,7 +290,7 @@ bool TcpBus::Transmit(Connection* connection) {
   if (!SendQueued(connection, &blocked)) {
     return false;
   }
-  if (connection->output.empty() && connection->ending == Ending::kClose) {
+  if (connection->output.Size() == 0 && connection->ending == Ending::kClose) {
     return false;
   }
   Arm(connection, blocked);
@@ -420,22 +302,13 @@ bool TcpBus::Transmit(Connection* connection) {
 bool TcpBus::SendQueued(Connection* connection, bool* blocked) {
   static const Bytes filling(kReceiveSize, 0xEE);
   const int descriptor = connection->descriptor.Get();
-  auto& output = connection->output;
-  const TimePoint now = Clock::now();
-  while (!output.empty() && output.front().due <= now) {
-    QueuedPiece& piece = output.front();
-    const ssize_t size = send(descriptor, piece.bytes.data() + piece.sent,
-                              piece.bytes.size() - piece.sent, MSG_NOSIGNAL);
-    if (size < 0) {
-      *blocked = errno == EAGAIN;
-      return *blocked;
-    }
-    piece.sent += static_cast<std::size_t>(size);
-    if (piece.sent == piece.bytes.size()) {
-      output.pop_front();
-    }
+  // The thread of the loop has every signal blocked, so a peer that is gone raises none.
+  const PieceQueue::Result result = connection->output.Send(descriptor);
+  if (result != PieceQueue::Result::kSent) {
+    *blocked = result == PieceQueue::Result::kBlocked;
+    return *blocked;
   }
-  *blocked = output.empty() && connection->ending == Ending::kEndless;
+  *blocked = connection->output.Size() == 0 && connection->ending == Ending::kEndless;
   for (int block = 0; *blocked && block < kEndlessBlocksAtOnce; ++block) {
     if (send(descriptor, filling.data(), filling.size(), MSG_NOSIGNAL) < 0) {
       return errno == EAGAIN;
@@ -447,21 +320,14 @@ bool TcpBus::SendQueued(Connection* connection, bool* blocked) {
 /// Asks for the events and the time at which there is something to do for the connection.
 void TcpBus::Arm(Connection* connection, bool blocked) {
   std::uint32_t interest = blocked ? EPOLLOUT : 0U;
-  if (connection->output.size() < kMaxQueuedPieces) {
+  if (connection->output.Size() < kMaxQueuedPieces) {
     interest |= EPOLLIN;
   }
   if (interest != connection->interest) {
     connection->interest = interest;
-    Watch(connection->descriptor.Get(), connection->id, interest, EPOLL_CTL_MOD);
+    loop_->Watch(connection->descriptor.Get(), connection->id, interest, EPOLL_CTL_MOD);
   }
-  if (connection->wake) {
-    wakes_.erase({*connection->wake, connection->id});
-    connection->wake.reset();
-  }
-  if (!blocked && !connection->output.empty()) {
-    connection->wake = connection->output.front().due;
-    wakes_.emplace(*connection->wake, connection->id);
-  }
+  loop_->WakeAt(connection->id, blocked ? std::nullopt : connection->output.FirstDue());
 }
 
 }  // namespace tmsc::simulator

@@ -1,0 +1,65 @@
+#include "modbus_frame.h"
+
+#include <modbus.h>
+
+namespace tmsc::simulator {
+namespace {
+
+/// Address, function code and CRC.
+constexpr std::size_t kShortestRtuFrame = 4;
+
+std::uint16_t Crc(const Bytes& bytes, std::size_t length) {
+  std::uint16_t crc = 0xFFFF;
+  for (std::size_t index = 0; index < length; ++index) {
+    crc = static_cast<std::uint16_t>(crc ^ bytes[index]);
+    for (int bit = 0; bit < 8; ++bit) {
+      crc = static_cast<std::uint16_t>((crc & 1) != 0 ? (crc >> 1) ^ 0xA001 : crc >> 1);
+    }
+  }
+  return crc;
+}
+
+}  // namespace
+
+std::size_t NeededRequestLength(const Bytes& request, Transport transport) {
+  const std::size_t function = FunctionOffset(transport);
+  const auto with_data = [&request](std::size_t count_offset) {
+    const std::size_t data = request.size() > count_offset ? request[count_offset] : 0;
+    return count_offset + 1 + data;
+  };
+  switch (request[function]) {
+    case MODBUS_FC_READ_EXCEPTION_STATUS:
+    case MODBUS_FC_REPORT_SLAVE_ID:
+      return function + 1;
+    case MODBUS_FC_WRITE_MULTIPLE_COILS:
+    case MODBUS_FC_WRITE_MULTIPLE_REGISTERS:
+      return with_data(function + 5);
+    case MODBUS_FC_MASK_WRITE_REGISTER:
+      return function + 7;
+    case MODBUS_FC_WRITE_AND_READ_REGISTERS:
+      return with_data(function + 9);
+    case MODBUS_FC_READ_COILS:
+    case MODBUS_FC_READ_DISCRETE_INPUTS:
+    case MODBUS_FC_READ_HOLDING_REGISTERS:
+    case MODBUS_FC_READ_INPUT_REGISTERS:
+    case MODBUS_FC_WRITE_SINGLE_COIL:
+    case MODBUS_FC_WRITE_SINGLE_REGISTER:
+      return function + 5;
+    default:
+      return function + 1;
+  }
+}
+
+void SetCrc(Bytes* frame) {
+  const std::size_t length = frame->size() - kCrcLength;
+  const std::uint16_t crc = Crc(*frame, length);
+  (*frame)[length] = static_cast<std::uint8_t>(crc & 0xFF);
+  (*frame)[length + 1] = static_cast<std::uint8_t>(crc >> 8);
+}
+
+bool HasRightCrc(const Bytes& bytes, std::size_t length) {
+  // The CRC of a frame together with its CRC is 0.
+  return length >= kShortestRtuFrame && length <= bytes.size() && Crc(bytes, length) == 0;
+}
+
+}  // namespace tmsc::simulator

@@ -1,0 +1,49 @@
+#include "piece_queue.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace tmsc::simulator {
+
+void PieceQueue::Add(std::vector<Piece> pieces, TimePoint* busy_until) {
+  TimePoint due = std::max(EventLoop::Clock::now(), *busy_until);
+  for (Piece& piece : pieces) {
+    due += piece.pause;
+    if (!piece.stray) {
+      *busy_until = due;
+    }
+    auto position = std::upper_bound(
+        queue_.begin(), queue_.end(), due,
+        [](TimePoint time, const QueuedPiece& queued) { return time < queued.due; });
+    if (position == queue_.begin() && !queue_.empty() && queue_.front().sent > 0) {
+      ++position;
+    }
+    queue_.insert(position, {due, std::move(piece.bytes), 0});
+  }
+}
+
+PieceQueue::Result PieceQueue::Send(int descriptor) {
+  const TimePoint now = EventLoop::Clock::now();
+  while (!queue_.empty() && queue_.front().due <= now) {
+    QueuedPiece& piece = queue_.front();
+    const ssize_t size =
+        write(descriptor, piece.bytes.data() + piece.sent, piece.bytes.size() - piece.sent);
+    if (size < 0) {
+      return errno == EAGAIN ? Result::kBlocked : Result::kFailed;
+    }
+    piece.sent += static_cast<std::size_t>(size);
+    if (piece.sent == piece.bytes.size()) {
+      queue_.pop_front();
+    }
+  }
+  return Result::kSent;
+}
+
+std::optional<PieceQueue::TimePoint> PieceQueue::FirstDue() const {
+  return queue_.empty() ? std::nullopt : std::optional<TimePoint>(queue_.front().due);
+}
+
+}  // namespace tmsc::simulator
