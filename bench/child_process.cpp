@@ -43,6 +43,10 @@ ChildProcess::~ChildProcess() {
   ::waitpid(pid_, nullptr, 0);
 }
 
+void ChildProcess::Signal(int number) const {
+  ::kill(pid_, number);
+}
+
 std::string ChildProcess::ReadLine() {
   std::string line;
   char next = 0;

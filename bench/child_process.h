@@ -21,6 +21,8 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
+  void Signal(int number) const;
+
   /// The next line of its standard output, without the line end.
   std::string ReadLine();
 

@@ -1,6 +1,8 @@
 // The figures of the running daemon, as ratios to bare programs that do the same work. Pairs of
 // runs alternate within one process, so that a machine whose speed changes slows both.
 
+#include <signal.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -19,6 +21,7 @@
 #include "bare_programs.h"
 #include "child_process.h"
 #include "tamsel_client.h"
+#include "vlm_rs485.h"
 
 namespace tmsc::bench {
 
@@ -185,6 +188,75 @@ void MeasureIdle(const Daemon& daemon) {
               100 * (daemon.Process().CpuSeconds() - before) / kSeconds);
 }
 
+// Seven bytes of answer, eight of request, 10 bits each at the fastest speed.
+constexpr double kLineMsPerDevice = 1000.0 * (7 + 8) * 10 / 921600;
+constexpr double kStartWaitMs = 200;
+
+/// Reads one register of each device, with Modbus RTU frames.
+Rs485Request Rs485RequestForAll(int timeout_ms) {
+  Rs485Request request = MakeRs485Request(1, VLM_RS485_BAUD_921600);
+  for (int address = 1; address <= kMaxDeviceCountAtChannel; ++address) {
+    std::vector<byte> frame = {static_cast<byte>(address), 3, 0, 0, 0, 1};
+    unsigned int crc = 0xffff;
+    for (const byte next : frame) {
+      crc ^= next;
+      for (int bit = 0; bit < 8; ++bit) {
+        crc = (crc & 1) != 0 ? crc >> 1 ^ 0xa001 : crc >> 1;
+      }
+    }
+    frame.push_back(static_cast<byte>(crc));
+    frame.push_back(static_cast<byte>(crc >> 8));
+    const SetPortParams params = {
+        static_cast<byte>(address), VLM_RS485_8N1, static_cast<std::int16_t>(timeout_ms), 0, 0, 0};
+    if (const BuildError error = AddRs485Device(request, params, frame)) {
+      throw std::runtime_error(*error);
+    }
+  }
+  return request;
+}
+
+ExchangeResult ExchangeRs485(const Daemon& daemon, int timeout_ms) {
+  return TamselClient(daemon.SocketPath()).Exchange(Rs485RequestForAll(timeout_ms), 60000);
+}
+
+void MeasureRs485(const std::string& folder) {
+  const std::string bus = folder + "/bus";
+  ::setenv("RS485_PORT_1", bus.c_str(), 1);
+  ChildProcess field({std::string(kBin) + "/field_simulator", "--rtu-bus", bus + "=1-31"}, true);
+  while (field.ReadLine() != "ready") {
+  }
+  const Daemon daemon(folder, "1");
+  ExchangeRs485(daemon, 100);
+  std::vector<double> times;
+  const double cpu_before = daemon.Process().CpuSeconds();
+  for (int i = 0; i < 21; ++i) {
+    times.push_back(Time([&] {
+      const ExchangeResult result = ExchangeRs485(daemon, 100);
+      for (const DeviceReceiveData& slot : result.response.receive_data.receive_data) {
+        if (result.outcome != Outcome::kAnswered || slot.status != VLM_RS485_ANSWERED) {
+          throw std::runtime_error("a device of the bus did not answer");
+        }
+      }
+    }));
+  }
+  const double cpu_ms = 1000 * (daemon.Process().CpuSeconds() - cpu_before) / 21;
+  const double added =
+      (Median(times) - kStartWaitMs) / kMaxDeviceCountAtChannel;  // the terminal has no line time
+  std::printf(
+      "%-52s %8.3f ms, of it start wait %.0f, added a device %.3f (line time %.3f not in it)\n",
+      "RS485, 31 devices, 921600 baud", Median(times), kStartWaitMs, added, kLineMsPerDevice);
+  std::printf("%-52s %8.3f ms\n", "RS485, processor time a cycle", cpu_ms);
+
+  std::thread pull([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(210));
+    field.Signal(SIGUSR1);
+  });
+  const double held = Time([&] { ExchangeRs485(daemon, 30000); });
+  pull.join();
+  std::printf("%-52s %8.3f ms after the pull\n", "RS485, channel held by a pulled adapter",
+              held - 210);
+}
+
 void MeasureStart(const std::string& folder) {
   std::vector<double> starts;
   for (int i = 0; i < 21; ++i) {
@@ -206,6 +278,7 @@ void Run(const std::string& folder) {
     MeasureEcho(daemon, folder);
     MeasureDevices(daemon, closing_devices, "31 devices that answer and close, default log level");
   }
+  MeasureRs485(folder);
   const Daemon daemon(folder, "3");
   MeasureDevices(daemon, closing_devices, "31 devices that answer and close, LogLevel 3");
 }

@@ -20,32 +20,26 @@ std::string RunTool(const std::string& command, int* status) {
   return output;
 }
 
-/// Another party's Modbus/TCP server, until the object goes.
-class ModbusServer {
+/// Another party's program, until the object goes. It writes one line when it is ready.
+class ForeignProgram {
  public:
-  ModbusServer() {
+  explicit ForeignProgram(const std::string& command) {
     // timeout(1) ends a server that never gets as far as reading its standard input.
-    const std::string script =
-        (std::filesystem::path(__FILE__).parent_path() / "modbus_server.py").string();
-    const std::string command = "timeout 60 /usr/bin/python3 " + script + " > " +
-                                folder_.Path("port") + " 2> " + folder_.Path("errors");
-    pipe_ = ::popen(command.c_str(), "we");  // NOLINT(*)
+    const std::string redirected =
+        "timeout 60 " + command + " > " + folder_.Path("line") + " 2> " + folder_.Path("errors");
+    pipe_ = ::popen(redirected.c_str(), "we");  // NOLINT(*)
   }
-  ~ModbusServer() { ::pclose(pipe_); }
-  ModbusServer(const ModbusServer&) = delete;
-  ModbusServer& operator=(const ModbusServer&) = delete;
+  ~ForeignProgram() { ::pclose(pipe_); }
+  ForeignProgram(const ForeignProgram&) = delete;
+  ForeignProgram& operator=(const ForeignProgram&) = delete;
 
-  /// 0 when it does not start.
-  int Port() const {
-    int port = 0;
+  /// Its line, with the line end; empty when it does not start.
+  std::string Line() const {
     WaitFor(15000, [&] {
-      const std::string text = ReadFile(folder_.Path("port"));
-      if (!text.empty() && text.back() == '\n') {
-        port = std::stoi(text);
-      }
-      return port != 0 || ReadFile(folder_.Path("errors")).find("Error") != std::string::npos;
+      return ReadFile(folder_.Path("line")).find('\n') != std::string::npos ||
+             Errors().find("Error") != std::string::npos;
     });
-    return port;
+    return ReadFile(folder_.Path("line"));
   }
   std::string Errors() const { return ReadFile(folder_.Path("errors")); }
 
@@ -54,34 +48,44 @@ class ModbusServer {
   FILE* pipe_ = nullptr;
 };
 
-TEST(Interoperation, RegistersOfAForeignServerComeThroughUnchanged) {
-  const ModbusServer server;
-  const int port = server.Port();
-  ASSERT_NE(port, 0) << "no Modbus server; python3-pymodbus is needed:\n" << server.Errors();
-  const DaemonProcess daemon;
+std::string PythonScript(const std::string& name) {
+  return "/usr/bin/python3 " + (std::filesystem::path(__FILE__).parent_path() / name).string();
+}
 
-  TcpIpRequest request = MakeTcpIpRequest(2);
-  ASSERT_FALSE(AddTcpIpDevice(request, 1, "127.0.0.1", port, 2000, ReadFrame(1, 10)));
-  const auto answer = DeviceAnswer(Exchange(daemon, request), 1);
-  EXPECT_EQ(answer->frame, AnswerFrame(1, 40070));
-
-  const std::string tamselctl =
-      std::string(TAMSEL_BIN_DIR) + "/tamselctl request --socket " + daemon.SocketPath() +
-      " --channel 1 --format json --device 1=127.0.0.1:" + std::to_string(port) + " ";
-  int status = -1;
-  std::string output = RunTool(tamselctl + "--read-holding 0,100", &status);
-  EXPECT_EQ(status, 0) << output;
-  std::string registers = "\"registers\":[";
-  for (int i = 0; i < 100; ++i) {
-    registers += std::to_string(7 * i + 40000) + (i < 99 ? "," : "]");
-  }
-  EXPECT_NE(output.find(registers), std::string::npos) << output;
+std::string RegisterList(int count, int first, int step) {
+  EXPECT_NE(output.find(RegisterList(100, 40000, 7)), std::string::npos) << output;
 
   output = RunTool(tamselctl + "--write-registers 20,1,65535", &status);
   EXPECT_EQ(status, 0) << output;
   output = RunTool(tamselctl + "--read-holding 19,4", &status);
   EXPECT_NE(output.find("\"registers\":[40133,1,65535,40154]"), std::string::npos) << output;
   output = RunTool(tamselctl + "--read-holding 99,2", &status);
+  EXPECT_NE(status, 0) << "a register that is not there: " << output;
+}
+
+TEST(Interoperation, RegistersOfAForeignRtuServerComeThroughUnchanged) {
+  const TempFolder folder;
+  const std::string near_end = folder.Path("near");
+  const std::string far_end = folder.Path("far");
+  const ForeignProgram line("sh -c 'socat pty,raw,echo=0,link=" + near_end +
+                            " pty,raw,echo=0,link=" + far_end + " & read end; kill $!'");
+  ASSERT_TRUE(WaitFor(5000, [&] { return std::filesystem::exists(far_end); })) << line.Errors();
+  const ForeignProgram server(PythonScript("modbus_rtu_server.py") + " " + far_end);
+  ASSERT_EQ(server.Line(), "ready\n") << server.Errors();
+  ::setenv("RS485_PORT_3", near_end.c_str(), 1);
+  const DaemonProcess daemon;
+  int status = -1;
+  const std::string tamselctl = std::string(TAMSEL_BIN_DIR) + "/tamselctl request --socket " +
+                                daemon.SocketPath() +
+                                " --channel 3 --format json --device 7 --baud 19200 --silence 20 ";
+  std::string output = RunTool(tamselctl + "--read-holding 0,50", &status);
+  EXPECT_EQ(status, 0) << output;
+  EXPECT_NE(output.find(RegisterList(50, 50000, 11)), std::string::npos) << output;
+  output = RunTool(tamselctl + "--write-registers 20,1,65535", &status);
+  EXPECT_EQ(status, 0) << output;
+  output = RunTool(tamselctl + "--read-holding 19,4", &status);
+  EXPECT_NE(output.find("\"registers\":[50209,1,65535,50242]"), std::string::npos) << output;
+  output = RunTool(tamselctl + "--read-holding 49,2", &status);
   EXPECT_NE(status, 0) << "a register that is not there: " << output;
 }
 
