@@ -1,5 +1,7 @@
 #include "status_text.h"
 
+#include "vlm_rs485.h"
+
 namespace tmsc {
 
 std::string StatusText(int request_status) {
@@ -51,6 +53,23 @@ std::string TcpDeviceStatusText(byte device_status) {
     text += (text.empty() ? "" : " + ") + ("unknown status " + std::to_string(unnamed));
   }
   return text;
+}
+
+std::string Rs485DeviceStatusText(byte device_status) {
+  switch (device_status) {
+    case VLM_RS485_ANSWERED:
+      return "answered";
+    case VLM_RS485_NO_ANSWER:
+      return "no answer";
+    case VLM_RS485_LINE_ERROR:
+      return "line error";
+    case VLM_RS485_TOO_LONG:
+      return "answer too long";
+    case VLM_RS485_PORT_GONE:
+      return "port gone";
+    default:
+      return "unknown status " + std::to_string(device_status);
+  }
 }
 
 }  // namespace tmsc

@@ -14,6 +14,10 @@ std::string StatusText(int request_status);
 /// are joined with " + ".
 std::string TcpDeviceStatusText(byte device_status);
 
+/// The status byte of one device of an RS485 request, the receive status of the serial library that
+/// comes with the daemon, in plain words.
+std::string Rs485DeviceStatusText(byte device_status);
+
 }  // namespace tmsc
 
 #endif  // TAMSEL_STATUS_TEXT_H_

@@ -221,6 +221,23 @@ bool BusChannel::EndsWithDelimiter(Device& device) {
   return true;
 }
 
+/// Adds what arrives until the moment to the device's answer.
+LineEvent BusChannel::TakeInput(Device& device, bool& is_damaged, Clock::time_point until) {
+  const LineEvent event = line_.WaitForInput(until);
+  if (event != LineEvent::kReady) {
+    return event;
+  }
+  unsigned char chunk[256];
+  const SerialLine::Input input = line_.Read(chunk, sizeof(chunk));
+  if (input.event == LineEvent::kGone) {
+    return LineEvent::kGone;
+  }
+  last_activity_ = Clock::now();
+  is_damaged = is_damaged || input.is_damaged;
+  device.answer_bytes.insert(device.answer_bytes.end(), chunk, chunk + input.count);
+  return LineEvent::kReady;
+}
+
 unsigned char BusChannel::Receive(Device& device, Clock::time_point until) {
   const Duration end_silence =
       std::max<Duration>(InterFrameSilence(*rate_, *device.format),
@@ -231,35 +248,26 @@ unsigned char BusChannel::Receive(Device& device, Clock::time_point until) {
   while (true) {
     const bool is_frame_open = device.delimiter == 0 && !bytes.empty();
     const Clock::time_point frame_end = is_frame_open ? last_activity_ + end_silence : until;
-    const LineEvent event = line_.WaitForInput(std::min(frame_end, until));
+    const LineEvent event = TakeInput(device, is_damaged, std::min(frame_end, until));
     if (event == LineEvent::kGone) {
       return VLM_RS485_PORT_GONE;
     }
-    if (event == LineEvent::kTimeout) {
-      if (!is_frame_open || frame_end > until) {
-        return VLM_RS485_NO_ANSWER;
-      }
-      // Another device's late answer begins with its own address.
-      if (bytes.front() == device.frame.front()) {
-        return is_damaged ? VLM_RS485_LINE_ERROR : VLM_RS485_ANSWERED;
-      }
-      bytes.clear();
-      is_damaged = false;
-      continue;
-    }
-    unsigned char chunk[256];
-    const SerialLine::Input input = line_.Read(chunk, sizeof(chunk));
-    if (input.event == LineEvent::kGone) {
-      return VLM_RS485_PORT_GONE;
-    }
-    last_activity_ = Clock::now();
-    is_damaged = is_damaged || input.is_damaged;
-    bytes.insert(bytes.end(), chunk, chunk + input.count);
-    if (EndsWithDelimiter(device)) {
+    // An answer without a delimiter that begins with another address is another device's late one.
+    const bool is_end = event == LineEvent::kReady ? EndsWithDelimiter(device)
+                                                   : is_frame_open && frame_end <= until &&
+                                                         bytes.front() == device.frame.front();
+    if (is_end) {
       return is_damaged ? VLM_RS485_LINE_ERROR : VLM_RS485_ANSWERED;
     }
     if (bytes.size() > MAX_RECEIVE_DATA_LENGTH) {
       return VLM_RS485_TOO_LONG;
+    }
+    if (event == LineEvent::kTimeout) {
+      if (frame_end >= until) {
+        return VLM_RS485_NO_ANSWER;
+      }
+      bytes.clear();
+      is_damaged = false;
     }
   }
 }

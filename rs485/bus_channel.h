@@ -50,6 +50,7 @@ class BusChannel {
   void Serve(Device& device);
   LineEvent KeepSilence(const Device& device, Clock::time_point until);
   unsigned char Exchange(Device& device);
+  LineEvent TakeInput(Device& device, bool& is_damaged, Clock::time_point until);
   unsigned char Receive(Device& device, Clock::time_point until);
   static bool EndsWithDelimiter(Device& device);
 

@@ -82,4 +82,15 @@ std::optional<AddressedFrame> ParseAddressedFrame(const std::string& text) {
   return result;
 }
 
+std::optional<Delimiter> ParseDelimiter(const std::string& text) {
+  const std::size_t comma = text.find(',');
+  const auto value = ParseNumber(text.substr(0, comma), 1, 0xFF);
+  const auto bytes_after =
+      comma == std::string::npos ? std::optional(0) : ParseNumber(text.substr(comma + 1), 0, 0xFF);
+  if (!value || !bytes_after) {
+    return std::nullopt;
+  }
+  return Delimiter{static_cast<byte>(*value), static_cast<byte>(*bytes_after)};
+}
+
 }  // namespace tmsc

@@ -39,6 +39,15 @@ struct AddressedFrame {
 /// HEX or ADDRESS:HEX; nothing when `text` is not of that form.
 std::optional<AddressedFrame> ParseAddressedFrame(const std::string& text);
 
+/// The byte that ends an answer on RS485 and how many bytes follow it.
+struct Delimiter {
+  byte value = 0;
+  byte bytes_after = 0;
+};
+
+/// BYTE, 1 to 255, or BYTE,AFTER with 0 to 255; nothing when `text` is not of that form.
+std::optional<Delimiter> ParseDelimiter(const std::string& text);
+
 }  // namespace tmsc
 
 #endif  // TAMSELCTL_ARGUMENTS_H_

@@ -15,7 +15,7 @@ constexpr int kExitRequestFailed = 6;
 /// For the end of the help text.
 constexpr const char* kExitCodeHelp =
     "Exit status:\n"
-    "  0  every device answered\n"
+    "  0  every device answered, or the broadcast was sent\n"
     "  1  the answers could not be written to standard output\n"
     "  2  wrong usage; nothing was sent\n"
     "  3  the daemon cannot be reached, or did not answer in time\n"

@@ -52,8 +52,8 @@ void PrintTable(std::ostream& output, const RequestReport& report) {
   }
 }
 
-// No text in a report holds a character that JSON would want escaped: they are our own words, and
-// places that have passed as IPv4 addresses.
+// No text in a report holds a character that JSON would want escaped: they are our own words, names
+// of serial codes, and places that have passed as IPv4 addresses.
 void PrintJson(std::ostream& output, const RequestReport& report) {
   output << R"({"channel":)" << report.channel << R"(,"elapsed_ms":)" << report.elapsed_ms
          << R"(,"devices":[)";

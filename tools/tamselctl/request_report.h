@@ -12,7 +12,7 @@ namespace tmsc {
 /// How one device came out of a request, on either transport.
 struct DeviceReport {
   int address = 0;
-  std::string place;  // where the device is, IP:PORT
+  std::string place;  // where the device is: IP:PORT, or speed and format of the line
   bool is_good = false;
   std::string status;          // in plain words
   std::vector<byte> answer;    // the answer frame as it came

@@ -1,0 +1,60 @@
+#ifndef TAMSELCTL_REQUEST_OPTIONS_H_
+#define TAMSELCTL_REQUEST_OPTIONS_H_
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "arguments.h"
+#include "communication_common.h"
+#include "tamsel_client.h"
+
+namespace CLI {
+class App;
+}
+
+namespace tmsc {
+
+/// A code of the serial library under the name that people know it by.
+struct SerialCode {
+  const char* name;
+  byte code;
+};
+
+/// What the command line says about a request.
+struct Options {
+  int channel = 0;
+  std::vector<std::string> devices;
+  std::vector<std::string> frames;  // empty: one of the next three is given
+  std::string read_holding;
+  std::string read_input;
+  std::string write_registers;
+  std::optional<int> unit;
+  int timeout_ms = 1000;
+  std::optional<int> deadline_ms;
+  std::string socket_path = kDefaultSocketPath;
+  int busy_wait_ms = 0;
+  std::string format = "table";
+
+  // Of an RS485 request; they come only together with a speed.
+  std::optional<SerialCode> baud;
+  std::optional<SerialCode> line;  // none: 8N1
+  int silence_ms = 0;
+  std::optional<Delimiter> delimiter;  // none: an answer ends with silence
+  int wait_ms = 0;
+  bool has_crc = false;
+  bool is_broadcast = false;
+
+  bool IsRs485() const { return baud.has_value(); }
+};
+
+/// Ends the parse with what is wrong with an option.
+[[noreturn]] void ThrowUsage(const std::string& option, const std::string& message);
+
+/// Adds the options of the request command; the parse leaves them in `options`, which must outlive
+/// it.
+void AddRequestOptions(CLI::App& command, Options& options);
+
+}  // namespace tmsc
+
+#endif  // TAMSELCTL_REQUEST_OPTIONS_H_
