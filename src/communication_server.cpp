@@ -249,21 +249,20 @@ std::shared_ptr<CommunicationResult> CommSocketWork::PerformRequest() {
   AccessChannelManager* channels = AccessChannelManager::GetInstance();
   const int channel_index = header_.channel_index;
   if (header_.type == kRequestDataTypeRS485) {
-    return ReadPayload<DeviceAccessRS485>("RqDatType 485", [&](DeviceAccessRS485* payload) {
+    LoggerLog::Debug(kLogTag, "RqDatType 485 [" + std::to_string(sock_.Get()) +
+                                  "] ch:" + std::to_string(channel_index));
+    return ReadPayload<DeviceAccessRS485>([&](DeviceAccessRS485* payload) {
       return channels->AccessChannelRS485(channel_index)->RS485Access(&header_, payload);
     });
   }
-  return ReadPayload<DeviceAccessTCPIP>("RqDatType TCPIP", [&](DeviceAccessTCPIP* payload) {
+  LoggerLog::Debug(kLogTag, "RqDatType TCPIP [" + std::to_string(sock_.Get()) + "]");
+  return ReadPayload<DeviceAccessTCPIP>([&](DeviceAccessTCPIP* payload) {
     return channels->AccessChannelTCPIP(channel_index)->TCPAccess(&header_, payload);
   });
 }
 
 template <typename Payload, typename Access>
-std::shared_ptr<CommunicationResult> CommSocketWork::ReadPayload(const std::string& type_text,
-                                                                 Access access) {
-  const int channel_index = header_.channel_index;
-  LoggerLog::Debug(kLogTag, type_text + " [" + std::to_string(sock_.Get()) +
-                                "] ch:" + std::to_string(channel_index));
+std::shared_ptr<CommunicationResult> CommSocketWork::ReadPayload(Access access) {
   LimitReceiveTime(sock_.Get());
   Payload payload{};
   const ssize_t count = ::recv(sock_.Get(), &payload, sizeof(payload), 0);

@@ -73,7 +73,7 @@ class CommSocketWork : public Request {
  private:
   std::shared_ptr<CommunicationResult> PerformRequest();
   template <typename Payload, typename Access>
-  std::shared_ptr<CommunicationResult> ReadPayload(const std::string& type_text, Access access);
+  std::shared_ptr<CommunicationResult> ReadPayload(Access access);
 
   Descriptor sock_;
   DataHeader header_;

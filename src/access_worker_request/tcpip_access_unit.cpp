@@ -104,7 +104,10 @@ bool TCPIPAccessUnit::AccessDevice() {
     LoggerLog::Debug(kLogTag, Bracketed(ip_) + " " + Bracketed(p_network_params_->port) +
                                   Bracketed(p_send_data_->address));
     exclusive = TCPSocketManager::GetInstance()->LockSocket(ip_, p_network_params_->port,
-                                                            p_send_data_->address);
+                                                            p_send_data_->address, LockDeadline());
+    if (!exclusive.socket) {
+      return Refuse(kTCPIPUnitStatusConnectError, "Con in use " + Bracketed(ip_));
+    }
     return Exchange(*exclusive.socket);
   } catch (const std::exception& failure) {
     LoggerLog::Debug(kLogTag, "Exception " + Bracketed(ip_) + Bracketed(DisplayText(failure)));
@@ -114,6 +117,14 @@ bool TCPIPAccessUnit::AccessDevice() {
     }
     return false;
   }
+}
+
+/// How long another exchange on the same connection is waited for: as long as one with this
+/// device's time-out usually takes at most, connect, send, header, body and drain.
+std::optional<Deadline> TCPIPAccessUnit::LockDeadline() const {
+  // A copy: no reference may be bound to a member of a packed record.
+  const std::chrono::milliseconds timeout(int{p_network_params_->timeout});
+  return timeout.count() > 0 ? std::optional<Deadline>(4 * timeout + kDrainTimeMax) : std::nullopt;
 }
 
 int TCPIPAccessUnit::FrameLength() const {

@@ -5,10 +5,12 @@
 
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "communication_common.h"
 #include "socket_manager/tcp_socket.h"
+#include "utility/deadline.h"
 
 namespace tmsc {
 
@@ -39,6 +41,7 @@ class TCPIPAccessUnit : public Poco::Runnable {
   };
   using LogCall = void (*)(const std::string& tag, const std::string& message);
 
+  std::optional<Deadline> LockDeadline() const;
   int FrameLength() const;
   const unsigned char* Frame() const { return p_send_data_->send_data + 2; }
   bool IsPossible();

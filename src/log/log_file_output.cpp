@@ -4,13 +4,19 @@
 #include <Poco/Format.h>
 #include <Poco/ScopedLock.h>
 #include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <exception>
 #include <numeric>
 
 #include "common/time_stamp.h"
+#include "utility/deadline.h"
 #include "utility/descriptor.h"
 #include "utility/file_util.h"
 
@@ -35,10 +41,26 @@ constexpr unsigned int kLogFileInitializeBufferSize = 8 * 1024;
 constexpr std::size_t kKeptBytesMax = 4 * 1024 * 1024;
 constexpr std::size_t kKeptBytesAfterDrop = kKeptBytesMax - kKeptBytesMax / 64;
 
-/// One write of the whole text, so that lines of different threads stay whole. What the console
-/// does not take is gone: a log call has nobody to tell.
+constexpr std::chrono::milliseconds kConsoleWait{200};
+
+// Each rotation looks at every copy.
+constexpr unsigned int kRollIndexMax = 9999;
+
+/// Writes a text in one go, so that lines of different threads stay whole. A console that takes
+/// nothing for a while is stuck: it gets the lines that it has room for, and no caller waits for
+/// it.
 void WriteToConsole(const std::string& text) {
-  [[maybe_unused]] const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
+  static std::atomic<bool> is_stuck{false};
+  for (std::size_t done = 0; done < text.size();) {
+    const Deadline deadline(is_stuck ? std::chrono::milliseconds(0) : kConsoleWait);
+    is_stuck = WaitForDescriptor(STDOUT_FILENO, POLLOUT, deadline) == 0;
+    // A pipe that is ready has room for this many bytes at least (pipe(7)).
+    const std::size_t count = std::min<std::size_t>(text.size() - done, PIPE_BUF);
+    if (is_stuck || ::write(STDOUT_FILENO, text.data() + done, count) < 0) {
+      return;
+    }
+    done += count;
+  }
 }
 
 bool WriteAll(int descriptor, const std::string& text) {
@@ -56,8 +78,15 @@ bool WriteAll(int descriptor, const std::string& text) {
   return true;
 }
 
-Descriptor OpenForAppend(const std::string& path) {
-  return Descriptor(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
+/// None also for what is no file: a pipe that somebody put there would hold the writer up.
+Descriptor OpenForAppend(const std::string& path, int more_flags = 0) {
+  constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+  Descriptor file(::open(path.c_str(), kFlags | more_flags, 0666));
+  struct stat status {};
+  if (file.IsOpen() && (::fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+    file.Reset();
+  }
+  return file;
 }
 
 /// False when the card does not have the data. A file system that cannot synchronise has nothing to
@@ -87,7 +116,7 @@ void LogFileOutput::SetFileSize(unsigned int file_size) {
 
 void LogFileOutput::SetRollingIndex(unsigned int roll_index) {
   if (roll_index != 0) {
-    roll_index_ = roll_index;
+    roll_index_ = std::min(roll_index, kRollIndexMax);
   }
 }
 
@@ -211,6 +240,9 @@ void LogFileOutput::DropOldestLines() {
   }
   for (int i = 0; i < kLogBufferCountMax; ++i) {
     const auto count = static_cast<std::ptrdiff_t>(dropped[i]);
+    if (count == 0) {
+      continue;  // perhaps the writer's
+    }
     buffer_[i].erase(buffer_[i].begin(), buffer_[i].begin() + count);
     line_numbers_[i].erase(line_numbers_[i].begin(), line_numbers_[i].begin() + count);
     dropped_lines_ += dropped[i];
@@ -403,7 +435,7 @@ void LogFileOutput::Synchronise() {
   if (is_synchronised_) {
     return;
   }
-  const Descriptor file(::open(file_path_.c_str(), O_WRONLY | O_CLOEXEC));
+  const Descriptor file(::open(file_path_.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK));
   const Descriptor directory(::open(file_dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   is_synchronised_ = IsOnCard(file) && IsOnCard(directory);
   if (!is_synchronised_) {
@@ -421,7 +453,8 @@ void LogFileOutput::CreateIoErrorFile() {
   if (is_file_write_error_) {
     return;
   }
-  const Descriptor file = OpenForAppend(kLoggerIoFileErrorFile);
+  // No links: everybody may put one into that folder.
+  const Descriptor file = OpenForAppend(kLoggerIoFileErrorFile, O_NOFOLLOW);
   if (!file.IsOpen()) {
     return;
   }

@@ -57,7 +57,7 @@ class LogFileOutput {
 
   /// Largest size of the log file in bytes; 0 is ignored.
   void SetFileSize(unsigned int file_size);
-  /// Number of rotated copies; 0 is ignored.
+  /// Number of rotated copies, at most 9999; 0 is ignored.
   void SetRollingIndex(unsigned int roll_index);
   /// Lowest level that is logged; outside 0 to 5 is ignored.
   void SetLogLevel(int log_level);

@@ -4,6 +4,7 @@
 #include <Poco/DOM/DOMParser.h>
 #include <Poco/DOM/Document.h>
 #include <Poco/Exception.h>
+#include <Poco/File.h>
 
 #include <cstdlib>
 #include <exception>
@@ -16,6 +17,8 @@ namespace tmsc {
 namespace {
 const std::string& kLogTag = ConstantString("LSettingMgr");
 constexpr std::size_t kSettingMapBuckets = 10;
+// Bytes. Elements within elements are read recursively: a larger file could exhaust the stack.
+constexpr Poco::File::FileSize kSettingFileSizeMax = 64 * 1024;
 }  // namespace
 
 LoggerSettingManager::LoggerSettingManager() : logger_setting_map_(kSettingMapBuckets) {
@@ -43,7 +46,11 @@ void LoggerSettingManager::LoadXml() {
   try {
     // UTF-8 unless the file declares another encoding: to set one here would override the file.
     Poco::XML::DOMParser parser;
-    const Poco::AutoPtr<Poco::XML::Document> document = parser.parse(SettingFilePath());
+    const std::string path = SettingFilePath();
+    if (Poco::File(path).getSize() > kSettingFileSizeMax) {
+      return;
+    }
+    const Poco::AutoPtr<Poco::XML::Document> document = parser.parse(path);
     Poco::XML::Node* root = document->getNodeByPath("/LoggerSetting");
     if (root == nullptr) {
       return;

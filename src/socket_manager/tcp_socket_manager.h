@@ -3,10 +3,12 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
 #include "socket_manager/tcp_socket.h"
+#include "utility/deadline.h"
 #include "utility/singleton.h"
 
 namespace tmsc {
@@ -28,9 +30,10 @@ class TCPSocketManager : public Singleton<TCPSocketManager> {
   /// The pooled socket, made unconnected when there is none.
   std::shared_ptr<TCPSocket> GetSocket(const std::string& ip_address, int port, int address);
 
-  /// Like GetSocket, and waits until no other exchange uses the socket. The socket stays the pooled
-  /// one until it is removed by the holder.
-  ExclusiveSocket LockSocket(const std::string& ip_address, int port, int address);
+  /// Like GetSocket, and waits until no other exchange uses the socket; no socket when the deadline
+  /// passes first. The socket stays the pooled one until it is removed by the holder.
+  ExclusiveSocket LockSocket(const std::string& ip_address, int port, int address,
+                             const std::optional<Deadline>& deadline = std::nullopt);
 
   /// Closes and forgets the pooled socket, if there is one. The caller holds its exchange lock, or
   /// no exchange is running.

@@ -187,7 +187,7 @@ TEST_F(RS485AccessRequestTest, TheLibraryIsCalledInOrderAndThePortStaysOpen) {
   EXPECT_EQ(response.header.type, kRequestDataTypeRS485);
   EXPECT_EQ(response.receive_data.status, 0);
   const DeviceReceiveData& slot = response.receive_data.receive_data[11];
-  EXPECT_EQ(slot.length, 438);
+  EXPECT_EQ(int{slot.length}, 438);
   EXPECT_EQ(slot.status, 9);
   EXPECT_EQ(slot.data[437], 0xa5);
   Calls expected = {"open 2 0 7"};
@@ -264,12 +264,12 @@ TEST_F(RS485AccessRequestTest, AnswersAreJudgedOneByOne) {
   const auto result = Execute();
   const auto& slots = result->ReceiveData()->receive_data.receive_data;
   EXPECT_EQ(result->ReceiveData()->receive_data.status, 0);
-  EXPECT_EQ(slots[11].length, 2);
-  EXPECT_EQ(slots[2].length, 0);
+  EXPECT_EQ(int{slots[11].length}, 2);
+  EXPECT_EQ(int{slots[2].length}, 0);
   EXPECT_EQ(slots[2].status, 2);
   EXPECT_EQ(slots[2].data[0], 0);
-  EXPECT_EQ(slots[3].length, 0);
-  EXPECT_EQ(slots[4].length, 0);
+  EXPECT_EQ(int{slots[3].length}, 0);
+  EXPECT_EQ(int{slots[4].length}, 0);
   const Calls calls = library.TakeCalls();
   EXPECT_NE(std::find(calls.begin(), calls.end(), "flags 2 2076"), calls.end());
   for (const std::string& call : calls) {
