@@ -27,7 +27,7 @@ const CharacterFormat* FindCharacterFormat(unsigned char code);
 std::chrono::nanoseconds CharacterTime(const BaudRate& rate, const CharacterFormat& format);
 
 /// Silence that separates two frames: 3.5 characters, and 1.75 ms above 19200 bits a second
-/// ("MODBUS over Serial Line Specification and Implementation Guide V1.02", 2.5.1.1).
+/// ("MODBUS over Serial Line V1.02", 2.5.1.1).
 std::chrono::nanoseconds InterFrameSilence(const BaudRate& rate, const CharacterFormat& format);
 
 }  // namespace rs485

@@ -17,7 +17,7 @@ using simulator::FaultKind;
 
 constexpr byte kBaudCode = VLM_RS485_BAUD_115200;
 
-/// Appends the CRC of Modbus RTU ("MODBUS over Serial Line Specification V1.02", 6.2.2).
+/// Appends the CRC of Modbus RTU ("MODBUS over Serial Line V1.02", 6.2.2).
 std::vector<byte> WithCrc(std::vector<byte> frame) {
   unsigned int crc = 0xffff;
   for (const byte next : frame) {

@@ -1,6 +1,6 @@
 /// Modbus PDUs (function code and data), the part of a frame that every transport carries alike:
-/// the functions that read and write 16-bit registers, as the "MODBUS Application Protocol
-/// Specification" V1.1b3 defines them.
+/// the functions that read and write 16-bit registers, as "MODBUS Application Protocol"
+/// V1.1b3 defines them.
 #ifndef TAMSELCTL_MODBUS_PDU_H_
 #define TAMSELCTL_MODBUS_PDU_H_
 

@@ -1,5 +1,5 @@
-/// Modbus RTU frames: address, PDU and CRC-16, as "MODBUS over Serial Line Specification and
-/// Implementation Guide" V1.02 defines them.
+/// Modbus RTU frames: address, PDU and CRC-16, as "MODBUS over Serial Line" V1.02
+/// defines them.
 #ifndef TAMSELCTL_MODBUS_RTU_H_
 #define TAMSELCTL_MODBUS_RTU_H_
 
