@@ -89,7 +89,8 @@ bool SerialLine::SetFormat(const CharacterFormat& format) {
   }
   line.c_cflag &= ~static_cast<tcflag_t>(CSIZE | PARENB | PARODD | CSTOPB);
   line.c_cflag |= format.termios_flags;
-  if (::tcsetattr(descriptor_, TCSANOW, &line) != 0) {
+  // EINVAL: a device without that format, such as a pseudo-terminal, keeps what it has.
+  if (::tcsetattr(descriptor_, TCSANOW, &line) != 0 && errno != EINVAL) {
     return false;
   }
   format_ = &format;

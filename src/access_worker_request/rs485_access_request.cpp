@@ -7,6 +7,7 @@
 #include <cstring>
 #include <exception>
 #include <limits>
+#include <mutex>
 
 #include "log/logger_log.h"
 #include "logger_setting/logger_setting_manager.h"
@@ -89,6 +90,7 @@ std::shared_ptr<CommunicationResult> RS485AccessRequest::Exchange() {
                                   "> 2: TID:" + std::to_string(Poco::Thread::currentTid()));
   int status = kDeviceCommunicationStatusOpenFailed;
   cache_ = Cache::Share();
+  const auto port_lock = cache_ ? cache_->LockPort(channel_) : std::unique_lock<std::mutex>();
   if (cache_ && cache_->BeginUse()) {
     // Ends the use on every path: the end of the daemon waits for it.
     const std::unique_ptr<Cache, void (*)(Cache*)> use(cache_.get(),

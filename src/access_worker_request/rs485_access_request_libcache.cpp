@@ -161,6 +161,12 @@ void Rs485AccessRequestLibcache::ReleaseChannel() {
   }
 }
 
+std::unique_lock<std::mutex> Rs485AccessRequestLibcache::LockPort(int channel) {
+  return channel >= 1 && channel <= kMaxChannel
+             ? std::unique_lock<std::mutex>(port_mutexes_[channel - 1])
+             : std::unique_lock<std::mutex>();
+}
+
 bool Rs485AccessRequestLibcache::BeginUse() {
   const std::lock_guard<std::mutex> lock(mutex_);
   users_ += is_ending_ ? 0 : 1;

@@ -60,6 +60,11 @@ class Rs485AccessRequestLibcache {
   /// Closes every open port in the library and forgets all ports.
   void ReleaseChannel();
 
+  /// Held by a request from before it touches the port until it has its answers: the channel of the
+  /// payload may differ from the one whose worker runs the request. Holds nothing for a channel
+  /// other than 1 to 3.
+  std::unique_lock<std::mutex> LockPort(int channel);
+
   /// Announces that a request is about to touch its port; false when the daemon is ending. Each
   /// success is followed by one EndUse.
   bool BeginUse();
@@ -97,6 +102,7 @@ class Rs485AccessRequestLibcache {
   // A short library call of a request holds its channel's mutex, so that none is on its way when
   // the ports are closed for good.
   std::mutex call_mutexes_[kMaxChannel];
+  std::mutex port_mutexes_[kMaxChannel];  // taken before all others
   std::atomic<bool> is_released_{false};
 };
 

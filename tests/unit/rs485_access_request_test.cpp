@@ -339,6 +339,20 @@ TEST_F(RS485AccessRequestTest, TheEndMeetsEveryStep) {
   }
 }
 
+// Two clients may name one channel in their payloads while their headers name two.
+TEST_F(RS485AccessRequestTest, OnePortServesOneRequestAtATime) {
+  library.blocking = "start";
+  std::future<int> first = std::async(std::launch::async, [this] { return Status(); });
+  ASSERT_TRUE(library.AwaitCall("start"));
+  library.TakeCalls();
+  std::future<int> second = std::async(std::launch::async, [this] { return Status(); });
+  EXPECT_EQ(second.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  EXPECT_EQ(library.TakeCalls(), Calls{});
+  library.Release();
+  EXPECT_EQ(first.get(), 0);
+  EXPECT_EQ(second.get(), 0);
+}
+
 TEST_F(RS485AccessRequestTest, ARequestInItsStartWaitTouchesNoPortAfterTheEnd) {
   std::future<int> status = std::async(std::launch::async, [this] { return Status(); });
   Cache::Destroy();
