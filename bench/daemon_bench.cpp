@@ -20,6 +20,7 @@
 
 #include "bare_programs.h"
 #include "child_process.h"
+#include "modbus/rtu_frame.h"
 #include "tamsel_client.h"
 #include "vlm_rs485.h"
 
@@ -196,16 +197,8 @@ constexpr double kStartWaitMs = 200;
 Rs485Request Rs485RequestForAll(int timeout_ms) {
   Rs485Request request = MakeRs485Request(1, VLM_RS485_BAUD_921600);
   for (int address = 1; address <= kMaxDeviceCountAtChannel; ++address) {
-    std::vector<byte> frame = {static_cast<byte>(address), 3, 0, 0, 0, 1};
-    unsigned int crc = 0xffff;
-    for (const byte next : frame) {
-      crc ^= next;
-      for (int bit = 0; bit < 8; ++bit) {
-        crc = (crc & 1) != 0 ? crc >> 1 ^ 0xa001 : crc >> 1;
-      }
-    }
-    frame.push_back(static_cast<byte>(crc));
-    frame.push_back(static_cast<byte>(crc >> 8));
+    const std::vector<byte> frame =
+        modbus::RtuFrame(address, modbus::ReadRegistersPdu(modbus::kReadHoldingRegisters, 0, 1));
     const SetPortParams params = {
         static_cast<byte>(address), VLM_RS485_8N1, static_cast<std::int16_t>(timeout_ms), 0, 0, 0};
     if (const BuildError error = AddRs485Device(request, params, frame)) {

@@ -11,14 +11,13 @@
 #include <cstdint>
 #include <string>
 
-#include "utility/constant_string.h"
-
 namespace tmsc {
 
 using byte = unsigned char;
 
-/// Application version, logged once at start.
-inline const std::string& kAppVersion = ConstantString("20220725_rkq");
+/// Application version, logged once at start. Never destroyed: worker threads may still use it
+/// while the process ends.
+inline const std::string& kAppVersion = *new std::string("20220725_rkq");
 
 /// Number of field-bus channels; channels are numbered 1 to kMaxChannel.
 constexpr int kMaxChannel = 3;

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "daemon_client.h"
+#include "support/shell.h"
 
 namespace tmsc::test {
 namespace {
@@ -11,11 +12,6 @@ namespace {
 namespace fs = std::filesystem;
 
 const char* const kErrorFile = "/tmp/logger_io_file_error";
-
-int RunShell(const std::string& command) {
-  // The words are this test's own, so the shell does what it should with them.
-  return std::system(command.c_str());  // NOLINT(bugprone-command-processor)
-}
 
 /// Lines of the shared error file that name this daemon's log.
 int ErrorLines(const DaemonProcess& daemon) {
@@ -70,7 +66,7 @@ TEST(Card, FolderGoneAndBackTwice) {
 class MountedCard : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (RunShell("unshare -rm mount -t tmpfs none /mnt 2>/dev/null") != 0) {
+    if (RunShell("unshare -rm mount -t tmpfs none /mnt").exit_code != 0) {
       GTEST_SKIP() << "this machine gives unprivileged users no mount namespace of their own";
     }
     if (IsErrorFileTaken()) {
@@ -112,13 +108,13 @@ TEST_F(MountedCard, FullAndEmptiedAgain) {
 TEST_F(MountedCard, ReadOnlyAndWritableAgain) {
   const std::string remount = "nsenter -t " + std::to_string(daemon_->Pid()) +
                               " -U -m --preserve-credentials mount -o remount,size=128k,";
-  ASSERT_EQ(RunShell(remount + "ro none " + daemon_->CardPath()), 0);
+  ASSERT_EQ(RunShell(remount + "ro none " + daemon_->CardPath()).exit_code, 0);
   LeaveMark(*daemon_, 100);
   EXPECT_TRUE(WaitFor(3000, [&] { return ErrorLines(*daemon_) == 1; }));
   EXPECT_EQ(Exchange(*daemon_, MakeTcpIpRequest(1)).receive_data.status, 0);
   SleepMs(1100);
   EXPECT_EQ(ErrorLines(*daemon_), 1);
-  ASSERT_EQ(RunShell(remount + "rw none " + daemon_->CardPath()), 0);
+  ASSERT_EQ(RunShell(remount + "rw none " + daemon_->CardPath()).exit_code, 0);
   ExpectGoesOn(101);
 }
 

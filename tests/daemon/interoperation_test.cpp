@@ -3,22 +3,10 @@
 #include <cstdio>
 
 #include "daemon_client.h"
+#include "support/shell.h"
 
 namespace tmsc::test {
 namespace {
-
-/// Output of a shell command, both streams.
-std::string RunTool(const std::string& command, int* status) {
-  std::string output;
-  // The words are this test's own, so the shell does what it should with them.
-  FILE* const pipe = ::popen(("timeout 20 " + command + " 2>&1").c_str(), "re");  // NOLINT(*)
-  char buffer[4096];
-  for (std::size_t count = 0; (count = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
-    output.append(buffer, count);
-  }
-  *status = ::pclose(pipe);
-  return output;
-}
 
 /// Another party's program, until the object goes. It writes one line when it is ready.
 class ForeignProgram {
@@ -60,18 +48,15 @@ void ExpectRegisters(const std::string& tamselctl, int count, int first, int ste
   for (int r = 0; r < count; ++r) {
     registers += (r > 0 ? "," : "") + value(r);
   }
-  int status = -1;
-  std::string output = RunTool(tamselctl + " --read-holding 0," + std::to_string(count), &status);
-  EXPECT_EQ(status, 0) << output;
-  EXPECT_NE(output.find("\"registers\":[" + registers + "]"), std::string::npos) << output;
-  output = RunTool(tamselctl + " --write-registers 20,1,65535", &status);
-  EXPECT_EQ(status, 0) << output;
-  output = RunTool(tamselctl + " --read-holding 19,4", &status);
-  EXPECT_NE(output.find("\"registers\":[" + value(19) + ",1,65535," + value(22) + "]"),
-            std::string::npos)
-      << output;
-  output = RunTool(tamselctl + " --read-holding " + std::to_string(count - 1) + ",2", &status);
-  EXPECT_NE(status, 0) << "a register that is not there: " << output;
+  ShellResult run = RunShell(tamselctl + " --read-holding 0," + std::to_string(count));
+  EXPECT_EQ(run.exit_code, 0) << run.output;
+  EXPECT_TRUE(Contains(run.output, "\"registers\":[" + registers + "]")) << run.output;
+  run = RunShell(tamselctl + " --write-registers 20,1,65535");
+  EXPECT_EQ(run.exit_code, 0) << run.output;
+  run = RunShell(tamselctl + " --read-holding 19,4");
+  EXPECT_TRUE(Contains(run.output, "[" + value(19) + ",1,65535," + value(22) + "]")) << run.output;
+  run = RunShell(tamselctl + " --read-holding " + std::to_string(count - 1) + ",2");
+  EXPECT_NE(run.exit_code, 0) << "a register that is not there: " << run.output;
 }
 
 std::string TamselctlRequest(const DaemonProcess& daemon) {

@@ -7,6 +7,7 @@
 #include <future>
 
 #include "daemon_client.h"
+#include "modbus/crc16.h"
 #include "vlm_rs485.h"
 
 namespace tmsc::test {
@@ -17,17 +18,8 @@ using simulator::FaultKind;
 
 constexpr byte kBaudCode = VLM_RS485_BAUD_115200;
 
-/// Appends the CRC of Modbus RTU ("MODBUS over Serial Line V1.02", 6.2.2).
 std::vector<byte> WithCrc(std::vector<byte> frame) {
-  unsigned int crc = 0xffff;
-  for (const byte next : frame) {
-    crc ^= next;
-    for (int bit = 0; bit < 8; ++bit) {
-      crc = (crc & 1) != 0 ? crc >> 1 ^ 0xa001 : crc >> 1;
-    }
-  }
-  frame.push_back(static_cast<byte>(crc));
-  frame.push_back(static_cast<byte>(crc >> 8));
+  modbus::AppendCrc(frame);
   return frame;
 }
 

@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/temp_folder.h"
+#include "support/files.h"
 #include "vlm_rs485.h"
 
 namespace {

@@ -24,67 +24,13 @@
 #include <thread>
 #include <vector>
 
-#include "support/temp_folder.h"
+#include "support/files.h"
+#include "support/wait.h"
 #include "tamsel_client.h"
 #include "utility/deadline.h"
 #include "utility/descriptor.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define TAMSEL_TEST_SANITIZED 1
-#else
-#define TAMSEL_TEST_SANITIZED 0
-#endif
-
 namespace tmsc::test {
-
-/// What a bound on a time may exceed the daemon's own figure by: on a machine with other work, and
-/// under a sanitizer.
-constexpr int kSlackMs = TAMSEL_TEST_SANITIZED ? 1500 : 500;
-
-inline void SleepMs(int milliseconds) {
-  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-}
-
-/// Asks every 5 ms until the condition holds; false when it does not within `limit_ms`.
-inline bool WaitFor(int limit_ms, const std::function<bool()>& condition) {
-  const Deadline deadline{std::chrono::milliseconds(limit_ms)};
-  while (!condition()) {
-    if (deadline.HasPassed()) {
-      return false;
-    }
-    SleepMs(5);
-  }
-  return true;
-}
-
-inline std::string ReadFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-}
-
-inline int CountText(const std::string& text, const std::string& part) {
-  int count = 0;
-  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
-    ++count;
-  }
-  return count;
-}
-
-/// Milliseconds since the object was made.
-class Stopwatch {
- public:
-  int Ms() const {
-    return static_cast<int>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(Deadline::Clock::now() - begin_)
-            .count());
-  }
-
- private:
-  Deadline::Clock::time_point begin_ = Deadline::Clock::now();
-};
-
-/// Values of the settings file by key.
-using Settings = std::map<std::string, std::string>;
 
 struct DaemonOptions {
   /// Returns when the daemon has answered a request.
@@ -101,27 +47,9 @@ class DaemonProcess {
  public:
   /// `changes` go over settings that put every path into the daemon's folder.
   explicit DaemonProcess(const Settings& changes = {}, const DaemonOptions& options = {}) {
-    Settings settings = {
-        {"ComSocketPath", folder_.Path("socket")},
-        {"SdcardPath", CardPath()},
-        {"TamselComWatchdogFilePath", WatchdogPath()},
-        {"TcpDrainTimeout", "20"},
-        // An RS485 request, which finds no port here, fails without waits.
-        {"Rs485StartWait", "0"},
-        {"ApiRetryCount", "0"},
-        {"ApiRetryInterval", "0"},
-    };
-    for (const auto& [key, value] : changes) {
-      settings[key] = value;
-    }
-    socket_path_ = settings["ComSocketPath"];
-    std::ofstream file(folder_.Path("settings.xml"));
-    file << "<LoggerSetting>\n";
-    for (const auto& [key, value] : settings) {
-      file << "<" << key << ">" << value << "</" << key << ">\n";
-    }
-    file << "</LoggerSetting>\n";
-    file.close();
+    const Settings settings = SettingsIn(folder_, changes);
+    socket_path_ = settings.at("ComSocketPath");
+    WriteFile(folder_.Path("settings.xml"), SettingsXml(settings));
     Start(options);
     if (options.is_awaited && !WaitUntilAnswers()) {
       const std::string text = Console() + Errors();
@@ -149,7 +77,7 @@ class DaemonProcess {
   const std::string& SocketPath() const { return socket_path_; }
   std::string WatchdogPath() const { return folder_.Path("check/tmsc"); }
   std::string CardPath() const { return folder_.Path("card"); }
-  std::string LogPath() const { return CardPath() + "/velmorahome/Log/LoggerCom.log"; }
+  std::string LogPath() const { return LogPathIn(folder_); }
   pid_t Pid() const { return pid_; }
 
   bool WaitUntilAnswers(int limit_ms = 20000) const {

@@ -3,40 +3,18 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
-#include <fstream>
-#include <functional>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "log/logger_log.h"
 #include "logger_setting/logger_setting_manager.h"
-#include "support/temp_folder.h"
-#include "utility/deadline.h"
+#include "support/files.h"
+#include "support/wait.h"
 #include "utility/file_util.h"
-#include "utility/string_util.h"
 
 namespace tmsc::test {
-
-/// Whether the condition comes true within the limit.
-inline bool Eventually(const std::function<bool()>& condition,
-                       std::chrono::milliseconds limit = std::chrono::seconds(5)) {
-  const Deadline deadline(limit);
-  while (!condition()) {
-    if (deadline.HasPassed()) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
-inline void WriteFile(const std::string& path, const std::string& text) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
 
 inline std::vector<std::string> Lines(const std::string& text) {
   std::vector<std::string> lines;
@@ -47,27 +25,12 @@ inline std::vector<std::string> Lines(const std::string& text) {
   return lines;
 }
 
-/// Lines of `text` that contain `part`.
-inline int CountLines(const std::string& text, const std::string& part) {
-  int count = 0;
-  for (const std::string& line : Lines(text)) {
-    count += line.find(part) != std::string::npos ? 1 : 0;
-  }
-  return count;
-}
-
-inline int MillisecondsSince(Deadline::Clock::time_point start) {
-  return static_cast<int>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(Deadline::Clock::now() - start)
-          .count());
-}
-
 /// Settings and log of a test's own, in a folder of its own.
 class LogFixture : public ::testing::Test {
  protected:
   LogFixture() {
     FileUtil::Create();
-    UseSettings("");
+    UseSettings();
   }
   ~LogFixture() override {
     LoggerLog::Shutdown();
@@ -77,26 +40,23 @@ class LogFixture : public ::testing::Test {
   }
 
   /// Makes the settings manager read `text` as its file.
-  void UseSettingFile(const std::string& text) {
+  LoggerSettingManager& UseSettingFile(const std::string& text) {
     const std::string path = folder_.Path("LoggerSetting.xml");
     WriteFile(path, text);
     ::setenv(kLoggerSettingFileVariable.c_str(), path.c_str(), 1);
     LoggerSettingManager::Destroy();
     LoggerSettingManager::Create();
+    return *LoggerSettingManager::GetInstance();
   }
-  /// Settings whose paths lie in the test's folder, and `elements` such as
-  /// "<LogLevel>0</LogLevel>".
-  void UseSettings(const std::string& elements) {
-    UseSettingFile("<LoggerSetting><SdcardPath>" + folder_.Path() + "</SdcardPath><ComSocketPath>" +
-                   folder_.Path("socket") + "</ComSocketPath><TamselComWatchdogFilePath>" +
-                   folder_.Path("check/tmsc") + "</TamselComWatchdogFilePath>" + elements +
-                   "</LoggerSetting>");
+  /// Settings whose paths lie in the test's folder, and the changes.
+  LoggerSettingManager& UseSettings(const Settings& changes = {}) {
+    return UseSettingFile(SettingsXml(SettingsIn(folder_, changes)));
   }
-  void StartLog(const std::string& elements = "") {
-    UseSettings(elements);
+  void StartLog(const Settings& changes = {}) {
+    UseSettings(changes);
     LoggerLog::Setup();
   }
-  std::string LogText() const { return StringUtil::LoadFromFile(log_path_); }
+  std::string LogText() const { return ReadFile(log_path_); }
   /// Ends the log; everything that was logged.
   std::string StopLog() {
     LoggerLog::Shutdown();
@@ -104,7 +64,7 @@ class LogFixture : public ::testing::Test {
   }
 
   TempFolder folder_;
-  const std::string log_path_ = folder_.Path("velmorahome/Log/LoggerCom.log");
+  const std::string log_path_ = LogPathIn(folder_);
 };
 
 }  // namespace tmsc::test

@@ -5,7 +5,7 @@
 #include <fstream>
 #include <string>
 
-#include "support/temp_folder.h"
+#include "support/files.h"
 
 namespace tmsc {
 namespace {

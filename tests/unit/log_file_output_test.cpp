@@ -9,6 +9,7 @@
 #include <set>
 
 #include "support/log_fixture.h"
+#include "utility/string_util.h"
 
 namespace tmsc {
 namespace {
@@ -41,12 +42,10 @@ class LogFileOutputTest : public test::LogFixture {
     }
     return console_;
   }
-  std::string Text(const std::string& suffix = "") const {
-    return StringUtil::LoadFromFile(path_ + suffix);
-  }
+  std::string Text(const std::string& suffix = "") const { return test::ReadFile(path_ + suffix); }
   int ErrorFileLines() const {
-    return test::CountLines(StringUtil::LoadFromFile("/tmp/logger_io_file_error"),
-                            "[x UTC] " + path_);
+    return test::CountText(StringUtil::LoadFromFile("/tmp/logger_io_file_error"),
+                           "[x UTC] " + path_);
   }
   /// The card is gone: something else stands in the directory's place.
   void RemoveCard() const {
@@ -71,14 +70,14 @@ TEST_F(LogFileOutputTest, BufferedModeWaitsForTheThresholdOrAFlush) {
   output->SetBufferSize(4096);
   output->Setup(path_);
   LogBytes(*output, 4000, 'a');
-  EXPECT_FALSE(test::Eventually([&] { return !Text().empty(); }, milliseconds(1200)));
+  EXPECT_FALSE(test::WaitFor(1200, [&] { return !Text().empty(); }));
   LogBytes(*output, 96, 'b');  // exactly the threshold
-  EXPECT_TRUE(test::Eventually([&] { return Text().size() == 4096; }));
+  EXPECT_TRUE(test::WaitFor(5000, [&] { return Text().size() == 4096; }));
   LogBytes(*output, 20, 'c');
   output->Flush();
-  EXPECT_TRUE(test::Eventually([&] { return Text().size() == 4116; }));
+  EXPECT_TRUE(test::WaitFor(5000, [&] { return Text().size() == 4116; }));
   LogBytes(*output, 4095, 'd');
-  EXPECT_FALSE(test::Eventually([&] { return Text().size() > 4116; }, milliseconds(1200)))
+  EXPECT_FALSE(test::WaitFor(1200, [&] { return Text().size() > 4116; }))
       << "the count starts afresh after a flush";
   output.reset();
   EXPECT_EQ(8211U, Text().size()) << "the end writes what is queued";
@@ -143,7 +142,7 @@ TEST_F(LogFileOutputTest, WriteSwitchOffEchoesOnly) {
   FileUtil::GetInstance()->SetLogWriteEnable(false);
   Log(*output, "between");
   output->Flush();
-  EXPECT_TRUE(test::Eventually([&] { return Text() == "[x UTC] before\n"; }))
+  EXPECT_TRUE(test::WaitFor(5000, [&] { return Text() == "[x UTC] before\n"; }))
       << "a flush writes what was queued before";
   FileUtil::GetInstance()->SetLogWriteEnable(true);
   Log(*output, "after");
@@ -157,17 +156,16 @@ TEST_F(LogFileOutputTest, LinesSurviveACardThatIsGoneForAWhile) {
   output->Setup(path_);
   RemoveCard();
   Log(*output, "first");
-  ASSERT_TRUE(test::Eventually([&] { return ErrorFileLines() == 1; }));
+  ASSERT_TRUE(test::WaitFor(5000, [&] { return ErrorFileLines() == 1; }));
   Log(*output, "second");  // goes to the other buffer
   InsertCard();
-  EXPECT_TRUE(test::Eventually([&] { return Text() == "[x UTC] second\n[x UTC] first\n"; }))
+  EXPECT_TRUE(test::WaitFor(5000, [&] { return Text() == "[x UTC] second\n[x UTC] first\n"; }))
       << Text();
 
   RemoveCard();
   Log(*output, "third");
-  ASSERT_TRUE(test::Eventually([&] { return ErrorFileLines() == 2; }));
-  EXPECT_FALSE(test::Eventually([&] { return ErrorFileLines() > 2; }, milliseconds(1700)))
-      << "one line an episode";
+  ASSERT_TRUE(test::WaitFor(5000, [&] { return ErrorFileLines() == 2; }));
+  EXPECT_FALSE(test::WaitFor(1700, [&] { return ErrorFileLines() > 2; })) << "one line an episode";
   InsertCard();
   output.reset();
   EXPECT_EQ("[x UTC] second\n[x UTC] first\n[x UTC] third\n", Text());
@@ -182,12 +180,12 @@ TEST_F(LogFileOutputTest, KeptLinesAreBounded) {
   output->Setup(path_);
   RemoveCard();
   Log(*output, "start");
-  ASSERT_TRUE(test::Eventually([&] { return ErrorFileLines() == 1; }));
+  ASSERT_TRUE(test::WaitFor(5000, [&] { return ErrorFileLines() == 1; }));
   for (int i = 0; i < kCount; ++i) {
     Log(*output, std::to_string(i) + " " + std::string(kLine, 'k'));
   }
   // The bound holds also when lines went on through several vain attempts.
-  EXPECT_FALSE(test::Eventually([] { return false; }, milliseconds(1200)));
+  EXPECT_FALSE(test::WaitFor(1200, [] { return false; }));
   InsertCard();
   output.reset();
 
@@ -205,8 +203,8 @@ TEST_F(LogFileOutputTest, KeptLinesAreBounded) {
   EXPECT_EQ(kCount - kept, *numbers.begin()) << "the newest are kept";
   EXPECT_EQ(kCount - 1, *numbers.rbegin());
   EXPECT_EQ(1,
-            test::CountLines(text, "[x UTC] [W] LogFlOut Log lines lost while the card was gone [" +
-                                       std::to_string(kCount + 1 - kept) + "]"))
+            test::CountText(text, "[x UTC] [W] LogFlOut Log lines lost while the card was gone [" +
+                                      std::to_string(kCount + 1 - kept) + "]"))
       << kept;
 }
 
@@ -230,16 +228,16 @@ TEST_F(LogFileOutputTest, AFullCardLosesTextAndLeavesOneLineAnEpisode) {
     for (int i = 0; i < 3; ++i) {
       std::filesystem::resize_file(path_, room - 5);  // a part of the line still fits
       Log(*output, "lost");
-      ASSERT_TRUE(test::Eventually([&] { return std::filesystem::file_size(path_) == room; }));
-      EXPECT_TRUE(test::Eventually([&] { return ErrorFileLines() == episode; })) << i;
+      ASSERT_TRUE(test::WaitFor(5000, [&] { return std::filesystem::file_size(path_) == room; }));
+      EXPECT_TRUE(test::WaitFor(5000, [&] { return ErrorFileLines() == episode; })) << i;
     }
     test::WriteFile(path_, "");
     Log(*output, "written");
-    EXPECT_TRUE(test::Eventually([&] { return Text() == "[x UTC] written\n"; })) << Text();
+    EXPECT_TRUE(test::WaitFor(5000, [&] { return Text() == "[x UTC] written\n"; })) << Text();
   }
   output.reset();
   ASSERT_EQ(0, ::setrlimit(RLIMIT_FSIZE, &before));
-  EXPECT_EQ(6, test::CountLines(Console(), "log_file error " + path_));
+  EXPECT_EQ(6, test::CountText(Console(), "log_file error " + path_));
   EXPECT_EQ(2, ErrorFileLines());
 }
 
@@ -269,11 +267,11 @@ TEST_F(LogFileOutputTest, UnusableSettingsKeepTheInitialOnes) {
   output.Setup(path_);
   output.LogOutput(kLogOutputLevelVerboseValue, "V", "T", "below");
   output.LogOutput(kLogOutputLevelDebugValue, "D", "T", std::string(8100, 'd'));
-  EXPECT_FALSE(test::Eventually([&] { return !Text().empty(); }, milliseconds(700)));
+  EXPECT_FALSE(test::WaitFor(700, [&] { return !Text().empty(); }));
   output.LogOutput(kLogOutputLevelDebugValue, "D", "", std::string(100, 'd'));
-  EXPECT_TRUE(test::Eventually([&] { return test::Lines(Text()).size() == 2; }));
+  EXPECT_TRUE(test::WaitFor(5000, [&] { return test::Lines(Text()).size() == 2; }));
   EXPECT_EQ(26U, Text().find("[D] T ddd")) << "no milliseconds";
-  EXPECT_EQ(0, test::CountLines(Text(), "below"));
+  EXPECT_EQ(0, test::CountText(Text(), "below"));
 }
 
 }  // namespace

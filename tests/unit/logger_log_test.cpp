@@ -6,8 +6,10 @@
 #include <ctime>
 #include <filesystem>
 #include <map>
+#include <thread>
 
 #include "support/log_fixture.h"
+#include "utility/string_util.h"
 
 namespace tmsc {
 namespace {
@@ -23,7 +25,7 @@ TEST_F(LoggerLogTest, LevelsAndLineFormat) {
   for (const auto& row : rows) {
     LoggerLog::Fatal("T", "before the set-up");
     ::testing::internal::CaptureStdout();
-    StartLog("<LogLevel>" + std::string(row.setting) + "</LogLevel>");
+    StartLog({{"LogLevel", row.setting}});
     LoggerLog::Verbose("T", "x");
     LoggerLog::Debug("T", "x");
     LoggerLog::Info("T", "x");
@@ -51,12 +53,12 @@ TEST_F(LoggerLogTest, LevelsAndLineFormat) {
 
 TEST_F(LoggerLogTest, FlushWritesWithinOneTick) {
   ::setenv("TZ", "XYZ-9", 1);  // lines stay in universal time
-  StartLog("<LogLevel>0</LogLevel>");
+  StartLog({{"LogLevel", "0"}});
   LoggerLog::Info("T", "x");
   EXPECT_EQ("", LogText());
   LoggerLog::Flush();
-  EXPECT_TRUE(test::Eventually([&] { return test::CountLines(LogText(), "T x") == 1; }));
-  EXPECT_EQ(1, test::CountLines(LogText(), "[V] LoggerLog FlushLoggerLog."));
+  EXPECT_TRUE(test::WaitFor(5000, [&] { return test::CountText(LogText(), "T x") == 1; }));
+  EXPECT_EQ(1, test::CountText(LogText(), "[V] LoggerLog FlushLoggerLog."));
   const std::time_t now = std::time(nullptr);
   std::tm utc{};
   ::gmtime_r(&now, &utc);
@@ -94,7 +96,7 @@ TEST_F(LoggerLogTest, LinesOfManyThreadsAreWholeAndNoneIsLost) {
   constexpr int kThreads = 16;
   constexpr int kLines = 2000;
   ::testing::internal::CaptureStdout();
-  StartLog("<LoggerComLogMaxFileSize>100MB</LoggerComLogMaxFileSize>");
+  StartLog({{"LoggerComLogMaxFileSize", "100MB"}});
   std::vector<std::thread> threads;
   for (int thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([thread] {
@@ -112,7 +114,7 @@ TEST_F(LoggerLogTest, LinesOfManyThreadsAreWholeAndNoneIsLost) {
   }
   const std::string text = StopLog();
   EXPECT_EQ(kThreads * kLines,
-            test::CountLines(::testing::internal::GetCapturedStdout(), "LoggerCom.log ["));
+            test::CountText(::testing::internal::GetCapturedStdout(), "LoggerCom.log ["));
   EXPECT_EQ(kThreads * kLines, CheckLines(text));
 }
 
@@ -161,9 +163,9 @@ TEST_F(LoggerLogTest, TheEndDoesNotWaitForCallsThatCameLater) {
   for (int round = 0; round < 6; ++round) {
     LoggerLog::Setup();
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    const auto start = Deadline::Clock::now();
+    const test::Stopwatch start;
     LoggerLog::Shutdown();
-    full_waits += test::MillisecondsSince(start) >= 490 ? 1 : 0;
+    full_waits += start.Ms() >= 490 ? 1 : 0;
   }
   is_over = true;
   for (std::thread& thread : threads) {
@@ -179,15 +181,14 @@ TEST_F(LoggerLogTest, RefusedRenamesDoNotFeedTheLog) {
   }
   test::WriteFile(log_path_, std::string(100, 'o'));
   ::testing::internal::CaptureStdout();
-  StartLog(
-      "<LoggerComLogMaxFileSize>100B</LoggerComLogMaxFileSize>"
-      "<LoggerComLogMaxRollIndex>3</LoggerComLogMaxRollIndex>"
-      "<EnableLogBufferedIO>0</EnableLogBufferedIO>");
+  StartLog({{"LoggerComLogMaxFileSize", "100B"},
+            {"LoggerComLogMaxRollIndex", "3"},
+            {"EnableLogBufferedIO", "0"}});
   LoggerLog::Info("T", "x");
-  const bool is_written = test::Eventually([&] { return test::CountLines(LogText(), "T x") == 1; });
-  const auto count = [&] { return test::CountLines(LogText(), "[E] FlUtil Rename file"); };
-  const bool is_fed =
-      test::Eventually([&] { return count() > 20; }, std::chrono::milliseconds(2600));
+  const bool is_written =
+      test::WaitFor(5000, [&] { return test::CountText(LogText(), "T x") == 1; });
+  const auto count = [&] { return test::CountText(LogText(), "[E] FlUtil Rename file"); };
+  const bool is_fed = test::WaitFor(2600, [&] { return count() > 20; });
   StopLog();
   ::testing::internal::GetCapturedStdout();
   EXPECT_TRUE(is_written);

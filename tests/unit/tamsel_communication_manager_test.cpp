@@ -12,7 +12,7 @@
 #include "channel/access_channel_manager.h"
 #include "log/logger_log.h"
 #include "logger_setting/logger_setting_manager.h"
-#include "support/temp_folder.h"
+#include "support/files.h"
 #include "utility/file_util.h"
 #include "utility/string_util.h"
 

@@ -9,30 +9,15 @@
 
 #include "request_builder.h"
 #include "support/fake_daemon.h"
+#include "support/shell.h"
 
 namespace tmsc {
 namespace {
 
-struct ProcessResult {
-  int exit_code = -1;
-  std::string output;  // both streams
-};
+using test::ShellResult;
 
-ProcessResult RunTamselctl(const std::string& arguments) {
-  ProcessResult run;
-  const std::string command = std::string(TAMSELCTL_PATH) + " " + arguments + " 2>&1";
-  // The arguments are this test's own, so the shell does what it should with them.
-  FILE* pipe = ::popen(command.c_str(), "re");  // NOLINT(bugprone-command-processor)
-  if (pipe == nullptr) {
-    return run;
-  }
-  char buffer[4096];
-  for (std::size_t count = 0; (count = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
-    run.output.append(buffer, count);
-  }
-  const int status = ::pclose(pipe);
-  run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return run;
+ShellResult RunTamselctl(const std::string& arguments) {
+  return test::RunShell(std::string(TAMSELCTL_PATH) + " " + arguments);
 }
 
 ResponseReceiveData Status(int status) {
@@ -108,7 +93,7 @@ struct ResponseCase {
 void ExpectExitStatusAndText(const std::vector<ResponseCase>& cases) {
   for (const ResponseCase& given : cases) {
     AnsweringDaemon daemon(given.responses);
-    const ProcessResult run = RunTamselctl(daemon.Arguments(given.arguments));
+    const ShellResult run = RunTamselctl(daemon.Arguments(given.arguments));
     EXPECT_EQ(run.exit_code, given.exit_code) << given.arguments << run.output;
     EXPECT_NE(run.output.find(given.text), std::string::npos) << given.text << '\n' << run.output;
   }
@@ -261,7 +246,7 @@ TEST(Tamselctl, WritesAsManyRegistersAsAnRs485FrameHolds) {
   const std::string arguments = daemon.Arguments(kRtu + "--write-registers " + values);
   EXPECT_EQ(RunTamselctl(arguments).exit_code, 6);
   EXPECT_EQ(Frame(daemon.LastRequest<Rs485Request>().payload.send_data[0]).size(), 63U);
-  const ProcessResult run = RunTamselctl(arguments + ",1");
+  const ShellResult run = RunTamselctl(arguments + ",1");
   EXPECT_EQ(run.exit_code, 2);
   EXPECT_NE(run.output.find("1 to 27 registers"), std::string::npos) << run.output;
 }
@@ -309,8 +294,7 @@ TEST(Tamselctl, WrongUsageIsRefusedBeforeAnythingIsSent) {
       {kRtu + "--read-input 0,1 --crc", "only --frame"},
   };
   for (const auto& given : cases) {
-    const ProcessResult run =
-        RunTamselctl("request --socket /nonexistent/socket " + given.arguments);
+    const ShellResult run = RunTamselctl("request --socket /nonexistent/socket " + given.arguments);
     EXPECT_EQ(run.exit_code, 2) << given.arguments;
     EXPECT_NE(run.output.find(given.text), std::string::npos) << run.output;
   }
@@ -325,7 +309,7 @@ TEST(Tamselctl, DaemonThatIsAbsentOrSilentEndsWithThree) {
     FakeDaemon::ReadOnce(connection, 1);
   });
   const Deadline latest(std::chrono::seconds(3));
-  const ProcessResult run =
+  const ShellResult run =
       RunTamselctl("request --socket " + silent.Path() + " --deadline 100 " + kRead);
   EXPECT_EQ(run.exit_code, 3);
   EXPECT_NE(run.output.find("did not answer in time"), std::string::npos) << run.output;

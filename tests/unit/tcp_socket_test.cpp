@@ -39,15 +39,15 @@ TEST(TcpSocketTest, ConnectTimeoutClosesTheSocket) {
   // Connections that nobody accepts fill the queue; the kernel then lets further ones wait.
   std::vector<std::unique_ptr<TCPSocket>> filling;
   int result = 0;
-  auto start = Deadline::Clock::now();
+  test::Stopwatch start;
   for (int i = 0; i < 10 && result == 0; ++i) {
     filling.push_back(std::make_unique<TCPSocket>("127.0.0.1", listener.Port()));
-    start = Deadline::Clock::now();
+    start = test::Stopwatch();
     result = filling.back()->Connect(200);
   }
   EXPECT_EQ(TCPSocket::kConnectTimeout, result);
-  EXPECT_GE(test::MillisecondsSince(start), 200);
-  EXPECT_LT(test::MillisecondsSince(start), 900);
+  EXPECT_GE(start.Ms(), 200);
+  EXPECT_LT(start.Ms(), 900);
   EXPECT_FALSE(filling.back()->IsSocketCreated());
   EXPECT_EQ(-1, filling.back()->GetDescriptor());
 }
@@ -68,7 +68,7 @@ TEST(TcpSocketTest, ExchangeAndTimeouts) {
   char buffer[8] = {};
   EXPECT_EQ(3, ::recv(peer.Get(), buffer, sizeof(buffer), 0));
   ASSERT_EQ(2, ::send(peer.Get(), "de", 2, 0));
-  EXPECT_TRUE(test::Eventually([&] { return !socket.IsReusable(); })) << "bytes are left over";
+  EXPECT_TRUE(test::WaitFor(5000, [&] { return !socket.IsReusable(); })) << "bytes are left over";
   EXPECT_EQ(2, socket.ReceiveBytes(buffer, sizeof(buffer)));
 
   socket.SetReadWriteTimeout(1150, -5);
@@ -76,15 +76,15 @@ TEST(TcpSocketTest, ExchangeAndTimeouts) {
   socklen_t length = sizeof(send_timeout);
   ::getsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, &length);
   EXPECT_EQ(0, send_timeout.tv_sec + send_timeout.tv_usec);
-  const auto start = Deadline::Clock::now();
+  const test::Stopwatch start;
   EXPECT_EQ(-1, socket.ReceiveBytes(buffer, sizeof(buffer)));
-  EXPECT_GE(test::MillisecondsSince(start), 1140);
-  EXPECT_LT(test::MillisecondsSince(start), 2500);
+  EXPECT_GE(start.Ms(), 1140);
+  EXPECT_LT(start.Ms(), 2500);
 
   peer.Reset();
-  EXPECT_TRUE(test::Eventually([&] { return !socket.IsReusable(); }));
+  EXPECT_TRUE(test::WaitFor(5000, [&] { return !socket.IsReusable(); }));
   EXPECT_EQ(0, socket.ReceiveBytes(buffer, sizeof(buffer)));
-  EXPECT_TRUE(test::Eventually([&] { return socket.SendBytes("abc", 3) == -1; }))
+  EXPECT_TRUE(test::WaitFor(5000, [&] { return socket.SendBytes("abc", 3) == -1; }))
       << "a failure, no signal";
   socket.Close();
   EXPECT_EQ(-1, socket.SendBytes("abc", 3));

@@ -29,7 +29,7 @@ class TcpipAccessRequestTest : public test::LogFixture {
  protected:
   TcpipAccessRequestTest() {
     TCPSocketManager::Create();
-    StartLog();
+    StartLog({{"TcpDrainTimeout", ""}});
   }
   ~TcpipAccessRequestTest() override { TCPSocketManager::Destroy(); }
 
@@ -73,7 +73,7 @@ class TcpipAccessRequestTest : public test::LogFixture {
 
   /// Executes the payload and takes the time.
   void Execute() {
-    const auto start = Deadline::Clock::now();
+    const test::Stopwatch start;
     std::promise<std::shared_ptr<CommunicationResult>> promise;
     auto future = promise.get_future();
     Poco::AutoPtr<TCPIPAccessRequest> request(
@@ -84,7 +84,7 @@ class TcpipAccessRequestTest : public test::LogFixture {
     ASSERT_TRUE(result_);
     EXPECT_EQ(kRequestDataTypeTCPIP, result_->ReceiveData()->header.type);
     EXPECT_EQ(0, result_->ReceiveData()->receive_data.status);
-    duration_ms_ = test::MillisecondsSince(start);
+    duration_ms_ = start.Ms();
   }
   const DeviceReceiveData& Slot(int device) const {
     return result_->ReceiveData()->receive_data.receive_data[device - 1];
@@ -139,8 +139,8 @@ TEST_F(TcpipAccessRequestTest, EveryKindOfAnswerInOneRequest) {
   for (const auto& row : rows) {
     ++device;
     ExpectSlot(device, row.status, row.length);
-    EXPECT_EQ(1, test::CountLines(log, std::string("[") + row.level + "] TCPIPAUnit " +
-                                           row.before_ip + Ip(device) + row.after_ip))
+    EXPECT_EQ(1, test::CountText(log, std::string("[") + row.level + "] TCPIPAUnit " +
+                                          row.before_ip + Ip(device) + row.after_ip))
         << "device " << device;
   }
   EXPECT_EQ(0, std::memcmp("\0\x09\0\0\0\x07\x01\x03\x04\x03\xe8\x03\xe9", Slot(1).data, 13));
@@ -181,13 +181,13 @@ TEST_F(TcpipAccessRequestTest, EntriesThatCannotBeRightAreNotExchanged) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     FileUtil::CreateFile(log_path_);
-    StartLog();
+    StartLog({{"TcpDrainTimeout", ""}});
     Ask(0, 1, 300);
     row.spoil(payload_.port_params[0], payload_.send_data[0]);
     Execute();
     ExpectSlot(1, row.status, 0);
     const std::string log = StopLog();
-    EXPECT_EQ(row.line != nullptr ? 1 : 0, test::CountLines(log, "[W] TCPIPAUnit ")) << log;
+    EXPECT_EQ(row.line != nullptr ? 1 : 0, test::CountText(log, "[W] TCPIPAUnit ")) << log;
     EXPECT_EQ(row.line != nullptr,
               log.find(row.line != nullptr ? row.line : "[W]") != std::string::npos)
         << log;
@@ -213,17 +213,17 @@ TEST_F(TcpipAccessRequestTest, ConnectionsArePooledUntilAnExchangeFails) {
     Execute();
     ExpectSlot(1, 0, kUsualAnswer);
     ExpectSlot(2, status, status == 0 ? kUsualAnswer : 0);
-    EXPECT_TRUE(test::Eventually([&] { return field_->OpenConnections() == 1; }));
+    EXPECT_TRUE(test::WaitFor(5000, [&] { return field_->OpenConnections() == 1; }));
   }
   EXPECT_EQ(1U, field_->ConnectionsAccepted(1));
   EXPECT_EQ(2U, field_->ConnectionsAccepted(2));
 
   StopLog();
-  StartLog("<TcpReuseCheck>1</TcpReuseCheck>");
+  StartLog({{"TcpReuseCheck", "1"}, {"TcpDrainTimeout", ""}});
   for (int i = 0; i < 3; ++i) {
     Execute();
     ExpectSlot(2, 0, kUsualAnswer);
-    EXPECT_TRUE(test::Eventually([&] { return field_->OpenConnections() == 1; }));
+    EXPECT_TRUE(test::WaitFor(5000, [&] { return field_->OpenConnections() == 1; }));
   }
   EXPECT_EQ(1U, field_->ConnectionsAccepted(1));
   EXPECT_EQ(5U, field_->ConnectionsAccepted(2));
@@ -235,7 +235,7 @@ TEST_F(TcpipAccessRequestTest, DeviceListedTwiceIsAskedOnceAfterTheOther) {
     Ask(i, 1, 1000);
   }
   StopLog();
-  StartLog("<TcpDrainTimeout>50</TcpDrainTimeout>");
+  StartLog({{"TcpDrainTimeout", "50"}});
   Execute();
   ExpectSlot(1, 0, kUsualAnswer);
   EXPECT_EQ(1U, field_->ConnectionsAccepted(1));
@@ -261,16 +261,16 @@ TEST_F(TcpipAccessRequestTest, DrainIsBounded) {
     SCOPED_TRACE(std::to_string(row.device) + " " + std::to_string(row.timeout) + " " +
                  row.drain_setting);
     StopLog();
-    StartLog("<TcpDrainTimeout>" + std::string(row.drain_setting) + "</TcpDrainTimeout>");
+    StartLog({{"TcpDrainTimeout", row.drain_setting}});
     Ask(0, row.device, row.timeout);
     Execute();
     ExpectSlot(row.device, 0, kUsualAnswer);
     EXPECT_GE(duration_ms_, row.shortest_ms);
     EXPECT_LT(duration_ms_, row.longest_ms);
-    EXPECT_TRUE(test::Eventually([&] { return field_->OpenConnections() == row.connections; }));
+    EXPECT_TRUE(test::WaitFor(5000, [&] { return field_->OpenConnections() == row.connections; }));
     TCPSocketManager::GetInstance()->RemoveSocket(Ip(row.device), field_->Port(row.device),
                                                   row.device);
-    EXPECT_TRUE(test::Eventually([&] { return field_->OpenConnections() == 0; }));
+    EXPECT_TRUE(test::WaitFor(5000, [&] { return field_->OpenConnections() == 0; }));
   }
 }
 

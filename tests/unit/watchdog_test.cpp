@@ -11,7 +11,7 @@
 
 #include "log/logger_log.h"
 #include "logger_setting/logger_setting_manager.h"
-#include "support/temp_folder.h"
+#include "support/files.h"
 #include "utility/deadline.h"
 #include "utility/string_util.h"
 

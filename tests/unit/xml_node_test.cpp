@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "support/temp_folder.h"
+#include "support/files.h"
 #include "utility/string_util.h"
 
 namespace tmsc {

@@ -2,22 +2,13 @@
 
 #include <modbus.h>
 
+#include "modbus/crc16.h"
+
 namespace tmsc::simulator {
 namespace {
 
 /// Address, function code and CRC.
 constexpr std::size_t kShortestRtuFrame = 4;
-
-std::uint16_t Crc(const Bytes& bytes, std::size_t length) {
-  std::uint16_t crc = 0xFFFF;
-  for (std::size_t index = 0; index < length; ++index) {
-    crc = static_cast<std::uint16_t>(crc ^ bytes[index]);
-    for (int bit = 0; bit < 8; ++bit) {
-      crc = static_cast<std::uint16_t>((crc & 1) != 0 ? (crc >> 1) ^ 0xA001 : crc >> 1);
-    }
-  }
-  return crc;
-}
 
 }  // namespace
 
@@ -52,14 +43,13 @@ std::size_t NeededRequestLength(const Bytes& request, Transport transport) {
 
 void SetCrc(Bytes* frame) {
   const std::size_t length = frame->size() - kCrcLength;
-  const std::uint16_t crc = Crc(*frame, length);
-  (*frame)[length] = static_cast<std::uint8_t>(crc & 0xFF);
-  (*frame)[length + 1] = static_cast<std::uint8_t>(crc >> 8);
+  frame->resize(length);
+  modbus::AppendCrc(*frame);
 }
 
 bool HasRightCrc(const Bytes& bytes, std::size_t length) {
-  // The CRC of a frame together with its CRC is 0.
-  return length >= kShortestRtuFrame && length <= bytes.size() && Crc(bytes, length) == 0;
+  return length >= kShortestRtuFrame && length <= bytes.size() &&
+         modbus::HasRightCrc(bytes.data(), length);
 }
 
 }  // namespace tmsc::simulator

@@ -5,8 +5,9 @@
 #include <utility>
 
 #include "arguments.h"
-#include "modbus_rtu.h"
-#include "modbus_tcp.h"
+#include "frame_limits.h"
+#include "modbus/rtu_frame.h"
+#include "modbus/tcp_frame.h"
 #include "status_text.h"
 #include "tamsel_client.h"
 
@@ -85,7 +86,7 @@ void SetRawFrames(std::vector<Device>& devices, const Options& options) {
       ThrowUsage("--frame", "no frame for device " + std::to_string(device.address));
     }
     if (options.has_crc) {
-      AppendModbusCrc(device.frame);
+      modbus::AppendCrc(device.frame);
     }
   }
 }
@@ -97,11 +98,11 @@ std::vector<byte> ReadPdu(const std::string& option, byte function, const std::s
   }
   const int start = numbers->at(0);
   const int count = numbers->at(1);
-  if (count < 1 || count > kMaxReadRegisters || start + count > 0x10000) {
-    ThrowUsage(option, "1 to " + std::to_string(kMaxReadRegisters) +
+  if (count < 1 || count > modbus::kMaxReadRegisters || start + count > 0x10000) {
+    ThrowUsage(option, "1 to " + std::to_string(modbus::kMaxReadRegisters) +
                            " registers, none above 65535, can be read");
   }
-  return ReadRegistersPdu(function, start, count);
+  return modbus::ReadRegistersPdu(function, start, count);
 }
 
 std::vector<byte> WritePdu(const std::string& option, const std::string& text, bool is_rs485) {
@@ -119,15 +120,15 @@ std::vector<byte> WritePdu(const std::string& option, const std::string& text, b
                            std::to_string(is_rs485 ? kMaxRtuFrameLength : kMaxSendFrameLength) +
                            " bytes");
   }
-  return WriteRegistersPdu(start, *numbers);
+  return modbus::WriteRegistersPdu(start, *numbers);
 }
 
 std::vector<byte> MakePdu(const Options& options) {
   if (!options.read_holding.empty()) {
-    return ReadPdu("--read-holding", kModbusReadHoldingRegisters, options.read_holding);
+    return ReadPdu("--read-holding", modbus::kReadHoldingRegisters, options.read_holding);
   }
   if (!options.read_input.empty()) {
-    return ReadPdu("--read-input", kModbusReadInputRegisters, options.read_input);
+    return ReadPdu("--read-input", modbus::kReadInputRegisters, options.read_input);
   }
   return WritePdu("--write-registers", options.write_registers, options.IsRs485());
 }
@@ -143,8 +144,8 @@ void SetModbusFrames(std::vector<Device>& devices, const Options& options) {
   int transaction = 0;
   for (Device& device : devices) {
     const int unit = options.is_broadcast ? 0 : options.unit.value_or(device.address);
-    device.frame =
-        options.IsRs485() ? ModbusRtuFrame(unit, pdu) : ModbusTcpFrame(++transaction, unit, pdu);
+    device.frame = options.IsRs485() ? modbus::RtuFrame(unit, pdu)
+                                     : modbus::TcpFrame(++transaction, unit, pdu);
   }
 }
 
@@ -173,15 +174,15 @@ std::string Place(const Device& device, const Options& options) {
              : device.ip_address + ":" + std::to_string(device.port);
 }
 
-ModbusAnswer CheckAnswer(const Device& device, const Options& options,
-                         const std::vector<byte>& answer) {
+modbus::AnswerCheck CheckAnswer(const Device& device, const Options& options,
+                                const std::vector<byte>& answer) {
   if (!options.IsRs485()) {
-    return CheckModbusTcpAnswer(device.frame, answer);
+    return modbus::CheckTcpAnswer(device.frame, answer);
   }
   if (options.frames.empty()) {
-    return CheckModbusRtuAnswer(device.frame, answer);
+    return modbus::CheckRtuAnswer(device.frame, answer);
   }
-  return options.has_crc ? CheckModbusCrc(answer) : ModbusAnswer{};
+  return options.has_crc ? modbus::CheckCrc(answer) : modbus::AnswerCheck{};
 }
 
 void CheckAdded(const Device& device, const BuildError& error) {
@@ -247,7 +248,7 @@ DeviceReport ReportDevice(const Device& device, const Options& options,
   } else if (reply->frame.empty()) {
     report.status = "no answer";
   } else {
-    ModbusAnswer answer = CheckAnswer(device, options, reply->frame);
+    modbus::AnswerCheck answer = CheckAnswer(device, options, reply->frame);
     report.is_good = answer.is_good;
     report.status = answer.is_good ? status_text(reply->status) : answer.text;
     report.answer = reply->frame;

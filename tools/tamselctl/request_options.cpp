@@ -3,8 +3,9 @@
 #include <CLI/CLI.hpp>
 #include <limits>
 
-#include "modbus_rtu.h"
-#include "modbus_tcp.h"
+#include "frame_limits.h"
+#include "modbus/rtu_frame.h"
+#include "modbus/tcp_frame.h"
 
 namespace tmsc {
 namespace {
@@ -71,14 +72,14 @@ void AddFrameOptions(CLI::App& command, Options& options) {
                    "repeatable. When they are Modbus/TCP, the answer is checked against them")
       ->type_name("HEX");
   frame
-      ->add_option(
-          "--read-holding", options.read_holding,
-          "Read holding registers (function 3), at most " + std::to_string(kMaxReadRegisters))
+      ->add_option("--read-holding", options.read_holding,
+                   "Read holding registers (function 3), at most " +
+                       std::to_string(modbus::kMaxReadRegisters))
       ->type_name("START,COUNT");
   frame
       ->add_option(
           "--read-input", options.read_input,
-          "Read input registers (function 4), at most " + std::to_string(kMaxReadRegisters))
+          "Read input registers (function 4), at most " + std::to_string(modbus::kMaxReadRegisters))
       ->type_name("START,COUNT");
   frame
       ->add_option("--write-registers", options.write_registers,

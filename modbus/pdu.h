@@ -1,20 +1,29 @@
 /// Modbus PDUs (function code and data), the part of a frame that every transport carries alike:
 /// the functions that read and write 16-bit registers, as "MODBUS Application Protocol"
 /// V1.1b3 defines them.
-#ifndef TAMSELCTL_MODBUS_PDU_H_
-#define TAMSELCTL_MODBUS_PDU_H_
+#ifndef MODBUS_PDU_H_
+#define MODBUS_PDU_H_
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
-#include "communication_common.h"
+#include "modbus/crc16.h"
 
-namespace tmsc {
+namespace modbus {
 
-constexpr byte kModbusReadHoldingRegisters = 3;
-constexpr byte kModbusReadInputRegisters = 4;
-constexpr byte kModbusWriteMultipleRegisters = 16;
+constexpr std::uint8_t kReadCoils = 1;
+constexpr std::uint8_t kReadDiscreteInputs = 2;
+constexpr std::uint8_t kReadHoldingRegisters = 3;
+constexpr std::uint8_t kReadInputRegisters = 4;
+constexpr std::uint8_t kWriteSingleCoil = 5;
+constexpr std::uint8_t kWriteSingleRegister = 6;
+constexpr std::uint8_t kWriteMultipleCoils = 15;
+constexpr std::uint8_t kWriteMultipleRegisters = 16;
+
+/// Set in the function code of an answer that reports an exception; one byte, its code, follows.
+constexpr std::uint8_t kExceptionFlag = 0x80;
 
 /// Most registers of one read, from the Modbus documents; the answer fits a slot on any transport.
 constexpr int kMaxReadRegisters = 125;
@@ -22,32 +31,32 @@ constexpr int kMaxReadRegisters = 125;
 constexpr int kWritePduOverhead = 6;
 
 /// The PDU that reads `count` registers from `start` on.
-std::vector<byte> ReadRegistersPdu(byte function, int start, int count);
+Bytes ReadRegistersPdu(std::uint8_t function, int start, int count);
 
 /// The PDU that writes `values`, one or more that fit the transport's frame, from register `start`
 /// on.
-std::vector<byte> WriteRegistersPdu(int start, const std::vector<int>& values);
+Bytes WriteRegistersPdu(int start, const std::vector<int>& values);
 
 /// What an answer says about the frame it answers.
-struct ModbusAnswer {
+struct AnswerCheck {
   bool is_good = true;
   std::string text;            // what is wrong; empty when good
   std::vector<int> registers;  // of a good answer to functions 3 and 4
 };
 
 /// An answer that does not belong to its frame.
-ModbusAnswer ModbusMisfit(const std::string& text);
+AnswerCheck Misfit(const std::string& text);
 
 /// Checks the PDU of an answer against the PDU it answers; both have a function code at least. The
-/// data of functions other than the three above say nothing and count as good.
-ModbusAnswer CheckModbusPdu(const std::vector<byte>& pdu, const std::vector<byte>& answer);
+/// data of functions other than 3, 4 and 16 say nothing and count as good.
+AnswerCheck CheckPdu(const Bytes& pdu, const Bytes& answer);
 
 /// Appends a 16-bit value, high byte first.
-void AppendModbusWord(std::vector<byte>& bytes, int value);
+void AppendWord(Bytes& bytes, int value);
 
 /// The 16-bit value at `offset`, high byte first; both its bytes are there.
-int ModbusWordAt(const std::vector<byte>& bytes, std::size_t offset);
+int WordAt(const Bytes& bytes, std::size_t offset);
 
-}  // namespace tmsc
+}  // namespace modbus
 
-#endif  // TAMSELCTL_MODBUS_PDU_H_
+#endif  // MODBUS_PDU_H_

@@ -1,0 +1,29 @@
+/// Modbus RTU frames: address, PDU and CRC-16, as "MODBUS over Serial Line" V1.02
+/// defines them.
+#ifndef MODBUS_RTU_FRAME_H_
+#define MODBUS_RTU_FRAME_H_
+
+#include <cstddef>
+#include <cstdint>
+
+#include "modbus/pdu.h"
+
+namespace modbus {
+
+/// Puts a PDU between the address, 0 for a broadcast, and the CRC.
+Bytes RtuFrame(int address, const Bytes& pdu);
+
+/// Bytes that an answer has as a whole, CRC included, by its function code and byte count
+/// ("MODBUS Application Protocol" V1.1b3, 6); 0 as long as the first `count` bytes do not tell, and
+/// for a function whose answers do not tell their length.
+std::size_t RtuAnswerLength(const std::uint8_t* bytes, std::size_t count);
+
+/// Checks that `answer` ends with its CRC, and nothing else.
+AnswerCheck CheckCrc(const Bytes& answer);
+
+/// Checks `answer` against the frame it answers, one that RtuFrame has made.
+AnswerCheck CheckRtuAnswer(const Bytes& frame, const Bytes& answer);
+
+}  // namespace modbus
+
+#endif  // MODBUS_RTU_FRAME_H_

@@ -1,0 +1,22 @@
+/// Modbus/TCP frames: a PDU behind the MBAP header (transaction, protocol, length, unit), as the
+/// "MODBUS Messaging on TCP/IP Implementation Guide" V1.0b defines them.
+#ifndef MODBUS_TCP_FRAME_H_
+#define MODBUS_TCP_FRAME_H_
+
+#include "modbus/pdu.h"
+
+namespace modbus {
+
+/// Bytes of the MBAP header.
+constexpr int kMbapLength = 7;
+
+/// Puts the MBAP header before a PDU.
+Bytes TcpFrame(int transaction, int unit, const Bytes& pdu);
+
+/// Checks `answer` against the frame it answers. A frame that is no Modbus/TCP itself says nothing
+/// about its answer, which then counts as good.
+AnswerCheck CheckTcpAnswer(const Bytes& frame, const Bytes& answer);
+
+}  // namespace modbus
+
+#endif  // MODBUS_TCP_FRAME_H_

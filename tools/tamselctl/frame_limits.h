@@ -1,0 +1,21 @@
+#ifndef TAMSELCTL_FRAME_LIMITS_H_
+#define TAMSELCTL_FRAME_LIMITS_H_
+
+#include "communication_common.h"
+#include "modbus/pdu.h"
+#include "modbus/tcp_frame.h"
+#include "vlm_rs485.h"
+
+namespace tmsc {
+
+/// Longest frame that the serial library takes, in bytes.
+constexpr int kMaxRtuFrameLength = MAX_XFER_DATA_LENGTH;
+/// Most registers of one write whose frame the serial library takes, beside address and CRC.
+constexpr int kMaxRtuWriteRegisters = (kMaxRtuFrameLength - 3 - modbus::kWritePduOverhead) / 2;
+/// Most registers of one write whose Modbus/TCP frame fits a request.
+constexpr int kMaxTcpWriteRegisters =
+    (kMaxSendFrameLength - modbus::kMbapLength - modbus::kWritePduOverhead) / 2;
+
+}  // namespace tmsc
+
+#endif  // TAMSELCTL_FRAME_LIMITS_H_
