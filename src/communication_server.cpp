@@ -3,6 +3,7 @@
 #include <Poco/AutoPtr.h>
 #include <Poco/Exception.h>
 #include <Poco/Thread.h>
+#include <limits.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -11,14 +12,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstring>
-#include <exception>
-#include <mutex>
+#include <string>
+#include <system_error>
 
 #include "channel/access_channel_manager.h"
-#include "log/logger_log.h"
+#include "log/log_text.h"
 #include "logger_setting/logger_setting_manager.h"
 #include "utility/constant_string.h"
+#include "utility/descriptor_limit.h"
 #include "utility/file_util.h"
 
 namespace tmsc {
@@ -29,23 +32,18 @@ const std::string& kLogTag = ConstantString("CommSvr");
 
 constexpr int kListenBacklog = 100;
 constexpr int kPollTimeoutMs = 5000;
-constexpr std::size_t kSilentClientsMax = 64;
+constexpr std::size_t kDiscardedBytesMax = 64 * 1024;
 constexpr std::chrono::milliseconds kClientTimeout{1000};
+constexpr std::chrono::milliseconds kNoWait{0};
+// Whatever failed, most likely memory, is not asked for again at once.
+constexpr std::chrono::milliseconds kFailurePause{50};
 
-// One lock a channel. A worker holds it from before it writes a response until the channel is free
-// again, the server while it looks at the busy flag: a client that has its response and asks again
-// at once does not find the channel still busy with its own last request.
-std::mutex hand_back_mutexes[kMaxChannel];
-
-std::mutex& HandBackMutex(int channel_index) {
-  return hand_back_mutexes[channel_index - 1];
-}
-
-/// Returns what bind returned; -1 for a path that does not fit into the address.
+/// Returns what bind returned, with errno set; -1 for a path that does not fit into the address.
 int Bind(const Descriptor& listening_socket, const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.empty() || path.size() >= sizeof(address.sun_path)) {
+    errno = path.empty() ? ENOENT : ENAMETOOLONG;
     return -1;
   }
   std::memcpy(address.sun_path, path.c_str(), path.size());
@@ -56,8 +54,14 @@ int Bind(const Descriptor& listening_socket, const std::string& path) {
 /// Takes what a client has sent besides: a close with input unread would reset the connection, and
 /// the client would see an error in place of a plain end.
 void DiscardInput(int connection) {
-  char input[sizeof(DeviceAccessTCPIP)];
-  [[maybe_unused]] const ssize_t count = ::recv(connection, input, sizeof(input), MSG_DONTWAIT);
+  char input[4096];
+  for (std::size_t taken = 0; taken < kDiscardedBytesMax;) {
+    const ssize_t count = ::recv(connection, input, sizeof(input), MSG_DONTWAIT);
+    if (count <= 0) {
+      return;
+    }
+    taken += static_cast<std::size_t>(count);
+  }
 }
 
 void LimitReceiveTime(int connection) {
@@ -70,7 +74,10 @@ void LimitReceiveTime(int connection) {
 
 CommunicationServer::CommunicationServer()
     : channel_list_(std::make_unique<std::vector<std::shared_ptr<Channel>>>()),
-      stop_event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+      stop_event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      // Half of what device connections leave: the others have enough, whatever clients do.
+      silent_clients_max_(std::min<std::size_t>(
+          kSilentClientsMost, static_cast<std::size_t>(ReservedDescriptors()) / 2)) {
   if (!stop_event_.IsOpen()) {
     throw Poco::SystemException("server stop event", errno);
   }
@@ -90,27 +97,40 @@ void CommunicationServer::Stop() {
 
 void CommunicationServer::run() {
   LoggerLog::Info(kLogTag, "Start communication svr");
-  const Descriptor listening_socket = Listen();
-  if (!listening_socket.IsOpen()) {
-    return;
+  try {
+    Serve(Listen());
+  } catch (...) {
+    LogException(kLogTag, "svr exception:");
   }
-  std::vector<pollfd> events;
-  while (true) {
-    const int ready = WaitForEvents(listening_socket, events);
-    if (ready < 0) {
-      LoggerLog::Debug(kLogTag, "select err continue");
-      continue;
-    }
-    if (events[0].revents != 0) {
-      return;
-    }
-    // The waiting clients first: one that has sent its header by now is not the one to go when a
-    // new client needs its place.
-    ServeSilentClients(events.data() + 2);
-    if (events[1].revents != 0 && !AcceptClient(listening_socket)) {
-      return;
+  silent_clients_.clear();
+}
+
+void CommunicationServer::Serve(const Descriptor& listening_socket) {
+  bool is_serving = listening_socket.IsOpen();
+  while (is_serving) {
+    try {
+      is_serving = ServePass(listening_socket);
+    } catch (...) {
+      LogException(kLogTag, "svr exception:");
+      WaitForDescriptor(stop_event_.Get(), POLLIN, Deadline(kFailurePause));
     }
   }
+}
+
+/// Waits for events and serves them. False when the server is to end.
+bool CommunicationServer::ServePass(const Descriptor& listening_socket) {
+  Events events{};
+  if (WaitForEvents(listening_socket, events) < 0) {
+    LoggerLog::Debug(kLogTag, "select err continue");
+    return true;
+  }
+  if (events.stop.revents != 0) {
+    return false;
+  }
+  // The waiting clients first: one that has sent its header by now is not the one to go when a
+  // new client needs its place.
+  ServeSilentClients(events);
+  return events.listener.revents == 0 || AcceptClient(listening_socket);
 }
 
 /// The listening socket; none when listening failed.
@@ -124,34 +144,34 @@ Descriptor CommunicationServer::Listen() const {
   LoggerLog::Debug(kLogTag, "bind start");
   const int bound = Bind(listening_socket, path);
   if (bound != 0) {
-    LoggerLog::Fatal(kLogTag, "bind fail. [" + std::to_string(bound) + "]");
+    const std::string reason = std::generic_category().message(errno);
+    LoggerLog::Fatal(kLogTag, LogText("bind fail. [", bound, "]"));
+    LoggerLog::Fatal(kLogTag, LogText("bind path[", path.substr(0, PATH_MAX), "] [", reason, "]"));
   }
   errno = 0;
   const int listening = ::listen(listening_socket.Get(), kListenBacklog);
   if (listening != 0) {
     const int error = errno;
-    LoggerLog::Fatal(
-        kLogTag, "listen fail. [" + std::to_string(listening) + "][" + std::to_string(error) + "]");
+    LoggerLog::Fatal(kLogTag, LogText("listen fail. [", listening, "][", error, "]"));
     listening_socket.Reset();
   }
   return listening_socket;
 }
 
-/// Fills `events` with the stop event, the listening socket and the silent clients, in this order,
-/// and waits for one of them or for the first deadline.
-int CommunicationServer::WaitForEvents(const Descriptor& listening_socket,
-                                       std::vector<pollfd>& events) const {
-  events.clear();
-  events.push_back({stop_event_.Get(), POLLIN, 0});
-  events.push_back({listening_socket.Get(), POLLIN, 0});
+/// Waits for an event or for the first client's deadline. Returns what poll(2) returned.
+int CommunicationServer::WaitForEvents(const Descriptor& listening_socket, Events& events) const {
+  events.stop = {stop_event_.Get(), POLLIN, 0};
+  events.listener = {listening_socket.Get(), POLLIN, 0};
+  pollfd* next = events.clients;
   for (const SilentClient& client : silent_clients_) {
-    events.push_back({client.connection.Get(), POLLIN, 0});
+    *next++ = {client.connection.Get(), POLLIN, 0};
   }
   int timeout = kPollTimeoutMs;
   if (!silent_clients_.empty()) {
     timeout = std::min(timeout, silent_clients_.front().deadline.RemainingMs());
   }
-  return ::poll(events.data(), events.size(), timeout);
+  static_assert(offsetof(Events, clients) == 2 * sizeof(pollfd), "one array for poll");
+  return ::poll(&events.stop, static_cast<nfds_t>(next - &events.stop), timeout);
 }
 
 bool CommunicationServer::AcceptClient(const Descriptor& listening_socket) {
@@ -160,7 +180,7 @@ bool CommunicationServer::AcceptClient(const Descriptor& listening_socket) {
     LoggerLog::Error(kLogTag, "Fail to accept");
     return false;
   }
-  if (silent_clients_.size() == kSilentClientsMax) {
+  if (silent_clients_.size() >= silent_clients_max_) {
     LoggerLog::Debug(kLogTag, "Exec read err...");
     silent_clients_.pop_front();
   }
@@ -168,18 +188,20 @@ bool CommunicationServer::AcceptClient(const Descriptor& listening_socket) {
   return true;
 }
 
-void CommunicationServer::ServeSilentClients(const pollfd* client_events) {
-  std::deque<SilentClient> still_silent;
-  for (SilentClient& client : silent_clients_) {
-    if ((client_events++)->revents != 0) {
+void CommunicationServer::ServeSilentClients(const Events& events) {
+  // Each is taken off the front; those that stay silent go to the back, so the order stays.
+  const std::size_t count = silent_clients_.size();
+  for (std::size_t i = 0; i < count; ++i) {
+    SilentClient client = std::move(silent_clients_.front());
+    silent_clients_.pop_front();
+    if (events.clients[i].revents != 0) {
       HandleConnection(std::move(client.connection));
     } else if (client.deadline.HasPassed()) {
       LoggerLog::Debug(kLogTag, "Exec read err...");
     } else {
-      still_silent.push_back(std::move(client));
+      silent_clients_.push_back(std::move(client));
     }
   }
-  silent_clients_ = std::move(still_silent);
 }
 
 void CommunicationServer::HandleConnection(Descriptor connection) {
@@ -190,16 +212,16 @@ void CommunicationServer::HandleConnection(Descriptor connection) {
   }
   const int channel_index = header.channel_index;
   if (channel_index < 1 || channel_index > kMaxChannel) {
-    LoggerLog::Debug(kLogTag, "Exec read err... ch[" + std::to_string(channel_index) + "]");
+    LoggerLog::Debug(kLogTag, LogText("Exec read err... ch[", channel_index, "]"));
     DiscardInput(connection.Get());
     return;
   }
   const int sock = connection.Get();
-  Poco::AutoPtr<CommSocketWork> work(new CommSocketWork(connection.Release(), header));
+  Poco::AutoPtr<CommSocketWork> work(new CommSocketWork(sock, header));
+  static_cast<void>(connection.Release());  // the work item's now
   AccessChannelManager* channels = AccessChannelManager::GetInstance();
-  const std::lock_guard<std::mutex> lock(HandBackMutex(channel_index));
   if (channels->GetUsedState(channel_index)) {
-    LoggerLog::Debug(kLogTag, "Busy ch[" + std::to_string(channel_index) + "] ");
+    LoggerLog::Debug(kLogTag, LogText("Busy ch[", channel_index, "] "));
     DiscardInput(sock);
     work->WriteResponseData(sock, CommunicationResult::CreateErrorCommunicationResult(
                                       header.type, kDeviceCommunicationChannelBusyError));
@@ -207,8 +229,60 @@ void CommunicationServer::HandleConnection(Descriptor connection) {
     return;
   }
   channels->SetUsedState(channel_index, true);
-  (*channel_list_)[static_cast<std::size_t>(channel_index - 1)]->PutRequest(work.duplicate());
+  // The queue holds the only reference: the work item is destroyed on the worker's thread.
+  CommSocketWork* const queued = work.duplicate();
+  work.reset();
+  try {
+    (*channel_list_)[static_cast<std::size_t>(channel_index - 1)]->PutRequest(queued);
+  } catch (...) {
+    channels->SetUsedState(channel_index, false);
+    throw;
+  }
 }
+
+namespace {
+
+/// Sends all bytes until the deadline; false, with a line in the log, when they did not get
+/// through.
+bool SendAll(int sock, const char* bytes, std::size_t count, const Deadline& deadline) {
+  while (count > 0) {
+    const ssize_t written = ::send(sock, bytes, count, MSG_NOSIGNAL | MSG_DONTWAIT);
+    const int error = errno;
+    if (written > 0) {
+      bytes += written;
+      count -= static_cast<std::size_t>(written);
+    } else if (written == 0 || error != EAGAIN || WaitForDescriptor(sock, POLLOUT, deadline) <= 0) {
+      LoggerLog::Error(kLogTag,
+                       LogText("Rq dat type 485, write sock fail. [", error, "] sock[", sock, "]"));
+      return false;
+    }
+  }
+  return true;
+}
+
+/// The bytes of a response; null, with a line in the log when there is no result at all, when there
+/// is nothing to write.
+const char* Bytes(const std::shared_ptr<CommunicationResult>& result) {
+  if (!result) {
+    LoggerLog::Error(kLogTag, "CommunicationResult nullptr");
+    return nullptr;
+  }
+  return reinterpret_cast<const char*>(result->ReceiveData());
+}
+
+/// Sends a response but for its last byte and waits until there is room for that, too. Returns the
+/// last byte; null when there is none to send.
+const char* SendAllButLastByte(int sock, const char* response, const Deadline& deadline) {
+  constexpr std::size_t kCount = sizeof(ResponseReceiveData) - 1;
+  if (response == nullptr || !SendAll(sock, response, kCount, deadline)) {
+    return nullptr;
+  }
+  // Nobody else sends on the connection, so what there is room for now goes through later.
+  WaitForDescriptor(sock, POLLOUT, deadline);
+  return response + kCount;
+}
+
+}  // namespace
 
 CommSocketWork::CommSocketWork(int sock, DataHeader header) : sock_(sock), header_(header) {}
 
@@ -219,46 +293,63 @@ void CommSocketWork::close_sock() {
 }
 
 void CommSocketWork::Execute() {
-  const int channel_index = header_.channel_index;
-  LoggerLog::Debug(kLogTag, "Exe ch[" + std::to_string(channel_index) +
-                                "] TID:" + std::to_string(Poco::Thread::currentTid()));
-  const bool is_known =
-      header_.type == kRequestDataTypeRS485 || header_.type == kRequestDataTypeTCPIP;
   std::shared_ptr<CommunicationResult> result;
-  if (is_known) {
-    try {
-      result = PerformRequest();
-    } catch (const std::exception& failure) {
-      LoggerLog::Error(kLogTag, std::string("Exec exception ") + failure.what());
-    }
-  } else {
-    LoggerLog::Debug(kLogTag, "unknown dat...");
+  bool is_answered = true;
+  try {
+    LoggerLog::Debug(kLogTag, LogText("Exe ch[", int{header_.channel_index},
+                                      "] TID:", Poco::Thread::currentTid()));
+    is_answered = PerformRequest(result);
+  } catch (...) {
+    LogException(kLogTag, "Exec exception:");
   }
-
-  const std::lock_guard<std::mutex> lock(HandBackMutex(channel_index));
-  if (is_known) {
-    WriteResponseData(sock_.Get(), result);
-  }
-  DiscardInput(sock_.Get());
-  LoggerLog::Verbose(kLogTag, "close_sock");
-  close_sock();
-  AccessChannelManager::GetInstance()->SetUsedState(channel_index, false);
+  HandBack(is_answered, result);
 }
 
-std::shared_ptr<CommunicationResult> CommSocketWork::PerformRequest() {
+/// Writes the response, if there is to be one, closes the connection and frees the channel: on
+/// every path, and without memory of its own.
+void CommSocketWork::HandBack(bool is_answered,
+                              const std::shared_ptr<CommunicationResult>& result) noexcept {
+  // All but the last byte: a client that reads slowly holds up nobody else.
+  const char* last_byte = nullptr;
+  try {
+    if (is_answered) {
+      last_byte = SendAllButLastByte(sock_.Get(), Bytes(result), Deadline(kClientTimeout));
+    }
+    LoggerLog::Verbose(kLogTag, "close_sock");
+  } catch (...) {
+    LogException(kLogTag, "Exec exception:");
+  }
+  DiscardInput(sock_.Get());
+  AccessChannelManager::GetInstance()->HandBack(header_.channel_index, [this, last_byte] {
+    if (last_byte != nullptr) {
+      [[maybe_unused]] const ssize_t written =
+          ::send(sock_.Get(), last_byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+    }
+    close_sock();
+  });
+}
+
+/// False when there is no answer to give.
+bool CommSocketWork::PerformRequest(std::shared_ptr<CommunicationResult>& result) {
   AccessChannelManager* channels = AccessChannelManager::GetInstance();
   const int channel_index = header_.channel_index;
-  if (header_.type == kRequestDataTypeRS485) {
-    LoggerLog::Debug(kLogTag, "RqDatType 485 [" + std::to_string(sock_.Get()) +
-                                  "] ch:" + std::to_string(channel_index));
-    return ReadPayload<DeviceAccessRS485>([&](DeviceAccessRS485* payload) {
-      return channels->AccessChannelRS485(channel_index)->RS485Access(&header_, payload);
-    });
+  switch (header_.type) {
+    case kRequestDataTypeRS485:
+      LoggerLog::Debug(kLogTag, LogText("RqDatType 485 [", sock_.Get(), "] ch:", channel_index));
+      result = ReadPayload<DeviceAccessRS485>([&](DeviceAccessRS485* payload) {
+        return channels->AccessChannelRS485(channel_index)->RS485Access(&header_, payload);
+      });
+      return true;
+    case kRequestDataTypeTCPIP:
+      LoggerLog::Debug(kLogTag, LogText("RqDatType TCPIP [", sock_.Get(), "]"));
+      result = ReadPayload<DeviceAccessTCPIP>([&](DeviceAccessTCPIP* payload) {
+        return channels->AccessChannelTCPIP(channel_index)->TCPAccess(&header_, payload);
+      });
+      return true;
+    default:
+      LoggerLog::Debug(kLogTag, "unknown dat...");
+      return false;
   }
-  LoggerLog::Debug(kLogTag, "RqDatType TCPIP [" + std::to_string(sock_.Get()) + "]");
-  return ReadPayload<DeviceAccessTCPIP>([&](DeviceAccessTCPIP* payload) {
-    return channels->AccessChannelTCPIP(channel_index)->TCPAccess(&header_, payload);
-  });
 }
 
 template <typename Payload, typename Access>
@@ -267,8 +358,8 @@ std::shared_ptr<CommunicationResult> CommSocketWork::ReadPayload(Access access) 
   Payload payload{};
   const ssize_t count = ::recv(sock_.Get(), &payload, sizeof(payload), 0);
   if (count != static_cast<ssize_t>(sizeof(payload))) {
-    LoggerLog::Debug(kLogTag, "read len err[" + std::to_string(count) + "] Correctly[" +
-                                  std::to_string(sizeof(payload)) + "]");
+    LoggerLog::Debug(kLogTag,
+                     LogText("read len err[", count, "] Correctly[", sizeof(payload), "]"));
     return CommunicationResult::CreateErrorCommunicationResult(header_.type,
                                                                kDeviceCommunicationStatusReadError);
   }
@@ -276,31 +367,10 @@ std::shared_ptr<CommunicationResult> CommSocketWork::ReadPayload(Access access) 
 }
 
 bool CommSocketWork::WriteResponseData(int sock, std::shared_ptr<CommunicationResult> result) {
-  if (!result) {
-    LoggerLog::Error(kLogTag, "CommunicationResult nullptr");
-    return false;
-  }
-  const auto* next = reinterpret_cast<const char*>(result->ReceiveData());
-  if (next == nullptr) {
-    return true;
-  }
-  const Deadline deadline(kClientTimeout);
-  for (std::size_t left = sizeof(ResponseReceiveData); left > 0;) {
-    const ssize_t written = ::send(sock, next, left, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (written > 0) {
-      next += written;
-      left -= static_cast<std::size_t>(written);
-      continue;
-    }
-    const int error = errno;
-    if (written < 0 && error == EAGAIN && WaitForDescriptor(sock, POLLOUT, deadline) > 0) {
-      continue;
-    }
-    LoggerLog::Error(kLogTag, "Rq dat type 485, write sock fail. [" + std::to_string(error) +
-                                  "] sock[" + std::to_string(sock) + "]");
-    return false;
-  }
-  return true;
+  // A refused client takes its answer at once or not at all: the server waits for nobody.
+  const char* const response = Bytes(result);
+  return result && (response == nullptr ||
+                    SendAll(sock, response, sizeof(ResponseReceiveData), Deadline(kNoWait)));
 }
 
 }  // namespace tmsc

@@ -32,7 +32,8 @@ class CommunicationServer : public Poco::Runnable {
   /// run has returned. Waits for requests in progress.
   ~CommunicationServer() override;
 
-  /// Serves until listening or an accept fails, or until Stop.
+  /// Serves until listening or an accept fails, or until Stop; then closes the clients that wait.
+  /// An exception ends only what it came from.
   void run() override;
 
   /// Makes run return. The daemon itself serves until its process ends.
@@ -44,14 +45,26 @@ class CommunicationServer : public Poco::Runnable {
     Deadline deadline;
   };
 
+  static constexpr std::size_t kSilentClientsMost = 64;
+
+  /// What poll(2) waits for, as one array.
+  struct Events {
+    pollfd stop;
+    pollfd listener;
+    pollfd clients[kSilentClientsMost];  // of silent_clients_, in their order
+  };
+
   Descriptor Listen() const;
-  int WaitForEvents(const Descriptor& listening_socket, std::vector<pollfd>& events) const;
+  void Serve(const Descriptor& listening_socket);
+  bool ServePass(const Descriptor& listening_socket);
+  int WaitForEvents(const Descriptor& listening_socket, Events& events) const;
   bool AcceptClient(const Descriptor& listening_socket);
-  void ServeSilentClients(const pollfd* client_events);
+  void ServeSilentClients(const Events& events);
   void HandleConnection(Descriptor connection);
 
   std::unique_ptr<std::vector<std::shared_ptr<Channel>>> channel_list_;
   Descriptor stop_event_;
+  const std::size_t silent_clients_max_;
   std::deque<SilentClient> silent_clients_;  // oldest first; run's own
 };
 
@@ -59,19 +72,22 @@ class CommunicationServer : public Poco::Runnable {
 /// writes the response, closes the connection and frees the channel.
 class CommSocketWork : public Request {
  public:
-  /// Takes over the connection.
+  /// Takes over the connection, unless it throws.
   CommSocketWork(int sock, DataHeader header);
   ~CommSocketWork() override;
 
+  /// Serves the request: closes the connection and frees the channel on every path.
   void Execute() override;
 
-  /// Writes one response record, within 1000 ms; false when it did not get through.
+  /// Writes one response record to a client that has to take it at once; false when it did not get
+  /// through.
   bool WriteResponseData(int sock, std::shared_ptr<CommunicationResult> result);
 
   void close_sock();
 
  private:
-  std::shared_ptr<CommunicationResult> PerformRequest();
+  bool PerformRequest(std::shared_ptr<CommunicationResult>& result);
+  void HandBack(bool is_answered, const std::shared_ptr<CommunicationResult>& result) noexcept;
   template <typename Payload, typename Access>
   std::shared_ptr<CommunicationResult> ReadPayload(Access access);
 

@@ -4,6 +4,8 @@
 
 #include <clocale>
 #include <csignal>
+#include <cstdio>
+#include <cstring>
 
 #include "access_worker_request/rs485_access_request_libcache.h"
 #include "channel/access_channel_manager.h"
@@ -12,9 +14,12 @@
 #include "signal_pipe.h"
 #include "socket_manager/tcp_socket_manager.h"
 #include "tamsel_communication_manager.h"
+#include "utility/descriptor_limit.h"
 #include "utility/file_util.h"
 
 namespace {
+
+constexpr int kExitUsage = 2;
 
 using tmsc::SignalNotification;
 using tmsc::TamselCommunicationManager;
@@ -53,6 +58,29 @@ void InstallSignalHandlers() {
   std::signal(SIGPWR, handler_sigpwr);
   std::signal(SIGUSR2, handler_sigusr2);
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);  // a file that may grow no further is a write error like any other
+}
+
+/// Answers the first argument; the exit status. The daemon itself takes none.
+int PrintUsage(const char* argument) {
+  const bool is_version = std::strcmp(argument, "--version") == 0;
+  const bool is_help = std::strcmp(argument, "--help") == 0;
+  if (is_version) {
+    std::printf("tamsel_communication %s (%s)\n", TAMSEL_VERSION, tmsc::kAppVersion.c_str());
+  } else {
+    std::fprintf(
+        is_help ? stdout : stderr,
+        "usage: tamsel_communication\n\n"
+        "Serves field-bus requests on a Unix socket until SIGTERM or SIGUSR1; SIGPWR reports "
+        "a\npower outage, SIGUSR2 that power is back. It stays in the foreground and writes "
+        "its log to\nstandard output and to the card.\n\n"
+        "Settings are read once from %s,\nor from the file that the environment variable "
+        "%s names.\nRS485_PORT_1 to RS485_PORT_3 name the serial devices of the channels.\n\n"
+        "  --help     print this\n"
+        "  --version  print the version\n",
+        tmsc::kLoggerSettingXmlFilePath.c_str(), tmsc::kLoggerSettingFileVariable.c_str());
+  }
+  return is_help || is_version ? 0 : kExitUsage;
 }
 
 /// The C library would keep a memory pool of its own for most of the hundred threads.
@@ -62,7 +90,11 @@ void LimitMemoryPools() {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  if (argc > 1) {
+    return PrintUsage(argv[1]);
+  }
+  tmsc::RaiseDescriptorLimit();
   LimitMemoryPools();
   std::setlocale(LC_CTYPE, "");
   OpenStandardStreams();

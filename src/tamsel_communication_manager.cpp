@@ -1,7 +1,7 @@
 #include "tamsel_communication_manager.h"
 
 #include "access_worker_request/rs485_access_request_libcache.h"
-#include "log/logger_log.h"
+#include "log/log_text.h"
 #include "utility/constant_string.h"
 #include "utility/file_util.h"
 
@@ -9,6 +9,9 @@ namespace tmsc {
 
 namespace {
 const std::string& kLogTag = ConstantString("TMSCommMgr");
+// Made in advance: a notification is not lost for want of memory for its line.
+const std::string& kOutageText = ConstantString("NotifyOutage");
+const std::string& kRecoveryText = ConstantString("NotifyOutageRecovery");
 constexpr long kComLogFlushInterval = 300000;
 constexpr std::chrono::milliseconds kPassTime{500};
 constexpr std::chrono::seconds kOutageWait{10};
@@ -37,7 +40,11 @@ void TamselCommunicationManager::Start() {
   LoggerLog::Flush();
   UnblockDaemonSignals();
   while (is_server_running_) {
-    RunPass();
+    try {
+      RunPass();
+    } catch (...) {
+      LogException(kLogTag, "pass exception:");
+    }
   }
   // A server that could not listen has ended. One that serves goes on until the process ends.
   if (!server_thread_->isRunning()) {
@@ -47,8 +54,10 @@ void TamselCommunicationManager::Start() {
 }
 
 void TamselCommunicationManager::StartServices() {
-  LoggerLog::Info(kLogTag, "Start AppVer:" + kAppVersion);
-  watchdog_->StartWatchdog();
+  LoggerLog::Info(kLogTag, LogText("Start AppVer:", kAppVersion));
+  if (watchdog_) {  // none after Kill
+    watchdog_->StartWatchdog();
+  }
   server_ = std::make_unique<CommunicationServer>();
   server_thread_ = std::make_unique<Poco::Thread>();
   LoggerLog::Info(kLogTag, "Start Svr");
@@ -131,13 +140,13 @@ void TamselCommunicationManager::Kill() {
 }
 
 void TamselCommunicationManager::NotifyOutage() {
-  LoggerLog::Info(kLogTag, "NotifyOutage");
+  LoggerLog::Info(kLogTag, kOutageText);
   is_outage_ = true;
   is_outage_recovery_ = false;
 }
 
 void TamselCommunicationManager::NotifyOutageRecovery() {
-  LoggerLog::Info(kLogTag, "NotifyOutageRecovery");
+  LoggerLog::Info(kLogTag, kRecoveryText);
   is_outage_recovery_ = true;
 }
 

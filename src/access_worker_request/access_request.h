@@ -9,18 +9,24 @@
 
 namespace tmsc {
 
-/// A request whose caller waits for a result. The Execute of every subclass fulfils the promise
-/// exactly once, on every path: the caller waits without a limit.
+/// A request whose caller waits, without a limit, for a result.
 class AccessRequest : public Request {
  public:
   /// The promise stays the caller's own and lives until the caller has its result.
   explicit AccessRequest(std::promise<std::shared_ptr<CommunicationResult>>* promise);
   ~AccessRequest() override;
 
+  /// Fulfils the promise, exactly once, with what Perform returns; with an empty result when that
+  /// throws. Needs no memory of its own, lets nothing escape.
+  void Execute() override;
+
   /// The promise's future, which it yields only once.
   std::future<std::shared_ptr<CommunicationResult>> GetFuture();
 
  protected:
+  /// The exchange on the transport of the subclass.
+  virtual std::shared_ptr<CommunicationResult> Perform() = 0;
+
   std::promise<std::shared_ptr<CommunicationResult>>* promise_;
 };
 

@@ -5,11 +5,10 @@
 
 #include <algorithm>
 #include <cstring>
-#include <exception>
 #include <limits>
-#include <mutex>
+#include <thread>
 
-#include "log/logger_log.h"
+#include "log/log_text.h"
 #include "logger_setting/logger_setting_manager.h"
 #include "utility/constant_string.h"
 #include "utility/string_util.h"
@@ -32,23 +31,11 @@ bool IsUsed(int channel, int address) {
   return address != 0;
 }
 
-int FrameLength(const SendData& entry) {
-  return entry.send_data[0] | entry.send_data[1] << 8;
-}
-
-const byte* Frame(const SendData& entry) {
-  return entry.send_data + 2;
-}
-
 bool IsBroadcast(const SendData& entry) {
-  return *Frame(entry) == 0;
+  return *FrameOf(entry) == 0;
 }
 
-std::string FlagText(bool flag) {
-  return flag ? "1" : "0";
-}
-
-std::string HexText(const byte* bytes, int count) {
+std::string HexText(byte* bytes, int count) {
   return StringUtil::BytesToHexString(bytes, static_cast<unsigned int>(count));
 }
 
@@ -67,38 +54,21 @@ RS485AccessRequest::~RS485AccessRequest() {
   p_device_access_rs485 = nullptr;
 }
 
-void RS485AccessRequest::Execute() {
-  std::shared_ptr<CommunicationResult> result;
-  try {
-    result = Exchange();
-  } catch (const std::exception& failure) {
-    // The waiting caller gets an empty result, closes its connection and frees the channel.
-    LoggerLog::Error(kLogTag, std::string("request exception:") + failure.what());
-  }
-  promise_->set_value(std::move(result));
-}
-
-std::shared_ptr<CommunicationResult> RS485AccessRequest::Exchange() {
+std::shared_ptr<CommunicationResult> RS485AccessRequest::Perform() {
   LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
   const int retries =
       std::clamp(settings->GetMWApiRetryCount(), 0, std::numeric_limits<int>::max() - 1);
   attempts_ = retries + 1;
-  retry_interval_ms_ = std::max(settings->GetMWApiRetryInterval(), 0);
-  Poco::Thread::sleep(settings->GetRs485StartWait());
+  retry_interval_ = std::chrono::milliseconds(std::max(settings->GetMWApiRetryInterval(), 0));
+  std::this_thread::sleep_for(std::chrono::milliseconds(settings->GetRs485StartWait()));
   channel_ = p_device_access_rs485->channel;
-  LoggerLog::Verbose(kLogTag, "vlm_485_x Exec <C" + std::to_string(channel_) +
-                                  "> 2: TID:" + std::to_string(Poco::Thread::currentTid()));
-  int status = kDeviceCommunicationStatusOpenFailed;
-  cache_ = Cache::Share();
-  const auto port_lock = cache_ ? cache_->LockPort(channel_) : std::unique_lock<std::mutex>();
-  if (cache_ && cache_->BeginUse()) {
-    // Ends the use on every path: the end of the daemon waits for it.
-    const std::unique_ptr<Cache, void (*)(Cache*)> use(cache_.get(),
-                                                       [](Cache* cache) { cache->EndUse(); });
-    status = UsePort();
-    if (status == kDeviceCommunicationStatusNoError) {
-      return CollectAnswers();
-    }
+  LoggerLog::Verbose(
+      kLogTag, LogText("vlm_485_x Exec <C", channel_, "> 2: TID:", Poco::Thread::currentTid()));
+  Rs485PortUse port(Cache::Share(), channel_);
+  p_port_ = &port;
+  const int status = UsePort();
+  if (status == kDeviceCommunicationStatusNoError) {
+    return CollectAnswers();
   }
   return CommunicationResult::CreateErrorCommunicationResult(kRequestDataTypeRS485, status);
 }
@@ -111,8 +81,7 @@ int RS485AccessRequest::UsePort() {
   }
   SetPortParameters();
   LoggerLog::Verbose(kLogTag, "vlm_485_addListn start");
-  cache_->CallLibrary(channel_, 0,
-                      [&] { return vlm_rs485_addEventListener(channel_, Rs485ListenerProc); });
+  p_port_->AddEventListener(Rs485ListenerProc);
   LoggerLog::Verbose(kLogTag, "vlm_485_addListn end");
   unsigned int flags = 0;
   status = PutFrames(flags);
@@ -123,39 +92,43 @@ int RS485AccessRequest::UsePort() {
     return status;
   }
   LoggerLog::Verbose(kLogTag, "vlm_485_rmListn start");
-  cache_->CallLibrary(channel_, 0, [&] { return vlm_rs485_removeEventListener(channel_); });
-  LoggerLog::Verbose(kLogTag, "vlm_485_rmListn <C" + std::to_string(channel_) + ">");
+  p_port_->RemoveEventListener();
+  LoggerLog::Verbose(kLogTag, LogText("vlm_485_rmListn <C", channel_, ">"));
   return kDeviceCommunicationStatusNoError;
 }
 
 int RS485AccessRequest::Open() {
+  if (channel_ < 1 || channel_ > kMaxChannel) {
+    LoggerLog::Warn(kLogTag, LogText("Ch err. ch[", channel_, "]"));
+    return kDeviceCommunicationChannelSettingError;
+  }
+  if (!p_port_->IsBegun()) {
+    return kDeviceCommunicationStatusOpenFailed;  // the daemon is ending
+  }
   const byte baud_rate = p_device_access_rs485->baud_rate;
-  switch (cache_->CheckVlmOpen(channel_, false, baud_rate)) {
+  switch (p_port_->Cache().CheckVlmOpen(channel_, false, baud_rate)) {
     case Cache::kStatusOpened:
       return kDeviceCommunicationStatusNoError;
     case Cache::kStatusError:
       return kDeviceCommunicationChannelSettingError;
     case Cache::kStatusNeedReopen:
-      LoggerLog::Debug(kLogTag, "vlm_485_cls C<" + std::to_string(channel_) + "> for Reopen");
-      Close();
+      LoggerLog::Debug(kLogTag, LogText("vlm_485_cls C<", channel_, "> for Reopen"));
+      p_port_->Close();
       break;
     case Cache::kStatusClosed:
       break;
   }
   const bool is_open = TryRepeatedly([&] {
-    const bool is_failed = cache_->CallLibrary(channel_, -1, [&] {
-      return vlm_rs485_open(channel_, false, baud_rate);
-    }) != 0;
-    LoggerLog::Debug(kLogTag, "vlm_485_op[" + FlagText(is_failed) + "] <C" +
-                                  std::to_string(channel_) + ">, false, [" +
-                                  std::to_string(baud_rate) + "]");
+    const bool is_failed = p_port_->Open(false, baud_rate) != 0;
+    LoggerLog::Debug(kLogTag, LogText("vlm_485_op[", is_failed, "] <C", channel_, ">, false, [",
+                                      baud_rate, "]"));
     return !is_failed;
   });
   if (!is_open) {
-    Close();
+    p_port_->Close();
     return kDeviceCommunicationStatusOpenFailed;
   }
-  cache_->SetVlmOpen(Rs485LibcacheData(channel_, false, baud_rate, true));
+  p_port_->Cache().SetVlmOpen(Rs485LibcacheData(channel_, false, baud_rate, true));
   return kDeviceCommunicationStatusNoError;
 }
 
@@ -169,11 +142,7 @@ void RS485AccessRequest::SetPortParameters() {
                      Poco::format("[%d][%d][%d][%d][%d]", int{entry.databits}, int{entry.timeout},
                                   int{entry.delimitertype}, int{entry.byte_after_delimiter},
                                   int{entry.com_wait_time}));
-    cache_->CallLibrary(channel_, 0, [&] {
-      return vlm_rs485_setPortParams(channel_, entry.address, entry.databits, entry.timeout,
-                                     entry.delimitertype, entry.byte_after_delimiter,
-                                     entry.com_wait_time);
-    });
+    p_port_->SetPortParameters(entry);
   }
 }
 
@@ -184,7 +153,7 @@ int RS485AccessRequest::PutFrames(unsigned int& flags) {
     }
     if (!PutFrame(entry)) {
       LoggerLog::Debug(kLogTag, "vlm_485_putOStm fail.");
-      Close();
+      p_port_->Close();
       return kDeviceCommunicationStatusPutOutputStreamFailed;
     }
     flags |= 1u << (entry.address - 1);
@@ -194,9 +163,9 @@ int RS485AccessRequest::PutFrames(unsigned int& flags) {
 
 bool RS485AccessRequest::PutFrame(SendData& entry) {
   const int address = entry.address;
-  const int length = FrameLength(entry);
+  const int length = FrameLengthOf(entry);
   LoggerLog::Verbose(kLogTag, Poco::format("vlm_485_putOStm start <C%d:%02d> [%s]", channel_,
-                                           address, std::to_string(*Frame(entry))));
+                                           address, std::to_string(*FrameOf(entry))));
   if (length > kMaxSendFrameLength) {
     LoggerLog::Warn(
         kLogTag, Poco::format("Snd dat len err. <C%d:%02d> len:[%d]", channel_, address, length));
@@ -206,52 +175,48 @@ bool RS485AccessRequest::PutFrame(SendData& entry) {
     LoggerLog::Debug(kLogTag, Poco::format("vlm_485_putOStm - snd dat to bc addr <C%d:%02d>",
                                            channel_, address));
   }
-  xfer_data frame{static_cast<std::uint16_t>(length), entry.send_data + 2};
+  xfer_data frame{static_cast<std::uint16_t>(length), entry.send_data + kSendFrameOffset};
   return TryRepeatedly([&] {
-    const bool is_taken = cache_->CallLibrary(channel_, 0, [&] {
-      return int{vlm_rs485_putOutputStream(channel_, entry.address, &frame)};
-    }) != 0;
+    const bool is_taken = p_port_->PutOutputStream(entry.address, frame) != 0;
     LoggerLog::Verbose(kLogTag, Poco::format("vlm_485_putOStm [%d] <C%d:%02d>", is_taken ? 1 : 0,
                                              channel_, address));
-    LoggerLog::Debug(kLogTag, "vlm_485_putOStm [" + HexText(Frame(entry), length) + "]");
+    LoggerLog::Debug(kLogTag, LogText("vlm_485_putOStm [", HexText(frame.xfr_da, length), "]"));
     return is_taken;
   });
 }
 
 int RS485AccessRequest::RunCycle(unsigned int flags) {
   const bool are_flags_set = TryRepeatedly([&] {
-    const bool is_set = cache_->CallLibrary(channel_, 0, [&] {
-      return int{vlm_rs485_setComFlags(channel_, flags)};
-    }) != 0;
-    LoggerLog::Debug(kLogTag, "vlm_485_setCFlg [" + FlagText(is_set) + "] <C" +
-                                  std::to_string(channel_) + "> [" + std::to_string(flags) + "]");
+    const bool is_set = p_port_->SetComFlags(flags) != 0;
+    LoggerLog::Debug(kLogTag,
+                     LogText("vlm_485_setCFlg [", is_set, "] <C", channel_, "> [", flags, "]"));
     return is_set;
   });
   if (!are_flags_set) {
     LoggerLog::Debug(kLogTag, "vlm_485_setCFlg fail.");
-    Close();
+    p_port_->Close();
     return kDeviceCommunicationStatusSetComFlgsFailed;
   }
   LoggerLog::Verbose(kLogTag, "vlm_485_stCom start");
   const bool is_started = TryRepeatedly([&] {
-    const bool is_over = cache_->CallLibraryLong(
-                             channel_, 0, [&] { return int{vlm_rs485_startCom(channel_)}; }) != 0;
-    LoggerLog::Debug(kLogTag, "vlm_485_stCom [" + FlagText(is_over) + "]");
+    const bool is_over = p_port_->StartCom() != 0;
+    LoggerLog::Debug(kLogTag, LogText("vlm_485_stCom [", is_over, "]"));
     return is_over;
   });
   if (!is_started) {
     return StartFailed();
   }
-  cache_->SetVlmStartComFailedClear(channel_);
+  p_port_->Cache().SetVlmStartComFailedClear(channel_);
   return kDeviceCommunicationStatusNoError;
 }
 
 int RS485AccessRequest::StartFailed() {
-  cache_->SetVlmStartComFailed(channel_);
-  if (cache_->CheckVlmRs485Close(channel_)) {
+  Cache& cache = p_port_->Cache();
+  cache.SetVlmStartComFailed(channel_);
+  if (cache.CheckVlmRs485Close(channel_)) {
     LoggerLog::Debug(kLogTag, "vlm_485_stCom fail. vlm_485_stCom close.");
-    cache_->SetVlmStartComFailedClear(channel_);
-    Close();
+    cache.SetVlmStartComFailedClear(channel_);
+    p_port_->Close();
   } else {
     LoggerLog::Debug(kLogTag, "vlm_485_stCom fail. vlm_485_stCom not close.");
   }
@@ -260,9 +225,7 @@ int RS485AccessRequest::StartFailed() {
 
 std::shared_ptr<CommunicationResult> RS485AccessRequest::CollectAnswers() {
   auto record = CommunicationResult::AllocateRecord(kRequestDataTypeRS485);
-  const receive_data_full* stream =
-      cache_->CallLibrary(channel_, static_cast<receive_data_full*>(nullptr),
-                          [&] { return vlm_rs485_getReceiveStream(channel_, 0); });
+  const receive_data_full* stream = p_port_->GetReceiveStream();
   if (stream == nullptr) {
     LoggerLog::Debug(kLogTag, "vlm_485_getRcvStm return NULL");
     record->receive_data.status = kDeviceCommunicationStatusOtherError;
@@ -272,8 +235,10 @@ std::shared_ptr<CommunicationResult> RS485AccessRequest::CollectAnswers() {
         continue;
       }
       const int index = entry.address - 1;
+      DeviceReceiveData& slot = record->receive_data.receive_data[index];
+      slot.length = 0;  // an entry before may have had the same address
       if (const receive_data* answer = stream->rcv_dt[index]) {
-        CollectAnswer(*answer, entry, record->receive_data.receive_data[index]);
+        CollectAnswer(*answer, entry, slot);
       }
     }
   }
@@ -286,11 +251,11 @@ void RS485AccessRequest::CollectAnswer(const receive_data& answer, const SendDat
   const std::string values = Poco::format("<C%d:%02d> len:[%d] status:[%d]", channel_,
                                           int{entry.address}, length, int{answer.rcv_status});
   if (length > kDeviceCommunicationReceiveDataBuffSize) {
-    LoggerLog::Warn(kLogTag, "Rcv dat size too large. " + values);
+    LoggerLog::Warn(kLogTag, LogText("Rcv dat size too large. ", values));
     return;
   }
   slot.status = answer.rcv_status;
-  LoggerLog::Debug(kLogTag, "Rcv dat " + values);
+  LoggerLog::Debug(kLogTag, LogText("Rcv dat ", values));
   if (IsBroadcast(entry)) {
     LoggerLog::Debug(kLogTag, "Rcv dat [-]: Rcv dat size is 0 for bc comm.");
     return;
@@ -299,24 +264,19 @@ void RS485AccessRequest::CollectAnswer(const receive_data& answer, const SendDat
     slot.length = static_cast<std::int16_t>(length);
     std::memcpy(slot.data, answer.rcv_da, static_cast<std::size_t>(length));
   }
-  LoggerLog::Debug(kLogTag, "Rcv dat [" + HexText(slot.data, length) + "]");
+  LoggerLog::Debug(kLogTag, LogText("Rcv dat [", HexText(slot.data, length), "]"));
 }
 
 /// Makes attempts until one succeeds; a pause follows each that failed, the last one too.
 template <typename Attempt>
 bool RS485AccessRequest::TryRepeatedly(Attempt attempt) {
-  for (int i = 0; i < attempts_ && !cache_->IsReleased(); ++i) {
+  for (int i = 0; i < attempts_ && !p_port_->IsReleased(); ++i) {
     if (attempt()) {
       return true;
     }
-    Poco::Thread::sleep(retry_interval_ms_);
+    std::this_thread::sleep_for(retry_interval_);
   }
   return false;
-}
-
-void RS485AccessRequest::Close() {
-  cache_->SetVlmClose(channel_);
-  cache_->CallLibrary(channel_, 0, [&] { return vlm_rs485_close(channel_); });
 }
 
 }  // namespace tmsc

@@ -1,11 +1,12 @@
 #ifndef TAMSEL_ACCESS_WORKER_REQUEST_RS485_ACCESS_REQUEST_H_
 #define TAMSEL_ACCESS_WORKER_REQUEST_RS485_ACCESS_REQUEST_H_
 
+#include <chrono>
 #include <future>
 #include <memory>
 
 #include "access_worker_request/access_request.h"
-#include "access_worker_request/rs485_access_request_libcache.h"
+#include "access_worker_request/rs485_port_use.h"
 #include "communication_common.h"
 #include "vlm_rs485.h"
 
@@ -24,10 +25,8 @@ class RS485AccessRequest : public AccessRequest {
                      std::promise<std::shared_ptr<CommunicationResult>>* promise);
   ~RS485AccessRequest() override;
 
-  void Execute() override;
-
  private:
-  std::shared_ptr<CommunicationResult> Exchange();
+  std::shared_ptr<CommunicationResult> Perform() override;
   int UsePort();
   int Open();
   void SetPortParameters();
@@ -40,16 +39,15 @@ class RS485AccessRequest : public AccessRequest {
 
   template <typename Attempt>
   bool TryRepeatedly(Attempt attempt);
-  void Close();
 
   DataHeader* p_header_;
   DeviceAccessRS485* p_device_access_rs485;
 
-  // Set by Execute.
-  std::shared_ptr<Rs485AccessRequestLibcache> cache_;
+  // Set by Perform.
+  Rs485PortUse* p_port_ = nullptr;
   int channel_ = 0;
   int attempts_ = 1;
-  int retry_interval_ms_ = 0;
+  std::chrono::milliseconds retry_interval_{0};
 };
 
 }  // namespace tmsc

@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "log/logger_log.h"
+#include "log/log_text.h"
 #include "logger_setting/logger_setting_manager.h"
 #include "utility/constant_string.h"
 #include "vlm_rs485.h"
@@ -22,7 +22,7 @@ std::shared_ptr<Rs485AccessRequestLibcache>& p_instance_ =
 int CloseCount() {
   LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
   return settings != nullptr ? settings->GetTamselComStartComFailedCloseCount()
-                             : Rs485AccessRequestLibcache::kMaxStartComFailedCloseCount;
+                             : kMaxStartComFailedCloseCount;
 }
 
 }  // namespace
@@ -51,7 +51,6 @@ void Rs485AccessRequestLibcache::Destroy() {
   }
   if (instance) {
     instance->AwaitUsers();
-    instance->is_released_ = true;
     instance->ReleaseChannel();
   }
 }
@@ -107,43 +106,47 @@ void Rs485AccessRequestLibcache::SetVlmClose(int channel) {
   }
 }
 
-/// The channel's counter; null, with a line in the log, for a channel that does not exist. The
-/// caller holds mutex_.
-int* Rs485AccessRequestLibcache::StartFailures(const std::string& operation, int channel) {
-  if (channel >= 1 && channel <= kMaxChannel) {
-    return &vlm_start_com_failed_count_[channel - 1];
+/// Changes the channel's counter and returns the new count; -1, with a line in the log, for a
+/// channel that does not exist.
+int Rs485AccessRequestLibcache::ChangeStartFailures(const char* operation, int channel,
+                                                    int (*change)(int count)) {
+  if (channel < 1 || channel > kMaxChannel) {
+    LoggerLog::Debug(kLogTag, LogText(operation, " ch error:", channel));
+    return -1;
   }
-  LoggerLog::Debug(kLogTag, operation + " ch error:" + std::to_string(channel));
-  return nullptr;
+  int count = 0;
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    int& counter = vlm_start_com_failed_count_[channel - 1];
+    count = counter = change(counter);
+  }
+  return count;
 }
 
 void Rs485AccessRequestLibcache::SetVlmStartComFailed(int channel) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (int* count = StartFailures("SetVlmStartComFailed", channel)) {
-    ++*count;
-    LoggerLog::Debug(kLogTag, "SetVlmStartComFailed ch:" + std::to_string(channel) +
-                                  " cnt:" + std::to_string(*count));
+  const char* const name = "SetVlmStartComFailed";
+  const int count = ChangeStartFailures(name, channel, [](int before) { return before + 1; });
+  if (count >= 0) {
+    LoggerLog::Debug(kLogTag, LogText(name, " ch:", channel, " cnt:", count));
   }
 }
 
 void Rs485AccessRequestLibcache::SetVlmStartComFailedClear(int channel) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (int* count = StartFailures("SetVlmStartComFailedClear", channel)) {
-    *count = 0;
-    LoggerLog::Debug(kLogTag, "SetVlmStartComFailedClear ch:" + std::to_string(channel) +
-                                  " cnt:" + std::to_string(*count));
+  const char* const name = "SetVlmStartComFailedClear";
+  const int count = ChangeStartFailures(name, channel, [](int) { return 0; });
+  if (count >= 0) {
+    LoggerLog::Debug(kLogTag, LogText(name, " ch:", channel, " cnt:", count));
   }
 }
 
 bool Rs485AccessRequestLibcache::CheckVlmRs485Close(int channel) {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  const int* count = StartFailures("CheckVlmRs485Close", channel);
-  if (count == nullptr) {
-    return false;
+  const char* const name = "CheckVlmRs485Close";
+  const int count = ChangeStartFailures(name, channel, [](int before) { return before; });
+  const bool is_to_close = count >= vlm_start_com_failed_count_max_;
+  if (count >= 0) {
+    LoggerLog::Debug(kLogTag,
+                     LogText(name, " ch:", channel, " cnt:", count, " close:", is_to_close));
   }
-  const bool is_to_close = *count >= vlm_start_com_failed_count_max_;
-  LoggerLog::Debug(kLogTag, "CheckVlmRs485Close ch:" + std::to_string(channel) + " cnt:" +
-                                std::to_string(*count) + " close:" + (is_to_close ? "1" : "0"));
   return is_to_close;
 }
 
@@ -161,29 +164,11 @@ void Rs485AccessRequestLibcache::ReleaseChannel() {
   }
 }
 
-std::unique_lock<std::mutex> Rs485AccessRequestLibcache::LockPort(int channel) {
-  return channel >= 1 && channel <= kMaxChannel
-             ? std::unique_lock<std::mutex>(port_mutexes_[channel - 1])
-             : std::unique_lock<std::mutex>();
-}
-
-bool Rs485AccessRequestLibcache::BeginUse() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  users_ += is_ending_ ? 0 : 1;
-  return !is_ending_;
-}
-
-void Rs485AccessRequestLibcache::EndUse() {
-  const std::lock_guard<std::mutex> lock(mutex_);
-  if (--users_ == 0) {
-    users_gone_.notify_all();
-  }
-}
-
 void Rs485AccessRequestLibcache::AwaitUsers() {
   std::unique_lock<std::mutex> lock(mutex_);
-  is_ending_ = true;
+  stage_ = Stage::kEnding;
   users_gone_.wait_for(lock, kUsersWait, [this] { return users_ == 0; });
+  stage_ = Stage::kReleased;
 }
 
 }  // namespace tmsc

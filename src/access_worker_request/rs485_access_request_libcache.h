@@ -12,11 +12,15 @@
 
 namespace tmsc {
 
+/// Start failures in a row that close the port, when there is no settings manager to ask.
+constexpr int kMaxStartComFailedCloseCount = 10;
+
 /// Remembers with what parameters the serial library holds each channel's port open, counts the
-/// start failures of each channel, and guards the library at the end of the daemon.
+/// start failures of each channel, and ends the use of the ports with the daemon.
 ///
-/// Requests share the cache (Share), so that Destroy never frees it under a running one. Any thread
-/// may call any operation. Not the Singleton template, because of the shared ownership.
+/// Requests share the cache (Share) and use a port through an Rs485PortUse, so that Destroy never
+/// frees it under a running one. Any thread may call any operation. Not the Singleton template,
+/// because of the shared ownership.
 class Rs485AccessRequestLibcache {
  public:
   enum eLibStatus {
@@ -25,8 +29,6 @@ class Rs485AccessRequestLibcache {
     kStatusNeedReopen = 2,  // open with others: close and open it
     kStatusError = 3        // no such channel
   };
-
-  static constexpr int kMaxStartComFailedCloseCount = 10;
 
   /// Makes the instance when there is none; keeps an existing one.
   static void Create();
@@ -60,33 +62,18 @@ class Rs485AccessRequestLibcache {
   /// Closes every open port in the library and forgets all ports.
   void ReleaseChannel();
 
-  /// Held by a request from before it touches the port until it has its answers: the channel of the
-  /// payload may differ from the one whose worker runs the request. Holds nothing for a channel
-  /// other than 1 to 3.
-  std::unique_lock<std::mutex> LockPort(int channel);
-
-  /// Announces that a request is about to touch its port; false when the daemon is ending. Each
-  /// success is followed by one EndUse.
-  bool BeginUse();
-  void EndUse();
-
-  /// Calls the serial library for a channel, 1 to 3; gives `refused` in place of the call once the
-  /// ports have been closed for good.
-  template <typename Call>
-  auto CallLibrary(int channel, decltype(std::declval<Call>()()) refused, Call call) {
-    const std::lock_guard<std::mutex> lock(call_mutexes_[channel - 1]);
-    return is_released_ ? refused : call();
-  }
-  /// Like CallLibrary, for a call that takes long: the ports may be closed while it runs.
-  template <typename Call>
-  auto CallLibraryLong(int channel, decltype(std::declval<Call>()()) refused, Call call) {
-    return CallLibrary(channel, false, [] { return true; }) ? call() : refused;
-  }
-  bool IsReleased() const { return is_released_; }
-
  private:
+  friend class Rs485PortUse;
+
+  /// How far the end has come.
+  enum class Stage {
+    kServing,
+    kEnding,    // no further request touches a port
+    kReleased,  // no library call is made any more
+  };
+
   std::unique_ptr<Rs485LibcacheData>* Slot(int channel);
-  int* StartFailures(const std::string& operation, int channel);
+  int ChangeStartFailures(const char* operation, int channel, int (*change)(int count));
   void AwaitUsers();
 
   std::mutex mutex_;  // guards the members up to the next blank line; not held in a library call
@@ -95,15 +82,15 @@ class Rs485AccessRequestLibcache {
   std::unique_ptr<Rs485LibcacheData> channel3_;
   int vlm_start_com_failed_count_[kMaxChannel] = {};
   int users_ = 0;
-  bool is_ending_ = false;
   std::condition_variable users_gone_;
 
   const int vlm_start_com_failed_count_max_;
+  // Written under mutex_; read under it to begin a use, under the call mutex before each call.
+  std::atomic<Stage> stage_{Stage::kServing};
   // A short library call of a request holds its channel's mutex, so that none is on its way when
   // the ports are closed for good.
   std::mutex call_mutexes_[kMaxChannel];
   std::mutex port_mutexes_[kMaxChannel];  // taken before all others
-  std::atomic<bool> is_released_{false};
 };
 
 }  // namespace tmsc

@@ -2,9 +2,7 @@
 
 #include <Poco/Exception.h>
 
-#include <exception>
-
-#include "log/logger_log.h"
+#include "log/log_text.h"
 #include "utility/constant_string.h"
 #include "worker_thread/thread_group.h"
 
@@ -23,18 +21,7 @@ TCPIPAccessRequest::~TCPIPAccessRequest() {
   p_device_access_tcpip_ = nullptr;
 }
 
-void TCPIPAccessRequest::Execute() {
-  std::shared_ptr<CommunicationResult> result;
-  try {
-    result = ExchangeWithDevices();
-  } catch (const std::exception& failure) {
-    // The waiting caller gets an empty result, closes its connection and frees the channel.
-    LoggerLog::Error(kLogTag, std::string("request exception:") + failure.what());
-  }
-  promise_->set_value(std::move(result));
-}
-
-std::shared_ptr<CommunicationResult> TCPIPAccessRequest::ExchangeWithDevices() {
+std::shared_ptr<CommunicationResult> TCPIPAccessRequest::Perform() {
   UnitList access_unit_list;
   for (int i = 0; i < kMaxDeviceCountAtChannel; ++i) {
     NetworkParams* network_params = &p_device_access_tcpip_->port_params[i];
@@ -68,7 +55,7 @@ void TCPIPAccessRequest::RunUnits(const UnitList& access_unit_list) {
     try {
       threads.Start(*unit);
     } catch (const Poco::Exception& failure) {
-      LoggerLog::Error(kLogTag, "thread start exception:" + failure.displayText());
+      LoggerLog::Error(kLogTag, LogText("thread start exception:", failure.displayText()));
     }
   }
   LoggerLog::Debug(kLogTag, "joinAll wait");

@@ -20,12 +20,10 @@ class TCPIPAccessRequest : public AccessRequest {
                      std::promise<std::shared_ptr<CommunicationResult>>* promise);
   ~TCPIPAccessRequest() override;
 
-  void Execute() override;
-
  private:
   using UnitList = std::list<std::shared_ptr<TCPIPAccessUnit>>;
 
-  std::shared_ptr<CommunicationResult> ExchangeWithDevices();
+  std::shared_ptr<CommunicationResult> Perform() override;
   static void RunUnits(const UnitList& access_unit_list);
 
   DataHeader* p_header_;

@@ -10,7 +10,7 @@
 #include <exception>
 #include <string_view>
 
-#include "log/logger_log.h"
+#include "log/log_text.h"
 #include "logger_setting/logger_setting_manager.h"
 #include "socket_manager/tcp_socket_manager.h"
 #include "utility/constant_string.h"
@@ -47,11 +47,8 @@ bool IsDottedIpv4(const std::string& text) {
          std::count(text.begin(), text.end(), '.') == 3 && ::inet_aton(text.c_str(), &address) != 0;
 }
 
-std::string Bracketed(const std::string& text) {
-  return "[" + text + "]";
-}
-std::string Bracketed(int number) {
-  return Bracketed(std::to_string(number));
+std::string HexText(byte* bytes, int count) {
+  return StringUtil::BytesToHexString(bytes, static_cast<unsigned int>(count));
 }
 
 std::string DisplayText(const std::exception& failure) {
@@ -92,7 +89,7 @@ void TCPIPAccessUnit::run() {
 }
 
 bool TCPIPAccessUnit::AccessDevice() {
-  if (FrameLength() == 0 || p_send_data_->address == 0) {
+  if (FrameLengthOf(*p_send_data_) == 0 || p_send_data_->address == 0) {
     return true;
   }
   if (!IsPossible()) {
@@ -101,53 +98,65 @@ bool TCPIPAccessUnit::AccessDevice() {
   // Outside the try block: the handler removes the socket from the pool under its lock.
   ExclusiveSocket exclusive;
   try {
-    LoggerLog::Debug(kLogTag, Bracketed(ip_) + " " + Bracketed(p_network_params_->port) +
-                                  Bracketed(p_send_data_->address));
+    LoggerLog::Debug(kLogTag, LogText("[", ip_, "] [", int{p_network_params_->port}, "][",
+                                      p_send_data_->address, "]"));
     exclusive = TCPSocketManager::GetInstance()->LockSocket(ip_, p_network_params_->port,
                                                             p_send_data_->address, LockDeadline());
     if (!exclusive.socket) {
-      return Refuse(kTCPIPUnitStatusConnectError, "Con in use " + Bracketed(ip_));
+      return Refuse(kTCPIPUnitStatusConnectError, LogText("Con in use [", ip_, "]"));
     }
     return Exchange(*exclusive.socket);
   } catch (const std::exception& failure) {
-    LoggerLog::Debug(kLogTag, "Exception " + Bracketed(ip_) + Bracketed(DisplayText(failure)));
     status_ |= kTCPIPUnitStatusException;
-    if (exclusive.socket) {
-      Forget(*exclusive.socket);
-    }
+    HandleException(failure, exclusive.socket.get());
     return false;
   }
 }
 
+/// Logs the failure and forgets the connection, if there is one. When there is no memory even for
+/// that, the connection is closed all the same.
+void TCPIPAccessUnit::HandleException(const std::exception& failure, TCPSocket* socket) noexcept {
+  if (socket != nullptr) {
+    socket->Close();
+  }
+  try {
+    LoggerLog::Debug(kLogTag, LogText("Exception [", ip_, "][", DisplayText(failure), "]"));
+    if (socket != nullptr) {
+      Forget(*socket);
+    }
+  } catch (const std::exception&) {
+  }
+}
+
 /// How long another exchange on the same connection is waited for: as long as one with this
-/// device's time-out usually takes at most, connect, send, header, body and drain.
+/// device's time-out usually takes at most, connect, send, header, body and drain. Without a
+/// time-out that may be any time.
 std::optional<Deadline> TCPIPAccessUnit::LockDeadline() const {
   // A copy: no reference may be bound to a member of a packed record.
   const std::chrono::milliseconds timeout(int{p_network_params_->timeout});
-  return timeout.count() > 0 ? std::optional<Deadline>(4 * timeout + kDrainTimeMax) : std::nullopt;
-}
-
-int TCPIPAccessUnit::FrameLength() const {
-  return p_send_data_->send_data[0] | p_send_data_->send_data[1] << 8;
+  return timeout.count() == 0
+             ? std::nullopt
+             : std::optional<Deadline>(4 * std::max(timeout, timeout.zero()) + kDrainTimeMax);
 }
 
 /// Refuses entries that no exchange can make sense of.
 bool TCPIPAccessUnit::IsPossible() {
   const int address = p_send_data_->address;
-  const std::string device = "dev" + Bracketed(address);
+  const int length = FrameLengthOf(*p_send_data_);
+  const int port = p_network_params_->port;
   if (address > kMaxDeviceCountAtChannel) {
-    return Refuse(kTCPIPUnitStatusConnectError, "Dev addr err. " + device);
+    return Refuse(kTCPIPUnitStatusConnectError, LogText("Dev addr err. dev[", address, "]"));
   }
-  if (FrameLength() > kMaxSendFrameLength) {
+  if (length > kMaxSendFrameLength) {
     return Refuse(kTCPIPUnitStatusSendReceiveError,
-                  "Snd dat len err. " + device + " len" + Bracketed(FrameLength()));
+                  LogText("Snd dat len err. dev[", address, "] len[", length, "]"));
   }
   if (!IsDottedIpv4(ip_)) {
-    return Refuse(kTCPIPUnitStatusConnectError, "IP addr err. " + device);
+    return Refuse(kTCPIPUnitStatusConnectError, LogText("IP addr err. dev[", address, "]"));
   }
-  if (p_network_params_->port < 1 || p_network_params_->port > kHighestPort) {
+  if (port < 1 || port > kHighestPort) {
     return Refuse(kTCPIPUnitStatusConnectError,
-                  "Port err. " + device + " port" + Bracketed(p_network_params_->port));
+                  LogText("Port err. dev[", address, "] port[", port, "]"));
   }
   return true;
 }
@@ -156,23 +165,21 @@ bool TCPIPAccessUnit::Exchange(TCPSocket& socket) {
   if (!Connect(socket) || !Send(socket) || !ReceiveHeader(socket)) {
     return false;
   }
-  const byte* data = p_device_receive_data_->data;
+  byte* data = p_device_receive_data_->data;
   const int data_length = p_network_params_->port == kFixedFramePort
                               ? kFixedFrameLength
                               : (data[4] << 8 | data[5]) + data_header_size;
-  LoggerLog::Debug(
-      kLogTag, "Dat Len " + Bracketed(ip_) + Bracketed(data_length) + Bracketed(data_header_size));
+  LoggerLog::Debug(kLogTag,
+                   LogText("Dat Len [", ip_, "][", data_length, "][", data_header_size, "]"));
   if (data_length > kDeviceCommunicationReceiveDataBuffSize) {
     return Fail(socket, kTCPIPUnitStatusSendReceiveError, LoggerLog::Info,
-                "Rcv dat size too large." + Bracketed(ip_));
+                LogText("Rcv dat size too large.[", ip_, "]"));
   }
   if (!ReceiveBody(socket, data_length)) {
     return false;
   }
   p_device_receive_data_->length = static_cast<std::int16_t>(data_length);
-  LoggerLog::Debug(kLogTag, "rcvBytes " + Bracketed(ip_) +
-                                Bracketed(StringUtil::BytesToHexString(
-                                    data, static_cast<unsigned int>(data_length))));
+  LoggerLog::Debug(kLogTag, LogText("rcvBytes [", ip_, "][", HexText(data, data_length), "]"));
   if (!Drain(socket)) {
     Forget(socket);
   }
@@ -180,30 +187,31 @@ bool TCPIPAccessUnit::Exchange(TCPSocket& socket) {
 }
 
 bool TCPIPAccessUnit::Connect(TCPSocket& socket) {
-  if (LoggerSettingManager::GetInstance()->IsTcpReuseCheck() && socket.IsSocketCreated() &&
+  LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
+  if (settings != nullptr && settings->IsTcpReuseCheck() && socket.IsSocketCreated() &&
       !socket.IsReusable()) {
-    LoggerLog::Debug(kLogTag, "Con not reusable " + Bracketed(ip_));
+    LoggerLog::Debug(kLogTag, LogText("Con not reusable [", ip_, "]"));
     socket.Close();
   }
   const int read_write_timeout = p_network_params_->timeout;
   const int result = socket.Connect(read_write_timeout);
   if (result != 0) {
     return Fail(socket, kTCPIPUnitStatusConnectError, LoggerLog::Debug,
-                "Con err.  " + Bracketed(ip_) + Bracketed(result));
+                LogText("Con err.  [", ip_, "][", result, "]"));
   }
   socket.SetReadWriteTimeout(read_write_timeout, read_write_timeout);
   return true;
 }
 
 bool TCPIPAccessUnit::Send(TCPSocket& socket) {
-  const int send_data_length = FrameLength();
-  LoggerLog::Debug(kLogTag, "sendBytes " + Bracketed(ip_) +
-                                Bracketed(StringUtil::BytesToHexString(
-                                    Frame(), static_cast<unsigned int>(send_data_length))));
-  const int sent_size = socket.SendBytes(Frame(), send_data_length);
+  const int send_data_length = FrameLengthOf(*p_send_data_);
+  byte* const frame = p_send_data_->send_data + kSendFrameOffset;
+  LoggerLog::Debug(kLogTag,
+                   LogText("sendBytes [", ip_, "][", HexText(frame, send_data_length), "]"));
+  const int sent_size = socket.SendBytes(frame, send_data_length);
   if (sent_size != send_data_length) {
     return Fail(socket, kTCPIPUnitStatusSendReceiveError, LoggerLog::Info,
-                "Could not snd dat " + Bracketed(ip_) + Bracketed(sent_size));
+                LogText("Could not snd dat [", ip_, "][", sent_size, "]"));
   }
   return true;
 }
@@ -215,7 +223,7 @@ bool TCPIPAccessUnit::ReceiveHeader(TCPSocket& socket) {
                                               data_header_size - receive_size);
     if (read_size <= 0) {
       return Fail(socket, kTCPIPUnitStatusSendReceiveError, LoggerLog::Info,
-                  "Read dat err." + Bracketed(ip_) + " size" + Bracketed(read_size));
+                  LogText("Read dat err.[", ip_, "] size[", read_size, "]"));
     }
     receive_size += read_size;
   }
@@ -229,28 +237,35 @@ bool TCPIPAccessUnit::ReceiveBody(TCPSocket& socket, int data_length) {
                                               data_length - receive_size);
     if (read_size <= 0) {
       return Fail(socket, kTCPIPUnitStatusSendReceiveError, LoggerLog::Info,
-                  "Read dat err." + Bracketed(ip_));
+                  LogText("Read dat err.[", ip_, "]"));
     }
     receive_size += read_size;
-    LoggerLog::Debug(kLogTag, "Rcv dat " + Bracketed(ip_) + Bracketed(receive_size) + " / " +
-                                  Bracketed(data_length));
+    LoggerLog::Debug(kLogTag,
+                     LogText("Rcv dat [", ip_, "][", receive_size, "] / [", data_length, "]"));
   }
   return true;
+}
+
+/// How much silence ends the drain; 0: no drain.
+std::chrono::milliseconds TCPIPAccessUnit::DrainSilence() const {
+  LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
+  const auto setting = settings != nullptr ? settings->GetTcpDrainTimeout() : std::nullopt;
+  const int device_timeout = p_network_params_->timeout;
+  return std::chrono::milliseconds(
+      setting.value_or(device_timeout > 0 ? device_timeout : kDrainSilenceMs));
 }
 
 /// Discards what the device sends behind its frame, until it is silent or closes the connection.
 /// False when it does neither within the bounds: what it sends later would pass for an answer.
 bool TCPIPAccessUnit::Drain(TCPSocket& socket) const {
-  const int device_timeout = p_network_params_->timeout;
-  const int silence_ms = LoggerSettingManager::GetInstance()->GetTcpDrainTimeout().value_or(
-      device_timeout > 0 ? device_timeout : kDrainSilenceMs);
-  if (silence_ms == 0) {
+  const std::chrono::milliseconds silence_time = DrainSilence();
+  if (silence_time.count() == 0) {
     return true;
   }
-  const Deadline end(kDrainTimeMax);
+  const Deadline end(silence_time + kDrainTimeMax);
   int drained = 0;
   for (int loop_cnt = 0; drained < kDrainBytesMax; ++loop_cnt) {
-    const Deadline silence{std::chrono::milliseconds(silence_ms)};
+    const Deadline silence(silence_time);
     const bool is_last_wait = end.Moment() < silence.Moment();
     if (WaitForDescriptor(socket.GetDescriptor(), POLLIN, is_last_wait ? end : silence) == 0) {
       return !is_last_wait;
@@ -261,7 +276,7 @@ bool TCPIPAccessUnit::Drain(TCPSocket& socket) const {
       return true;
     }
     if (loop_cnt % 10 == 1) {
-      LoggerLog::Verbose(kLogTag, "ReceiveBytes loop cnt:" + std::to_string(loop_cnt));
+      LoggerLog::Verbose(kLogTag, LogText("ReceiveBytes loop cnt:", loop_cnt));
     }
     drained += read_size;
   }

@@ -3,7 +3,9 @@
 
 #include <Poco/Runnable.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <string>
@@ -42,18 +44,18 @@ class TCPIPAccessUnit : public Poco::Runnable {
   using LogCall = void (*)(const std::string& tag, const std::string& message);
 
   std::optional<Deadline> LockDeadline() const;
-  int FrameLength() const;
-  const unsigned char* Frame() const { return p_send_data_->send_data + 2; }
   bool IsPossible();
   bool Exchange(TCPSocket& socket);
   bool Connect(TCPSocket& socket);
   bool Send(TCPSocket& socket);
   bool ReceiveHeader(TCPSocket& socket);
   bool ReceiveBody(TCPSocket& socket, int data_length);
+  std::chrono::milliseconds DrainSilence() const;
   bool Drain(TCPSocket& socket) const;
   bool Refuse(int status, const std::string& text);
   bool Fail(TCPSocket& socket, int status, LogCall log, const std::string& text);
   void Forget(TCPSocket& socket);
+  void HandleException(const std::exception& failure, TCPSocket* socket) noexcept;
 
   NetworkParams* p_network_params_;
   SendData* p_send_data_;

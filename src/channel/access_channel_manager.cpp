@@ -1,10 +1,12 @@
 #include "channel/access_channel_manager.h"
 
-#include <Poco/Format.h>
 #include <Poco/Mutex.h>
 #include <Poco/ScopedLock.h>
 
-#include "log/logger_log.h"
+#include <new>
+#include <utility>
+
+#include "log/log_text.h"
 #include "utility/constant_string.h"
 
 namespace tmsc {
@@ -16,8 +18,13 @@ const std::string& kLogTag = ConstantString("AChMgr");
 using Lock = Poco::ScopedLock<Poco::Mutex>;
 Poco::Mutex& mutex_ = *new Poco::Mutex;  // never destroyed: workers run until the process ends
 
-std::string FlagText(bool flag) {
-  return flag ? "1" : "0";
+/// Logs a text, unless there is no memory for it: a flag changes all the same.
+template <typename MakeText>
+void LogUsedState(MakeText make_text, void (*log)(const std::string&, const std::string&)) {
+  try {
+    log(kLogTag, make_text());
+  } catch (const std::bad_alloc&) {
+  }
 }
 
 template <typename Front>
@@ -50,24 +57,48 @@ std::shared_ptr<AccessChannelTCPIP> AccessChannelManager::AccessChannelTCPIP(int
 }
 
 void AccessChannelManager::SetUsedState(int channel_index, bool use) {
-  const std::string name = "SetUsedState";
-  const std::string key = std::to_string(channel_index);
-  LoggerLog::Verbose(kLogTag, Poco::format("%s ch:[%s] used:[%s]", name, key, FlagText(use)));
-  const Lock lock(mutex_);
-  bool& flag = access_channel_used_map_[key];
-  LoggerLog::Debug(kLogTag, Poco::format("%s ch:[%s] used:[%s]->[%s]", name, key, FlagText(flag),
-                                         FlagText(use)));
-  flag = use;
+  ChangeUsedState(channel_index, use, [] {});
+}
+
+void AccessChannelManager::HandBack(int channel_index, const std::function<void()>& last_step) {
+  ChangeUsedState(channel_index, false, last_step);
+}
+
+void AccessChannelManager::ChangeUsedState(int channel_index, bool use,
+                                           const std::function<void()>& last_step) {
+  LogUsedState([&] { return LogText("SetUsedState ch:[", channel_index, "] used:[", use, "]"); },
+               LoggerLog::Verbose);
+  bool is_used = false;
+  {
+    const auto hand_back_lock = LockHandBack(channel_index);
+    last_step();
+    const Lock lock(mutex_);
+    is_used = std::exchange(access_channel_used_map_[std::to_string(channel_index)], use);
+  }
+  LogUsedState(
+      [&] {
+        return LogText("SetUsedState ch:[", channel_index, "] used:[", is_used, "]->[", use, "]");
+      },
+      LoggerLog::Debug);
 }
 
 bool AccessChannelManager::GetUsedState(int channel_index) {
-  const std::string key = std::to_string(channel_index);
-  const Lock lock(mutex_);
-  const auto found = access_channel_used_map_.find(key);
-  const bool is_used = found != access_channel_used_map_.end() && found->second;
-  LoggerLog::Debug(kLogTag, Poco::format("%s ch:[%s] used:[%s]", std::string("GetUsedState"), key,
-                                         FlagText(is_used)));
+  bool is_used = false;
+  {
+    const auto hand_back_lock = LockHandBack(channel_index);
+    const Lock lock(mutex_);
+    const auto found = access_channel_used_map_.find(std::to_string(channel_index));
+    is_used = found != access_channel_used_map_.end() && found->second;
+  }
+  LoggerLog::Debug(kLogTag, LogText("GetUsedState ch:[", channel_index, "] used:[", is_used, "]"));
   return is_used;
+}
+
+/// Empty for a channel that no client can name.
+std::unique_lock<std::mutex> AccessChannelManager::LockHandBack(int channel_index) {
+  return channel_index >= 1 && channel_index <= kMaxChannel
+             ? std::unique_lock<std::mutex>(hand_back_mutexes_[channel_index - 1])
+             : std::unique_lock<std::mutex>();
 }
 
 }  // namespace tmsc

@@ -1,8 +1,10 @@
 #ifndef TAMSEL_CHANNEL_ACCESS_CHANNEL_MANAGER_H_
 #define TAMSEL_CHANNEL_ACCESS_CHANNEL_MANAGER_H_
 
+#include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "channel/access_channel_rs485.h"
@@ -12,7 +14,7 @@
 namespace tmsc {
 
 /// Holds the front of each channel and transport, and the busy flag of each channel. Any thread may
-/// call it; one lock guards all of its maps and is never held during an exchange.
+/// call it; no lock of it is held during an exchange, or while it logs.
 ///
 /// Channel indexes are not checked here: the request server lets only 1 to 3 pass.
 class AccessChannelManager : public Singleton<AccessChannelManager> {
@@ -25,11 +27,24 @@ class AccessChannelManager : public Singleton<AccessChannelManager> {
   std::shared_ptr<tmsc::AccessChannelRS485> AccessChannelRS485(int channel_index);
   std::shared_ptr<tmsc::AccessChannelTCPIP> AccessChannelTCPIP(int channel_index);
 
-  /// The busy flag of a channel, shared by both transports; false until first set.
+  /// The busy flag of a channel, shared by both transports; false until first set. GetUsedState
+  /// waits for a hand-back in progress. To clear a flag needs no memory.
   void SetUsedState(int channel_index, bool use);
   bool GetUsedState(int channel_index);
 
+  /// Takes the last step of a request, which lets its client go, and clears the busy flag, both
+  /// before anybody sees the flag again: a client that has its response and asks again at once does
+  /// not find the channel still busy with its own last request. `last_step` does not wait, log or
+  /// throw.
+  void HandBack(int channel_index, const std::function<void()>& last_step);
+
  private:
+  void ChangeUsedState(int channel_index, bool use, const std::function<void()>& last_step);
+  std::unique_lock<std::mutex> LockHandBack(int channel_index);
+
+  // One for each channel, held for a hand-back and for a look at the busy flag; taken before
+  // mutex_.
+  std::mutex hand_back_mutexes_[kMaxChannel];
   // All guarded by mutex_ in the source file; the key is the channel index as decimal text.
   std::unique_ptr<std::map<std::string, std::shared_ptr<tmsc::AccessChannelRS485>>>
       access_channel_rs485_map_;

@@ -10,6 +10,8 @@ namespace tmsc {
 
 namespace {
 const std::string& kLogTag = ConstantString("AChTCPIP");
+// Nothing between the queueing of a request and the wait for it may throw: the promise lives here.
+const std::string& kWaitText = ConstantString(" ft.get() wait");
 }  // namespace
 
 AccessChannelTCPIP::AccessChannelTCPIP(int channel_index)
@@ -24,7 +26,7 @@ std::shared_ptr<CommunicationResult> AccessChannelTCPIP::TCPAccess(
   std::promise<std::shared_ptr<CommunicationResult>> pr;
   std::future<std::shared_ptr<CommunicationResult>> ft = pr.get_future();
   worker_channel_->PutRequest(new TCPIPAccessRequest(header, device_access_tcpip, &pr));
-  LoggerLog::Verbose(kLogTag, " ft.get() wait");
+  LoggerLog::Verbose(kLogTag, kWaitText);
   std::shared_ptr<CommunicationResult> result = ft.get();
   LoggerLog::Verbose(kLogTag, " ft.get() wait out");
   return result;

@@ -3,13 +3,18 @@
 #include <Poco/AutoPtr.h>
 #include <Poco/DOM/DOMParser.h>
 #include <Poco/DOM/Document.h>
-#include <Poco/Exception.h>
-#include <Poco/File.h>
+#include <Poco/SAX/DefaultHandler.h>
+#include <Poco/SAX/SAXParser.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <exception>
 
-#include "log/logger_log.h"
+#include "log/log_text.h"
+#include "utility/descriptor.h"
 #include "xml_node/xml_node.h"
 
 namespace tmsc {
@@ -17,8 +22,51 @@ namespace tmsc {
 namespace {
 const std::string& kLogTag = ConstantString("LSettingMgr");
 constexpr std::size_t kSettingMapBuckets = 10;
-// Bytes. Elements within elements are read recursively: a larger file could exhaust the stack.
-constexpr Poco::File::FileSize kSettingFileSizeMax = 64 * 1024;
+// Elements within elements are copied and freed recursively: more of them could exhaust the stack.
+constexpr int kDepthMax = 256;
+// Bytes; what is longer is no settings file, and its tree might not fit into memory.
+constexpr std::size_t kSettingFileSizeMax = 8 * 1024 * 1024;
+
+/// The content of a regular file; empty for anything else, of which a pipe would hold up the start.
+std::string ReadRegularFile(const std::string& path) {
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  struct stat status {};
+  if (!file.IsOpen() || ::fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return {};
+  }
+  std::string text;
+  char part[4096];
+  for (ssize_t count = 0; (count = ::read(file.Get(), part, sizeof(part))) > 0;) {
+    text.append(part, static_cast<std::size_t>(count));
+    if (text.size() > kSettingFileSizeMax) {
+      return {};
+    }
+  }
+  return text;
+}
+
+/// Parses the text without a tree, which would be copied and freed recursively.
+bool IsTooDeep(const std::string& text, const std::string& encoding) {
+  class DepthMeter : public Poco::XML::DefaultHandler {
+   public:
+    void startElement(const Poco::XML::XMLString&, const Poco::XML::XMLString&,
+                      const Poco::XML::XMLString&, const Poco::XML::Attributes&) override {
+      deepest = std::max(deepest, ++depth);
+    }
+    void endElement(const Poco::XML::XMLString&, const Poco::XML::XMLString&,
+                    const Poco::XML::XMLString&) override {
+      --depth;
+    }
+    int depth = 0;
+    int deepest = 0;
+  };
+  DepthMeter meter;
+  Poco::XML::SAXParser parser;
+  parser.setEncoding(encoding);
+  parser.setContentHandler(&meter);
+  parser.parseString(text);
+  return meter.deepest > kDepthMax;
+}
 }  // namespace
 
 LoggerSettingManager::LoggerSettingManager() : logger_setting_map_(kSettingMapBuckets) {
@@ -43,24 +91,32 @@ void LoggerSettingManager::SetupDefaultSetting() {
 }
 
 void LoggerSettingManager::LoadXml() {
-  try {
-    // UTF-8 unless the file declares another encoding: to set one here would override the file.
-    Poco::XML::DOMParser parser;
-    const std::string path = SettingFilePath();
-    if (Poco::File(path).getSize() > kSettingFileSizeMax) {
+  const std::string text = ReadRegularFile(SettingFilePath());
+  // As the file declares its encoding; the parser knows only a few. The keys, at least, are ASCII,
+  // so most files in another one read well as UTF-8.
+  for (const char* const encoding : {"", "UTF-8"}) {
+    try {
+      if (!IsTooDeep(text, encoding)) {
+        TakeSettings(text, encoding);
+      }
       return;
+    } catch (const std::exception&) {
+      // The defaults hold. Nobody to tell: the log is set up from these settings.
     }
-    const Poco::AutoPtr<Poco::XML::Document> document = parser.parse(path);
-    Poco::XML::Node* root = document->getNodeByPath("/LoggerSetting");
-    if (root == nullptr) {
-      return;
-    }
-    const XmlNode tree(nullptr, root);
-    for (const auto& setting : tree.GetChildren()) {
-      logger_setting_map_[setting->GetTag()] = setting->GetValue();
-    }
-  } catch (const Poco::Exception&) {
-    // The defaults hold. Nobody to tell: the log is set up from these settings.
+  }
+}
+
+void LoggerSettingManager::TakeSettings(const std::string& text, const std::string& encoding) {
+  Poco::XML::DOMParser parser;
+  parser.setEncoding(encoding);
+  const Poco::AutoPtr<Poco::XML::Document> document = parser.parseString(text);
+  Poco::XML::Node* root = document->getNodeByPath("/LoggerSetting");
+  if (root == nullptr) {
+    return;
+  }
+  const XmlNode tree(nullptr, root);
+  for (const auto& setting : tree.GetChildren()) {
+    logger_setting_map_[setting->GetTag()] = setting->GetValue();
   }
 }
 
@@ -108,14 +164,13 @@ std::string LoggerSettingManager::GetMaxLogFileSize() {
 int LoggerSettingManager::GetTamselComStartComFailedCloseCount() {
   const int count = GetIntvalueFromSettingItems(kSettingTagTamselComStartComFailedCloseCount,
                                                 kTamselComStartComFailedCloseCountInit);
-  const std::string text =
-      kSettingTagTamselComStartComFailedCloseCount + ":" + std::to_string(count);
+  const std::string text = LogText(kSettingTagTamselComStartComFailedCloseCount, ":", count);
   if (count >= kTamselComStartComFailedCloseCountMin &&
       count <= kTamselComStartComFailedCloseCountMax) {
     LoggerLog::Verbose(kLogTag, text);
     return count;
   }
-  LoggerLog::Error(kLogTag, text + "->" + std::to_string(kTamselComStartComFailedCloseCountInit));
+  LoggerLog::Error(kLogTag, LogText(text, "->", kTamselComStartComFailedCloseCountInit));
   return kTamselComStartComFailedCloseCountInit;
 }
 
@@ -155,21 +210,21 @@ int LoggerSettingManager::GetRs485StartWait() {
 }
 
 void LoggerSettingManager::TestLoggerSetting() {
-  const auto log_value = [](const std::string& label, const std::string& value) {
-    LoggerLog::Debug(kLogTag, "[" + label + "] = [" + value + "]");
+  const auto log_value = [](const char* label, const auto& value) {
+    LoggerLog::Debug(kLogTag, LogText("[", label, "] = [", value, "]"));
   };
   const std::string rule(27, '-');
   LoggerLog::Debug(kLogTag, rule);
   log_value("GetComSocketPath", GetComSocketPath());
   log_value("GetTamselComWatchdogPath", GetTamselComWatchdogPath());
-  log_value("GetWatchdogFileUpdateInterval", std::to_string(GetWatchdogFileUpdateInterval()));
-  log_value("GetMaxLogRollIndex", std::to_string(GetMaxLogRollIndex()));
+  log_value("GetWatchdogFileUpdateInterval", GetWatchdogFileUpdateInterval());
+  log_value("GetMaxLogRollIndex", GetMaxLogRollIndex());
   log_value("GetMaxLogFileSize", GetMaxLogFileSize());
   log_value("GetLogDirectory", GetLogDirectory());
-  log_value("IsEnableLogBufferedIO", IsEnableLogBufferedIO() ? "1" : "0");
-  log_value("LoggerLogMaxBufferedSize", std::to_string(GetLoggerLogMaxBufferdSize()));
-  log_value("GetMWApiRetryCount", std::to_string(GetMWApiRetryCount()));
-  log_value("GetMWApiRetryInterval", std::to_string(GetMWApiRetryInterval()));
+  log_value("IsEnableLogBufferedIO", IsEnableLogBufferedIO());
+  log_value("LoggerLogMaxBufferedSize", GetLoggerLogMaxBufferdSize());
+  log_value("GetMWApiRetryCount", GetMWApiRetryCount());
+  log_value("GetMWApiRetryInterval", GetMWApiRetryInterval());
   LoggerLog::Debug(kLogTag, rule);
 }
 

@@ -56,7 +56,7 @@ class LoggerSettingManager : public Singleton<LoggerSettingManager> {
 
   void SetupDefaultSetting();
   /// Takes over each child element of the file's root element LoggerSetting. A file that is missing
-  /// or is no XML changes nothing.
+  /// or is no XML, or larger than 8 MiB, changes nothing.
   void LoadXml();
 
   /// The value of `key` as a decimal number, characters behind it ignored; `default_value` when
@@ -101,6 +101,7 @@ class LoggerSettingManager : public Singleton<LoggerSettingManager> {
   void TestLoggerSetting();
 
  private:
+  void TakeSettings(const std::string& text, const std::string& encoding);
   /// The value of `key`; empty when absent. Never adds the key.
   std::string Find(const std::string& key) const;
 

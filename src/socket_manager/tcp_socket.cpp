@@ -7,13 +7,13 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <optional>
 
 #include "utility/deadline.h"
+#include "utility/descriptor_limit.h"
 
 namespace tmsc {
 
@@ -37,8 +37,10 @@ void KeepAlive(int descriptor) {
 }
 
 timeval ToTimeval(int milliseconds) {
-  const int bounded = std::max(milliseconds, 0);
-  return {bounded / 1000, (bounded % 1000) * 1000};
+  // Negative seconds end a send or receive at once (net/core/sock.c); with a negative rest of
+  // microseconds the system would refuse the value and keep the one before.
+  return milliseconds < 0 ? timeval{-1, 0}
+                          : timeval{milliseconds / 1000, (milliseconds % 1000) * 1000};
 }
 
 /// Repeats a system call that a signal interrupted.
@@ -65,6 +67,9 @@ int TCPSocket::Connect(int timeout) {
     return 0;
   }
   sockfd_.Reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (IsReservedDescriptor(sockfd_.Get())) {
+    sockfd_.Reset();
+  }
   if (!sockfd_.IsOpen()) {
     return kNoDescriptor;
   }

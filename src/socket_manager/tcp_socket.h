@@ -32,16 +32,18 @@ class TCPSocket {
   TCPSocket& operator=(const TCPSocket&) = delete;
 
   /// Connects within `timeout` ms, 0 or less for no limit. A socket that was created already is
-  /// taken as connected, without a test. Returns 0 when connected; -1 no descriptor; -2 the connect
-  /// failed at once; -3 time-out, the socket is closed; -4 the socket's error cannot be read; -5
-  /// the wait failed; a positive value: the error number that the connect ended with. After a
-  /// failure the caller closes the socket.
+  /// taken as connected, without a test. Returns 0 when connected; -1 no descriptor, or none that
+  /// may be used for a device (IsReservedDescriptor); -2 the connect failed at once; -3 time-out,
+  /// the socket is closed; -4 the socket's error cannot be read; -5 the wait failed; a positive
+  /// value: the error number that the connect ended with. After a failure the caller closes the
+  /// socket.
   int Connect(int timeout);
 
   /// Closes the connection; harmless when there is none.
   void Close();
 
-  /// Bounds each receive and send, in ms; 0 or less for no limit. Does nothing before Connect.
+  /// Bounds each receive and send, in ms; 0 for no limit, less than 0 makes each end at once. Does
+  /// nothing before Connect.
   void SetReadWriteTimeout(int read_timeout, int write_timeout);
 
   /// One send of `length` bytes. Returns the bytes sent or -1; a connection that the peer has
@@ -60,7 +62,7 @@ class TCPSocket {
   bool IsReusable() const;
 
   /// Held for the length of an exchange.
-  std::mutex& ExchangeMutex() { return exchange_mutex_; }
+  std::timed_mutex& ExchangeMutex() { return exchange_mutex_; }
 
   int GetDescriptor() const { return sockfd_.Get(); }
   bool IsSocketCreated() const { return is_socket_created; }
@@ -74,7 +76,7 @@ class TCPSocket {
   timeval read_timeout_{};
   timeval write_timeout_{};
   bool is_socket_created = false;
-  std::mutex exchange_mutex_;
+  std::timed_mutex exchange_mutex_;
 };
 
 }  // namespace tmsc

@@ -3,7 +3,6 @@
 #include <Poco/Format.h>
 #include <Poco/Mutex.h>
 #include <Poco/ScopedLock.h>
-#include <Poco/Thread.h>
 
 namespace tmsc {
 
@@ -12,7 +11,6 @@ namespace {
 using Lock = Poco::ScopedLock<Poco::Mutex>;
 Poco::Mutex& mutex_ = *new Poco::Mutex;  // never destroyed: units run until the process ends
 constexpr std::size_t kSocketMapBuckets = 10;
-constexpr long kLockPollMs = 2;
 
 std::string PoolKey(const std::string& ip_address, int port, int address) {
   return Poco::format("%s_%d_%02d", ip_address, port, address);
@@ -39,15 +37,16 @@ ExclusiveSocket TCPSocketManager::LockSocket(const std::string& ip_address, int 
                                              const std::optional<Deadline>& deadline) {
   while (true) {
     std::shared_ptr<TCPSocket> socket = GetSocket(ip_address, port, address);
-    std::unique_lock<std::mutex> lock(socket->ExchangeMutex(), std::try_to_lock);
-    // The exchange before this one may have failed and removed the socket meanwhile.
-    if (lock && GetSocket(ip_address, port, address) == socket) {
-      return {std::move(socket), std::move(lock)};
-    }
-    if (deadline && deadline->HasPassed()) {
+    std::unique_lock<std::timed_mutex> lock(socket->ExchangeMutex(), std::defer_lock);
+    if (!deadline) {
+      lock.lock();
+    } else if (!lock.try_lock_until(deadline->Moment())) {
       return {};
     }
-    Poco::Thread::sleep(kLockPollMs);
+    // The exchange before this one may have failed and removed the socket meanwhile.
+    if (GetSocket(ip_address, port, address) == socket) {
+      return {std::move(socket), std::move(lock)};
+    }
   }
 }
 

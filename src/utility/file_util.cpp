@@ -2,11 +2,12 @@
 
 #include <Poco/Exception.h>
 #include <Poco/File.h>
-#include <Poco/Mutex.h>
 #include <Poco/Path.h>
-#include <Poco/ScopedLock.h>
+#include <limits.h>
 
-#include "log/logger_log.h"
+#include <atomic>
+
+#include "log/log_text.h"
 #include "utility/constant_string.h"
 
 namespace tmsc {
@@ -15,9 +16,20 @@ namespace {
 
 const std::string& kLogTag = ConstantString("FlUtil");
 
-// Never destroyed: the log writer's thread may read the switch while the process ends.
-Poco::Mutex& mutex_ = *new Poco::Mutex;
-bool is_log_write_enable_ = true;  // guarded by mutex_
+// Atomic rather than under a lock: every log call reads it.
+std::atomic<bool> is_log_write_enable_{true};
+
+constexpr std::size_t kShownPathLength = 200;
+
+/// No system call takes a longer path, and to create its folders one by one would take gigabytes.
+bool IsTooLong(const std::string& path) {
+  return path.size() >= PATH_MAX;
+}
+
+/// A path as a log line shows it.
+std::string Shown(const std::string& path) {
+  return IsTooLong(path) ? path.substr(0, kShownPathLength) + "..." : path;
+}
 
 /// Runs a file operation. A refusal is logged, with the lead-in and the path, and gives the result
 /// type's zero.
@@ -27,7 +39,7 @@ auto LogRefusal(const std::string& lead_in, const std::string& path, Operation o
   try {
     return operation();
   } catch (const Poco::Exception& refusal) {
-    LoggerLog::Error(kLogTag, lead_in + path + "] [" + refusal.displayText() + "]");
+    LoggerLog::Error(kLogTag, LogText(lead_in, Shown(path), "] [", refusal.displayText(), "]"));
     return {};
   }
 }
@@ -36,7 +48,6 @@ auto LogRefusal(const std::string& lead_in, const std::string& path, Operation o
 
 void FileUtil::Create() {
   Singleton<FileUtil>::Create();
-  Poco::ScopedLock<Poco::Mutex> lock(mutex_);
   is_log_write_enable_ = true;
 }
 
@@ -67,6 +78,9 @@ std::string FileUtil::GetFileName(std::string path) {
 
 bool FileUtil::CreateDirectory(const std::string& target, bool recursive) {
   return LogRefusal("Create directory fail. fl:[", target, [&] {
+    if (IsTooLong(target)) {
+      throw Poco::PathSyntaxException("too long for a path", static_cast<int>(target.size()));
+    }
     Poco::File directory(target);
     if (!recursive) {
       return directory.createDirectory();
@@ -99,13 +113,11 @@ uint FileUtil::GetSize(const std::string& target) {
 }
 
 void FileUtil::SetLogWriteEnable(bool enable) {
-  LoggerLog::Verbose(kLogTag, std::string("SetLogWriteEnable:") + (enable ? "1" : "0"));
-  Poco::ScopedLock<Poco::Mutex> lock(mutex_);
+  LoggerLog::Verbose(kLogTag, LogText("SetLogWriteEnable:", enable));
   is_log_write_enable_ = enable;
 }
 
 bool FileUtil::IsLogWriteEnable() {
-  Poco::ScopedLock<Poco::Mutex> lock(mutex_);
   return is_log_write_enable_;
 }
 

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <limits>
 
 namespace tmsc {
@@ -75,17 +74,19 @@ int StringUtil::StringFileSizeToLogFileSize(const std::string& str) {
   int error = 0;
   // 64 bits on every machine: a size that is too large is no unreadable number.
   long long number = StringToLongLong(number_text, &error);
-  if (error != 0) {
+  constexpr long long kLimit = std::numeric_limits<int>::max();
+  const bool is_beyond_64_bits = number == std::numeric_limits<long long>::max() ||
+                                 number == std::numeric_limits<long long>::min();
+  if (error != 0 && !is_beyond_64_bits) {
     number = 1;
   }
-  constexpr long long kLimit = std::numeric_limits<int>::max();
   if (number < 0 || number > kLimit / multiplier) {
     return kDefaultLogFileSize;
   }
   return static_cast<int>(number * multiplier);
 }
 
-std::string StringUtil::BytesToHexString(const unsigned char* bytes, unsigned int bytes_length) {
+std::string StringUtil::BytesToHexString(unsigned char* bytes, unsigned int bytes_length) {
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string text;
   text.reserve(std::size_t{2} * bytes_length);
@@ -96,7 +97,7 @@ std::string StringUtil::BytesToHexString(const unsigned char* bytes, unsigned in
   return text;
 }
 
-std::string StringUtil::BytesToASCII(const unsigned char* bytes, unsigned int bytes_length) {
+std::string StringUtil::BytesToASCII(unsigned char* bytes, unsigned int bytes_length) {
   return std::string(bytes, bytes + bytes_length);
 }
 
@@ -115,7 +116,13 @@ int StringUtil::ICompare(const std::string& s, const std::string& t) {
 
 std::string StringUtil::LoadFromFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  std::string content;
+  char part[4096];
+  // A read of a folder fails as one of a damaged file does: no content, no exception.
+  while (file.read(part, sizeof(part)) || file.gcount() > 0) {
+    content.append(part, static_cast<std::size_t>(file.gcount()));
+  }
+  return file.bad() ? std::string() : content;
 }
 
 std::string StringUtil::Trim(const std::string& str) {

@@ -29,9 +29,9 @@ class StringUtil {
   static int StringFileSizeToLogFileSize(const std::string& str);
 
   /// Two lower-case hexadecimal digits a byte, nothing between them.
-  static std::string BytesToHexString(const unsigned char* bytes, unsigned int bytes_length);
+  static std::string BytesToHexString(unsigned char* bytes, unsigned int bytes_length);
   /// The bytes as characters, nothing escaped.
-  static std::string BytesToASCII(const unsigned char* bytes, unsigned int bytes_length);
+  static std::string BytesToASCII(unsigned char* bytes, unsigned int bytes_length);
 
   static bool StartWith(const std::string& target, const std::string& prefix);
   static bool EndWith(const std::string& target, const std::string& suffix);
@@ -39,7 +39,7 @@ class StringUtil {
   /// Comparison without regard to case: negative, 0 or positive.
   static int ICompare(const std::string& s, const std::string& t);
 
-  /// The whole content of a file; empty when it cannot be read.
+  /// The whole content of a file; empty when it cannot be read, as a folder cannot.
   static std::string LoadFromFile(const std::string& path);
 
   /// A copy without white space at either end.

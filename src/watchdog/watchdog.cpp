@@ -10,7 +10,7 @@
 #include <limits>
 #include <string>
 
-#include "log/logger_log.h"
+#include "log/log_text.h"
 #include "logger_setting/logger_setting_manager.h"
 #include "utility/constant_string.h"
 #include "utility/file_util.h"
@@ -51,6 +51,7 @@ int Spawn(pid_t* child, const char* const* arguments) {
   sigset_t defaults;
   sigemptyset(&defaults);
   sigaddset(&defaults, SIGPIPE);
+  sigaddset(&defaults, SIGXFSZ);
   posix_spawnattr_setsigmask(&attributes, &none);
   posix_spawnattr_setsigdefault(&attributes, &defaults);
   posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
@@ -77,19 +78,20 @@ void Watchdog::StartWatchdog() {
   const long period = PeriodMs(settings->GetWatchdogFileUpdateInterval());
   watchdog_timer_ = std::make_unique<Poco::Timer>(kFirstTouchMs, period);
   watchdog_timer_->start(Poco::TimerCallback<Watchdog>(*this, &Watchdog::onTimer));
-  LoggerLog::Debug(kLogTag,
-                   "Set Wdog interval [" + std::to_string(period) + "] fl path[" + path + "]");
+  LoggerLog::Debug(kLogTag, LogText("Set Wdog interval [", period, "] fl path[", path, "]"));
 }
 
 void Watchdog::StopWatchdog() {}
 
-void Watchdog::onTimer(Poco::Timer& /*timer*/) {
+void Watchdog::onTimer(Poco::Timer& /*timer*/) try {
   const std::string path = LoggerSettingManager::GetInstance()->GetTamselComWatchdogPath();
   const int status = Touch(path);
   if (status != 0) {
-    LoggerLog::Debug(kLogTag, "status [" + std::to_string(status) + "] [" + kTouchProgram + " \"" +
-                                  path + "\"]");
+    LoggerLog::Debug(kLogTag,
+                     LogText("status [", status, "] [", kTouchProgram, " \"", path, "\"]"));
   }
+} catch (...) {
+  LogException(kLogTag, "touch exception:");  // the next tick tries again
 }
 
 /// Returns the raw wait status of touch; 0 also when the watchdog is deleted meanwhile.

@@ -15,12 +15,15 @@ class WorkerThreadRunnable : public Poco::Runnable {
   explicit WorkerThreadRunnable(Poco::NotificationQueue& queue);
   ~WorkerThreadRunnable() override;
 
+  /// Serves until Stop. An exception, also one out of a request, ends that request alone.
   void run() override;
 
   /// Makes run return once the queue is empty, after at most one wait of 500 ms. Any thread.
   void Stop();
 
  private:
+  bool ServeOne();
+
   Poco::NotificationQueue& queue_;
   std::atomic<bool> is_stopped_{false};
 };

@@ -9,7 +9,7 @@
 #include <Poco/StringTokenizer.h>
 #include <Poco/XML/XMLWriter.h>
 
-#include "log/logger_log.h"
+#include "log/log_text.h"
 #include "utility/constant_string.h"
 
 namespace tmsc {
@@ -33,7 +33,8 @@ struct SearchStep {
 
 SearchStep ParseStep(const std::string& step) {
   Poco::RegularExpression pattern(kAttributeStepPattern);
-  if (!pattern.match(step, 0, 0)) {
+  Poco::RegularExpression::Match found;
+  if (pattern.match(step, found) == 0) {
     return {step, "", ""};
   }
   const auto group = [&](const std::string& replacement) {
@@ -164,8 +165,8 @@ bool XmlNode::WriteToXmlFile(const std::string& path) {
     }
     return true;
   } catch (const Poco::Exception& failure) {
-    LoggerLog::Error(kLogTag, "Write xml fail (Exception). path[" + path + "] message[" +
-                                  failure.displayText() + "]");
+    LoggerLog::Error(kLogTag, LogText("Write xml fail (Exception). path[", path, "] message[",
+                                      failure.displayText(), "]"));
     return false;
   }
 }
