@@ -45,6 +45,14 @@ std::string ReadRegularFile(const std::string& path) {
   return text;
 }
 
+/// An empty encoding leaves the text's own.
+template <typename Parser>
+void SetEncoding(Parser& parser, const std::string& encoding) {
+  if (!encoding.empty()) {
+    parser.setEncoding(encoding);
+  }
+}
+
 /// Parses the text without a tree, which would be copied and freed recursively.
 bool IsTooDeep(const std::string& text, const std::string& encoding) {
   class DepthMeter : public Poco::XML::DefaultHandler {
@@ -62,7 +70,7 @@ bool IsTooDeep(const std::string& text, const std::string& encoding) {
   };
   DepthMeter meter;
   Poco::XML::SAXParser parser;
-  parser.setEncoding(encoding);
+  SetEncoding(parser, encoding);
   parser.setContentHandler(&meter);
   parser.parseString(text);
   return meter.deepest > kDepthMax;
@@ -108,7 +116,7 @@ void LoggerSettingManager::LoadXml() {
 
 void LoggerSettingManager::TakeSettings(const std::string& text, const std::string& encoding) {
   Poco::XML::DOMParser parser;
-  parser.setEncoding(encoding);
+  SetEncoding(parser, encoding);
   const Poco::AutoPtr<Poco::XML::Document> document = parser.parseString(text);
   Poco::XML::Node* root = document->getNodeByPath("/LoggerSetting");
   if (root == nullptr) {

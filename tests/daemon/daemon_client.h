@@ -16,77 +16,11 @@
 
 #include "field_simulator.h"
 #include "support/daemon_process.h"
+#include "support/raw_client.h"
 #include "tamsel_client.h"
 #include "utility/descriptor.h"
 
 namespace tmsc::test {
-
-enum class StreamEnd { kNone, kEnd, kReset };
-
-/// Everything the daemon sent on one connection.
-struct Reply {
-  std::vector<byte> bytes;
-  StreamEnd end = StreamEnd::kNone;  // none: the deadline passed first
-
-  bool IsResponse() const { return bytes.size() == sizeof(ResponseReceiveData); }
-  ResponseReceiveData Response() const {
-    ResponseReceiveData response{};
-    std::memcpy(&response, bytes.data(), std::min(bytes.size(), sizeof(response)));
-    return response;
-  }
-};
-
-/// A client that need not keep to the protocol.
-class RawClient {
- public:
-  explicit RawClient(const std::string& path)
-      : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    const timeval limit{10, 0};
-    ::setsockopt(socket_.Get(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-    EXPECT_EQ(::connect(socket_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0)
-        << std::strerror(errno);
-  }
-
-  /// A client that sends the first `size` bytes of a request.
-  template <typename Request>
-  RawClient(const std::string& path, const Request& request, std::size_t size = sizeof(Request))
-      : RawClient(path) {
-    Send(&request, size);
-  }
-
-  void Send(const void* bytes, std::size_t size) {
-    EXPECT_EQ(::send(socket_.Get(), bytes, size, MSG_NOSIGNAL), static_cast<ssize_t>(size));
-  }
-  void EndInput() { ::shutdown(socket_.Get(), SHUT_WR); }
-  void Close() { socket_.Reset(); }
-
-  Reply Read(int limit_ms) {
-    Reply reply;
-    const Deadline deadline{std::chrono::milliseconds(limit_ms)};
-    while (WaitForDescriptor(socket_.Get(), POLLIN, deadline) > 0) {
-      byte buffer[16384];
-      const ssize_t count = ::recv(socket_.Get(), buffer, sizeof(buffer), 0);
-      if (count <= 0) {
-        reply.end = count == 0 ? StreamEnd::kEnd : StreamEnd::kReset;
-        break;
-      }
-      reply.bytes.insert(reply.bytes.end(), buffer, buffer + count);
-    }
-    return reply;
-  }
-
-  /// True when there is something to read, an end included, within the time.
-  bool IsReadable(int limit_ms) const {
-    return WaitForDescriptor(socket_.Get(), POLLIN, Deadline(std::chrono::milliseconds(limit_ms))) >
-           0;
-  }
-
- private:
-  Descriptor socket_;
-};
 
 /// No byte of an answer, and a plain end.
 inline void ExpectRefused(const Reply& reply) {

@@ -4,11 +4,19 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <stdexcept>
+#include <thread>
+#include <utility>
+#include <vector>
 
+#include "support/failing_memory.h"
+#include "utility/deadline.h"
 #include "utility/descriptor.h"
 
 namespace tmsc::test {
@@ -41,6 +49,51 @@ class Listener {
  private:
   Descriptor descriptor_;
   int port_ = 0;
+};
+
+/// A device that answers whatever comes with the same bytes, and has no part in failing memory.
+class AnsweringDevice {
+ public:
+  explicit AnsweringDevice(std::vector<unsigned char> answer)
+      : answer_(std::move(answer)), thread_([this] { Run(); }) {}
+  ~AnsweringDevice() {
+    is_over_ = true;
+    listener_.Shutdown();
+    thread_.join();
+  }
+  AnsweringDevice(const AnsweringDevice&) = delete;
+  AnsweringDevice& operator=(const AnsweringDevice&) = delete;
+
+  int Port() const { return listener_.Port(); }
+  int Connections() const { return connections_; }
+  int Requests() const { return requests_; }
+
+ private:
+  /// One connection at a time: the next one only when the peer has closed the one before.
+  void Run() {
+    ExemptThisThread();
+    for (Descriptor peer = listener_.Accept(); peer.IsOpen(); peer = listener_.Accept()) {
+      ++connections_;
+      char request[64];
+      while (!is_over_) {
+        if (WaitForDescriptor(peer.Get(), POLLIN, Deadline(std::chrono::milliseconds(20))) == 0) {
+          continue;
+        }
+        if (::recv(peer.Get(), request, sizeof(request), 0) <= 0) {
+          break;
+        }
+        ++requests_;
+        ::send(peer.Get(), answer_.data(), answer_.size(), MSG_NOSIGNAL);
+      }
+    }
+  }
+
+  const std::vector<unsigned char> answer_;
+  Listener listener_;
+  std::atomic<int> connections_{0};
+  std::atomic<int> requests_{0};
+  std::atomic<bool> is_over_{false};
+  std::thread thread_;
 };
 
 }  // namespace tmsc::test

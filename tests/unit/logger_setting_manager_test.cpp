@@ -1,38 +1,37 @@
 #include "logger_setting/logger_setting_manager.h"
 
-#include <gtest/gtest.h>
+#include <sys/stat.h>
 
-#include <cstdlib>
-#include <fstream>
 #include <string>
 
-#include "support/files.h"
+#include "support/log_fixture.h"
 
 namespace tmsc {
 namespace {
 
-class LoggerSettingManagerTest : public ::testing::Test {
+class LoggerSettingManagerTest : public test::LogFixture {
  protected:
-  /// The manager over a settings file with that content.
-  LoggerSettingManager& Load(const std::string& xml) {
-    const std::string path = folder_.Path("LoggerSetting.xml");
-    std::ofstream(path) << xml;
-    ::setenv(kLoggerSettingFileVariable.c_str(), path.c_str(), 1);
-    LoggerSettingManager::Destroy();
-    LoggerSettingManager::Create();
-    return *LoggerSettingManager::GetInstance();
-  }
+  LoggerSettingManager& Load(const std::string& xml) { return UseSettingFile(xml); }
   LoggerSettingManager& LoadElements(const std::string& elements) {
     return Load("<?xml version=\"1.0\"?>\n<LoggerSetting>\n" + elements + "\n</LoggerSetting>");
   }
-
-  test::TempFolder folder_;
 };
+
+std::string Nested(int depth) {
+  std::string xml;
+  for (int i = 0; i < depth; ++i) {
+    xml += "<a>";
+  }
+  for (int i = 0; i < depth; ++i) {
+    xml += "</a>";
+  }
+  return xml;
+}
 
 TEST_F(LoggerSettingManagerTest, DefaultsHoldWithoutAUsableFile) {
   const std::string cases[] = {
-      "", "<LoggerSetting><LogLevel>3", "<Other><LogLevel>3</LogLevel></Other>",
-      "<?xml version=\"1.0\" encoding=\"none-such\"?><LoggerSetting/>", "<LoggerSetting/>"};
+      "", "<LoggerSetting><LogLevel>3", "<Other><LogLevel>3</LogLevel></Other>", Nested(100000),
+      "<LoggerSetting><LogLevel>3</LogLevel>" + Nested(300) + "</LoggerSetting>"};
   for (const std::string& xml : cases) {
     LoggerSettingManager& settings = Load(xml);
     EXPECT_EQ(settings.GetComSocketPath(), "/mnt/system/tmscom/tamsel.com") << xml;
@@ -49,6 +48,7 @@ TEST_F(LoggerSettingManagerTest, DefaultsHoldWithoutAUsableFile) {
     EXPECT_EQ(settings.GetMWApiRetryInterval(), 100);
     EXPECT_FALSE(settings.GetTcpDrainTimeout().has_value());
     EXPECT_FALSE(settings.IsTcpReuseCheck());
+    EXPECT_EQ(settings.GetRs485StartWait(), 200);
   }
 }
 
@@ -87,6 +87,8 @@ TEST_F(LoggerSettingManagerTest, NumbersFallBack) {
                      "</TamselComStartComFailedCloseCount>");
     EXPECT_EQ(settings.GetTamselComStartComFailedCloseCount(), c.interval) << c.text;
   }
+  EXPECT_EQ(LoadElements("<Rs485StartWait>-1</Rs485StartWait>").GetRs485StartWait(), 200);
+  EXPECT_EQ(LoadElements("<Rs485StartWait>0</Rs485StartWait>").GetRs485StartWait(), 0);
   for (const auto& [text, is_on] :
        {std::pair("0", false), std::pair("2", true), std::pair("", true)}) {
     EXPECT_EQ(LoadElements(std::string("<EnableLogBufferedIO>") + text + "</EnableLogBufferedIO>")
@@ -95,10 +97,32 @@ TEST_F(LoggerSettingManagerTest, NumbersFallBack) {
   }
 }
 
+TEST_F(LoggerSettingManagerTest, AnyEncodingAndLengthIsRead) {
+  for (const std::string encoding : {"Shift_JIS", "none-such", "ISO-8859-1", "UTF-8"}) {
+    LoggerSettingManager& settings =
+        Load("<?xml version=\"1.0\" encoding=\"" + encoding + "\"?><LoggerSetting><!--" +
+             std::string(200000, 'x') + "--><LogLevel>4</LogLevel></LoggerSetting>");
+    EXPECT_EQ(settings.GetLogLevel(), 4) << encoding;
+  }
+  EXPECT_EQ(Load("<?xml version=\"1.0\" encoding=\"ISO-8859-1\"?><LoggerSetting><SdcardPath>\xe4"
+                 "</SdcardPath></LoggerSetting>")
+                .GetLogDirectory(),
+            "\xc3\xa4/velmorahome/Log");
+}
+
+TEST_F(LoggerSettingManagerTest, OnlyARegularFileIsRead) {
+  const std::string pipe = folder_.Path("pipe");
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  ::setenv(kLoggerSettingFileVariable.c_str(), pipe.c_str(), 1);
+  LoggerSettingManager::Destroy();
+  LoggerSettingManager::Create();  // a pipe without a writer would hold it for ever
+  EXPECT_EQ(LoggerSettingManager::GetInstance()->GetLogLevel(), 1);
+}
+
 TEST_F(LoggerSettingManagerTest, CreateKeepsTheFirstInstanceAndTheFileIsReadOnce) {
   LoadElements("<LogLevel>3</LogLevel>");
-  std::ofstream(folder_.Path("LoggerSetting.xml"))
-      << "<LoggerSetting><LogLevel>4</LogLevel></LoggerSetting>";
+  test::WriteFile(folder_.Path("LoggerSetting.xml"),
+                  "<LoggerSetting><LogLevel>4</LogLevel></LoggerSetting>");
   LoggerSettingManager::Create();
   EXPECT_EQ(LoggerSettingManager::GetInstance()->GetLogLevel(), 3);
   LoggerSettingManager::Destroy();

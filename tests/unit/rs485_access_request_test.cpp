@@ -1,22 +1,16 @@
 #include "access_worker_request/rs485_access_request.h"
 
-#include <gtest/gtest.h>
+#include <Poco/AutoPtr.h>
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <future>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
-#include "log/logger_log.h"
-#include "logger_setting/logger_setting_manager.h"
-#include "support/files.h"
+#include "support/log_fixture.h"
 #include "utility/string_util.h"
 #include "vlm_rs485.h"
 
@@ -125,17 +119,14 @@ namespace {
 using Calls = std::vector<std::string>;
 using Cache = Rs485AccessRequestLibcache;
 
-class RS485AccessRequestTest : public ::testing::Test {
+class RS485AccessRequestTest : public test::LogFixture {
  protected:
   RS485AccessRequestTest() {
-    std::ofstream(folder_.Path("s.xml"))
-        << "<LoggerSetting><ApiRetryCount>2</ApiRetryCount><ApiRetryInterval>10</ApiRetryInterval>"
-        << "<Rs485StartWait>20</Rs485StartWait><LogLevel>0</LogLevel><SdcardPath>"
-        << folder_.Path("card") << "</SdcardPath><TamselComStartComFailedCloseCount>2"
-        << "</TamselComStartComFailedCloseCount></LoggerSetting>";
-    ::setenv("TAMSEL_SETTING_FILE", folder_.Path("s.xml").c_str(), 1);
-    LoggerSettingManager::Create();
-    LoggerLog::Setup();
+    StartLog({{"ApiRetryCount", "2"},
+              {"ApiRetryInterval", "10"},
+              {"Rs485StartWait", "20"},
+              {"LogLevel", "0"},
+              {"TamselComStartComFailedCloseCount", "2"}});
     Cache::Create();
     payload_.channel = 2;
     payload_.baud_rate = 7;
@@ -143,8 +134,6 @@ class RS485AccessRequestTest : public ::testing::Test {
   }
   ~RS485AccessRequestTest() override {
     Cache::Destroy();
-    LoggerLog::Shutdown();
-    LoggerSettingManager::Destroy();
     library.Reset();
   }
 
@@ -168,12 +157,6 @@ class RS485AccessRequestTest : public ::testing::Test {
     return promise.get_future().get();
   }
   int Status() { return Execute()->ReceiveData()->receive_data.status; }
-  std::string EndLog() {
-    LoggerLog::Shutdown();
-    return StringUtil::LoadFromFile(folder_.Path("card/velmorahome/Log/LoggerCom.log"));
-  }
-
-  test::TempFolder folder_;
   DeviceAccessRS485 payload_{};
 };
 
@@ -203,7 +186,7 @@ TEST_F(RS485AccessRequestTest, TheLibraryIsCalledInOrderAndThePortStaysOpen) {
   EXPECT_EQ(Status(), 0);
   expected.insert(expected.begin(), {"close 2", "open 2 0 6"});
   EXPECT_EQ(library.TakeCalls(), expected);
-  const std::string log = EndLog();
+  const std::string log = StopLog();
   for (const char* text :
        {"D] 485ARq vlm_485_op[0] <C2>, false, [7]\n", "D] 485ARq vlm_485_cls C<2> for Reopen\n",
         "V] 485ARq vlm_485_putOStm start <C2:12> [17]\n", "V] 485ARq vlm_485_putOStm [1] <C2:12>\n",
@@ -228,7 +211,9 @@ TEST_F(RS485AccessRequestTest, EachStepIsTriedAgainAndEndsWithItsStatus) {
        {Case{"open", 2, 0, 3, false}, Case{"open", 99, 8, 3, true}, Case{"put", 2, 0, 3, false},
         Case{"put", 99, 7, 3, true}, Case{"flags", 2, 0, 3, false}, Case{"flags", 99, 6, 3, true},
         Case{"start", 2, 0, 3, false}, Case{"start", 99, 5, 3, false},
-        Case{"start", 99, 5, 3, true}, Case{"start", 99, 5, 3, false}}) {
+        Case{"start", 99, 5, 3, true}, Case{"start", 99, 5, 3, false},
+        Case{"start", 0, 0, 1, false}, Case{"start", 99, 5, 3, false},
+        Case{"start", 99, 5, 3, true}}) {
     if (std::string(c.failing) == "open") {
       Cache::GetInstance()->ReleaseChannel();
       library.TakeCalls();
@@ -256,11 +241,14 @@ TEST_F(RS485AccessRequestTest, AnswersAreJudgedOneByOne) {
   AddDevice(2, 4, {0x04});        // too long an answer
   AddDevice(3, 5, {0x05});        // the library has nothing
   AddDevice(4, 32, {0x20});       // no such address
+  AddDevice(5, 6, {0x06});
+  AddDevice(6, 6, {0x00, 0x01});  // again, now as a broadcast
   std::vector<byte> bytes(439, 1);
   std::vector<byte> few = {7, 8};
   Answer(12, few);
   Answer(3, few, 2);
   Answer(4, bytes, 1);
+  Answer(6, few);
   const auto result = Execute();
   const auto& slots = result->ReceiveData()->receive_data.receive_data;
   EXPECT_EQ(result->ReceiveData()->receive_data.status, 0);
@@ -270,14 +258,15 @@ TEST_F(RS485AccessRequestTest, AnswersAreJudgedOneByOne) {
   EXPECT_EQ(slots[2].data[0], 0);
   EXPECT_EQ(int{slots[3].length}, 0);
   EXPECT_EQ(int{slots[4].length}, 0);
+  EXPECT_EQ(int{slots[5].length}, 0);
   const Calls calls = library.TakeCalls();
-  EXPECT_NE(std::find(calls.begin(), calls.end(), "flags 2 2076"), calls.end());
+  EXPECT_NE(std::find(calls.begin(), calls.end(), "flags 2 2108"), calls.end());
   for (const std::string& call : calls) {
     EXPECT_EQ(call.find(" 32 "), std::string::npos) << call;
   }
   library.is_answer_missing = true;
   EXPECT_EQ(Status(), -1);
-  const std::string log = EndLog();
+  const std::string log = StopLog();
   for (const char* text : {"W] 485ARq Rcv dat size too large. <C2:04> len:[439] status:[1]",
                            "Rcv dat [-]: Rcv dat size is 0 for bc comm.",
                            "vlm_485_putOStm - snd dat to bc addr <C2:03>",
@@ -290,6 +279,8 @@ TEST_F(RS485AccessRequestTest, WhatCannotBeRightTouchesNoPort) {
   for (const int channel : {0, 4, -1}) {
     payload_.channel = channel;
     EXPECT_EQ(Status(), 9);
+    EXPECT_EQ(Cache::GetInstance()->CheckVlmOpen(channel, false, 7), Cache::kStatusError);
+    Cache::GetInstance()->SetVlmStartComFailed(channel);
   }
   EXPECT_EQ(library.TakeCalls(), Calls{});
   payload_.channel = 2;
@@ -297,17 +288,9 @@ TEST_F(RS485AccessRequestTest, WhatCannotBeRightTouchesNoPort) {
   EXPECT_EQ(Status(), 7);
   EXPECT_EQ(library.TakeCalls(),
             (Calls{"open 2 0 7", "params 2 12 1 -2 3 4 5", "listen 2", "close 2"}));
-}
-
-TEST_F(RS485AccessRequestTest, AfterTheEndNoPortIsTouched) {
-  EXPECT_EQ(Status(), 0);
-  library.TakeCalls();
-  Cache::Destroy();
-  EXPECT_EQ(library.TakeCalls(), Calls{"close 2"});
-  EXPECT_EQ(Cache::GetInstance(), nullptr);
-  EXPECT_EQ(Status(), 8);
-  Cache::Destroy();
-  EXPECT_EQ(library.TakeCalls(), Calls{});
+  const std::string log = StopLog();
+  EXPECT_TRUE(test::Contains(log, "[W] 485ARq Ch err. ch[4]\n"));
+  EXPECT_TRUE(test::Contains(log, "485ARqLib SetVlmStartComFailed ch error:4\n"));
 }
 
 // The end of the daemon while a request is inside each of the library's calls: a call that returns
@@ -348,9 +331,13 @@ TEST_F(RS485AccessRequestTest, OnePortServesOneRequestAtATime) {
   std::future<int> second = std::async(std::launch::async, [this] { return Status(); });
   EXPECT_EQ(second.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
   EXPECT_EQ(library.TakeCalls(), Calls{});
+  std::future<void> end = std::async(std::launch::async, [] { Cache::Destroy(); });
+  EXPECT_EQ(end.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
   library.Release();
   EXPECT_EQ(first.get(), 0);
-  EXPECT_EQ(second.get(), 0);
+  EXPECT_EQ(second.get(), 8) << "it has not touched its port when the daemon ends";
+  end.get();
+  EXPECT_EQ(Status(), 8);
 }
 
 TEST_F(RS485AccessRequestTest, ARequestInItsStartWaitTouchesNoPortAfterTheEnd) {
@@ -358,42 +345,6 @@ TEST_F(RS485AccessRequestTest, ARequestInItsStartWaitTouchesNoPortAfterTheEnd) {
   Cache::Destroy();
   EXPECT_EQ(status.get(), 8);
   EXPECT_EQ(library.TakeCalls(), Calls{});
-}
-
-TEST_F(RS485AccessRequestTest, TheCacheKnowsItsStates) {
-  Cache* cache = Cache::GetInstance();
-  for (const int channel : {-1, 0, 4}) {
-    EXPECT_EQ(cache->CheckVlmOpen(channel, false, 5), Cache::kStatusError);
-    cache->SetVlmOpen(Rs485LibcacheData(channel, false, 5, true));
-    cache->SetVlmClose(channel);
-    cache->SetVlmStartComFailed(channel);
-    EXPECT_FALSE(cache->CheckVlmRs485Close(channel));
-  }
-  cache->SetVlmClose(1);
-  cache->SetVlmOpen(Rs485LibcacheData(2, false, 5, true));
-  cache->SetVlmOpen(Rs485LibcacheData(3, false, 5, true));
-  EXPECT_EQ(cache->CheckVlmOpen(1, false, 5), Cache::kStatusClosed);
-  EXPECT_EQ(cache->CheckVlmOpen(2, false, 5), Cache::kStatusOpened);
-  EXPECT_EQ(cache->CheckVlmOpen(2, false, 6), Cache::kStatusNeedReopen);
-  EXPECT_EQ(cache->CheckVlmOpen(2, true, 5), Cache::kStatusNeedReopen);
-  cache->SetVlmClose(2);
-  EXPECT_EQ(cache->CheckVlmOpen(2, false, 5), Cache::kStatusClosed);
-  cache->SetVlmStartComFailed(1);
-  EXPECT_FALSE(cache->CheckVlmRs485Close(1));
-  cache->SetVlmStartComFailed(1);
-  EXPECT_TRUE(cache->CheckVlmRs485Close(1)) << "the threshold of the settings is 2";
-  EXPECT_FALSE(cache->CheckVlmRs485Close(2));
-  cache->SetVlmStartComFailedClear(1);
-  EXPECT_FALSE(cache->CheckVlmRs485Close(1));
-  cache->ReleaseChannel();
-  EXPECT_EQ(library.TakeCalls(), Calls{"close 3"});
-  const std::string log = EndLog();
-  for (const char* text :
-       {"485ARqLib SetVlmStartComFailed ch:1 cnt:2", "485ARqLib SetVlmStartComFailed ch error:4",
-        "485ARqLib CheckVlmRs485Close ch:1 cnt:2 close:1",
-        "485ARqLib SetVlmStartComFailedClear ch:1 cnt:0"}) {
-    EXPECT_NE(log.find(text), std::string::npos) << text;
-  }
 }
 
 }  // namespace

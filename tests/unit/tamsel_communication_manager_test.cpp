@@ -1,25 +1,14 @@
 #include "tamsel_communication_manager.h"
 
-#include <gtest/gtest.h>
-#include <signal.h>
-
-#include <chrono>
-#include <cstdlib>
-#include <fstream>
-#include <string>
+#include <filesystem>
 #include <thread>
 
+#include "access_worker_request/rs485_access_request_libcache.h"
 #include "channel/access_channel_manager.h"
-#include "log/logger_log.h"
-#include "logger_setting/logger_setting_manager.h"
-#include "support/files.h"
-#include "utility/file_util.h"
-#include "utility/string_util.h"
+#include "support/log_fixture.h"
 
 namespace tmsc {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 TEST(SignalPipeTest, NotificationsComeInOrderAndAWaitLastsItsTime) {
   SignalPipe pipe;
@@ -28,13 +17,13 @@ TEST(SignalPipeTest, NotificationsComeInOrderAndAWaitLastsItsTime) {
   for (const SignalNotification notification : sent) {
     pipe.Notify(notification);
   }
-  const auto start = Clock::now();
+  const test::Stopwatch watch;
   const Deadline deadline(std::chrono::milliseconds(60));
   for (const SignalNotification notification : sent) {
     EXPECT_EQ(pipe.Wait(deadline), notification);
   }
   EXPECT_EQ(pipe.Wait(deadline), std::nullopt);
-  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(60));
+  EXPECT_GE(watch.Ms(), 60);
 }
 
 TEST(SignalPipeTest, AFullPipeNeitherBlocksNorChangesErrno) {
@@ -46,46 +35,49 @@ TEST(SignalPipeTest, AFullPipeNeitherBlocksNorChangesErrno) {
   EXPECT_EQ(errno, E2BIG);
 }
 
+using TamselCommunicationManagerTest = test::LogFixture;
+
 // The library's whole life in one process, as tools and benchmarks use it.
-TEST(TamselCommunicationManagerTest, StartsServesAndEndsInProcess) {
-  const test::TempFolder folder;
-  std::ofstream(folder.Path("s.xml"))
-      << "<LoggerSetting><ComSocketPath>" << folder.Path("s/tamsel.com") << "</ComSocketPath>"
-      << "<SdcardPath>" << folder.Path("card") << "</SdcardPath><TamselComWatchdogFilePath>"
-      << folder.Path("check/tmsc") << "</TamselComWatchdogFilePath></LoggerSetting>";
-  ::setenv("TAMSEL_SETTING_FILE", folder.Path("s.xml").c_str(), 1);
-  LoggerSettingManager::Create();
-  LoggerLog::Setup();
+TEST_F(TamselCommunicationManagerTest, StartsServesAndEndsInProcess) {
+  StartLog();
+  Rs485AccessRequestLibcache::Create();
   TamselCommunicationManager::Create();
   AccessChannelManager::Create();
-  FileUtil::Create();
   TamselCommunicationManager* manager = TamselCommunicationManager::GetInstance();
   // An outage that is over before the main loop looks does nothing, a recovery alone neither.
   manager->Post(SignalNotification::kOutageRecovery);
   manager->Post(SignalNotification::kOutage);
   manager->Post(SignalNotification::kOutageRecovery);
   std::thread stopper([manager] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    test::SleepMs(1200);
     manager->Post(SignalNotification::kStop);
   });
-  const auto start = Clock::now();
+  const test::Stopwatch watch;
   manager->Start();
-  const auto elapsed = Clock::now() - start;
-  EXPECT_GE(elapsed, std::chrono::milliseconds(1500)) << "the pass of the stop lasts its full time";
-  EXPECT_LT(elapsed, std::chrono::milliseconds(2500));
+  EXPECT_GE(watch.Ms(), 1500) << "the pass of the stop lasts its full time";
+  EXPECT_LT(watch.Ms(), 1500 + 2 * test::kSlackMs);
   stopper.join();
+  EXPECT_EQ(Rs485AccessRequestLibcache::GetInstance(), nullptr);
   manager->Kill();
   TamselCommunicationManager::Destroy();
   AccessChannelManager::Destroy();
-  LoggerLog::Shutdown();
-  const std::string log =
-      StringUtil::LoadFromFile(folder.Path("card/velmorahome/Log/LoggerCom.log"));
-  EXPECT_NE(log.find("TMSCommMgr Start AppVer:20220725_rkq\n"), std::string::npos);
-  EXPECT_NE(log.find("NotifyOutageRecovery"), std::string::npos);
-  EXPECT_EQ(log.find("PowerO"), std::string::npos) << log;
-  const std::size_t first = log.find("Kill comp.");
-  ASSERT_NE(first, std::string::npos);
-  EXPECT_NE(log.find("Kill comp.", first + 1), std::string::npos) << "a second Kill is harmless";
+  const std::string log = StopLog();
+  EXPECT_TRUE(test::Contains(log, "TMSCommMgr Start AppVer:20220725_rkq\n"));
+  EXPECT_TRUE(test::Contains(log, "NotifyOutageRecovery"));
+  EXPECT_FALSE(test::Contains(log, "PowerO")) << log;
+  EXPECT_EQ(test::CountText(log, "Kill comp."), 3) << "a second Kill is harmless, so is the end";
+}
+
+TEST_F(TamselCommunicationManagerTest, AKillBeforeTheStartDoesNoHarm) {
+  TamselCommunicationManager manager;
+  manager.Kill();
+  std::thread stopper([&] {
+    test::SleepMs(300);
+    manager.Post(SignalNotification::kStop);
+  });
+  manager.Start();
+  stopper.join();
+  EXPECT_FALSE(std::filesystem::exists(folder_.Path("check/tmsc")));
 }
 
 }  // namespace

@@ -71,11 +71,17 @@ TEST(TcpSocketTest, ExchangeAndTimeouts) {
   EXPECT_TRUE(test::WaitFor(5000, [&] { return !socket.IsReusable(); })) << "bytes are left over";
   EXPECT_EQ(2, socket.ReceiveBytes(buffer, sizeof(buffer)));
 
-  socket.SetReadWriteTimeout(1150, -5);
-  timeval send_timeout{1, 1};
+  for (const int option : {SO_KEEPALIVE, SO_TYPE}) {
+    int value = 0;
+    socklen_t length = sizeof(value);
+    ::getsockopt(descriptor, SOL_SOCKET, option, &value, &length);
+    EXPECT_EQ(1, value) << "SOCK_STREAM, kept alive";
+  }
+  socket.SetReadWriteTimeout(1150, 2300);
+  timeval send_timeout{};
   socklen_t length = sizeof(send_timeout);
   ::getsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, &length);
-  EXPECT_EQ(0, send_timeout.tv_sec + send_timeout.tv_usec);
+  EXPECT_EQ(2, send_timeout.tv_sec);
   const test::Stopwatch start;
   EXPECT_EQ(-1, socket.ReceiveBytes(buffer, sizeof(buffer)));
   EXPECT_GE(start.Ms(), 1140);

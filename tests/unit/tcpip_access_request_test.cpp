@@ -4,13 +4,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <functional>
 #include <future>
 
 #include "field_simulator.h"
 #include "socket_manager/tcp_socket_manager.h"
+#include "support/failing_memory.h"
 #include "support/log_fixture.h"
+#include "support/tcp_listener.h"
 
 namespace tmsc {
 namespace {
@@ -172,6 +175,7 @@ TEST_F(TcpipAccessRequestTest, EntriesThatCannotBeRightAreNotExchanged) {
       {"text behind", [this](auto&, auto&) { SetIp(0, Ip(1) + " x"); }, 4, "IP addr err. dev[1]"},
       {"port 0", [](auto& params, auto&) { params.port = 0; }, 4, "Port err. dev[1] port[0]"},
       {"port -1", [](auto& params, auto&) { params.port = -1; }, 4, "Port err. dev[1] port[-1]"},
+      {"lowest port", [](auto& params, auto&) { params.port = INT_MIN; }, 4, "Port err. dev[1]"},
       {"port 70000", [](auto& params, auto&) { params.port = 70000; }, 4,
        "Port err. dev[1] port[70000]"},
       {"nothing to send", [](auto&, auto& send) { send.send_data[0] = 0; }, 0, nullptr},
@@ -180,8 +184,9 @@ TEST_F(TcpipAccessRequestTest, EntriesThatCannotBeRightAreNotExchanged) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
+    StopLog();
     FileUtil::CreateFile(log_path_);
-    StartLog({{"TcpDrainTimeout", ""}});
+    StartLog();
     Ask(0, 1, 300);
     row.spoil(payload_.port_params[0], payload_.send_data[0]);
     Execute();
@@ -244,7 +249,7 @@ TEST_F(TcpipAccessRequestTest, DeviceListedTwiceIsAskedOnceAfterTheOther) {
 }
 
 TEST_F(TcpipAccessRequestTest, DrainIsBounded) {
-  StartDevices({FaultKind::kNone, FaultKind::kEndless});
+  StartDevices({FaultKind::kNone, FaultKind::kEndless, {FaultKind::kLate, 700}});
   const struct {
     int device;
     int timeout;
@@ -254,7 +259,7 @@ TEST_F(TcpipAccessRequestTest, DrainIsBounded) {
     unsigned int connections;  // that stay open
   } rows[] = {
       {1, 400, "", 400, 1400, 1},  {1, 0, "", 1000, 2000, 1},    {1, 3000, "100", 100, 1100, 1},
-      {1, 3000, "0", 0, 1000, 1},  {1, 7000, "", 5000, 6500, 0}, {2, 0, "", 0, 4000, 0},
+      {1, 3000, "0", 0, 1000, 1},  {3, 2600, "", 3000, 5000, 1}, {2, 0, "", 0, 4000, 0},
       {2, 300, "200", 0, 4000, 0}, {1, 300, "-1", 300, 1300, 1},
   };
   for (const auto& row : rows) {
@@ -272,6 +277,64 @@ TEST_F(TcpipAccessRequestTest, DrainIsBounded) {
                                                   row.device);
     EXPECT_TRUE(test::WaitFor(5000, [&] { return field_->OpenConnections() == 0; }));
   }
+}
+
+TEST_F(TcpipAccessRequestTest, ANegativeTimeoutEndsAtOnce) {
+  StartDevices({FaultKind::kSilence, FaultKind::kSilence});
+  Ask(0, 1, -1);
+  Ask(1, 2, -32768);
+  Execute();
+  ExpectSlot(1, 16, 0);
+  ExpectSlot(2, 16, 0);
+  EXPECT_LT(duration_ms_, test::kSlackMs);
+  EXPECT_EQ(1, test::CountText(StopLog(), "Read dat err.[" + Ip(1) + "] size[-1]"));
+}
+
+TEST_F(TcpipAccessRequestTest, AConnectionInUseIsWaitedForUntilTheDeadline) {
+  StartDevices({FaultKind::kNone});
+  Ask(0, 1, -5);  // four time-outs, of which a negative one is none, and 5 s
+  const ExclusiveSocket held =
+      TCPSocketManager::GetInstance()->LockSocket(Ip(1), field_->Port(1), 1);
+  Execute();
+  ExpectSlot(1, 4, 0);
+  EXPECT_GE(duration_ms_, 5000);
+  EXPECT_LT(duration_ms_, 5000 + test::kSlackMs);
+  EXPECT_EQ(1, test::CountText(StopLog(), "[W] TCPIPAUnit Con in use [" + Ip(1) + "]"));
+}
+
+TEST_F(TcpipAccessRequestTest, NoSettingsAreNeeded) {
+  StartDevices({FaultKind::kNone});
+  Ask(0, 1, 100);
+  StopLog();
+  LoggerSettingManager::Destroy();
+  Execute();
+  ExpectSlot(1, 0, kUsualAnswer);
+}
+
+// Wherever memory fails, the device's failure is told and its connection is not used again.
+TEST_F(TcpipAccessRequestTest, AnExceptionForgetsTheConnection) {
+  StartDevices({FaultKind::kNone});
+  Ask(0, 1, 30);
+  const test::AnsweringDevice device({0, 1, 0, 0, 0, 5, 1, 3, 2, 0, 7});
+  SetIp(0, "127.0.0.1");
+  payload_.port_params[0].port = device.Port();
+  Execute();
+  int failures = 0;
+  for (int first = 1; first < 40; ++first) {
+    const int connections = device.Connections();
+    const int requests = device.Requests();
+    test::FailAllocations(first, first);
+    Execute();
+    test::FailAllocations(0, 0);
+    const bool is_failed = Slot(1).status != 0;
+    EXPECT_EQ(Slot(1).status, is_failed ? 8 : 0);
+    const bool is_spoilt = is_failed && device.Requests() > requests;
+    failures += is_spoilt ? 1 : 0;
+    Execute();
+    ExpectSlot(1, 0, 11);
+    EXPECT_GE(device.Connections(), connections + (is_spoilt ? 1 : 0)) << first;
+  }
+  EXPECT_GT(failures, 0);
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ std::unique_ptr<XmlNode> Parse(const std::string& xml) {
 
 constexpr char kTree[] =
     "<r xmlns=\"urn:x\" v=\"1\"><a id=\"1\"><b id=\"1\">p</b><b id=\"2\">q</b></a>"
-    "<a id=\"2\"><b id=\"2\">s</b><b id=\"2\">t</b></a><x>u</x></r>";
+    "<a id=\"2\"><b id=\"2\">s</b><b id=\"2\">t</b></a><x>u</x><c-a c-id=\"c-7\">v</c-a></r>";
 
 TEST(XmlNodeTest, SearchTakesTheLastMatchOfEachStep) {
   const auto tree = Parse(kTree);
@@ -28,9 +28,10 @@ TEST(XmlNodeTest, SearchTakesTheLastMatchOfEachStep) {
     const char* path;
     const char* value;  // null: nothing found
   };
-  for (const Case& c : {Case{"x", "u"}, Case{"a/b", "t"}, Case{"a[id:1]/b[id:1]", "p"},
-                        Case{"a/b[id:1]", nullptr}, Case{"/x", nullptr}, Case{"x/", nullptr},
-                        Case{"", nullptr}, Case{"x[a-b:c]", nullptr}, Case{"r", nullptr}}) {
+  for (const Case& c :
+       {Case{"x", "u"}, Case{"a/b", "t"}, Case{"a[id:1]/b[id:1]", "p"}, Case{"a/b[id:1]", nullptr},
+        Case{"/x", nullptr}, Case{"x/", nullptr}, Case{"", nullptr}, Case{"x[a-b:c]", nullptr},
+        Case{"c-a[id:7]", "v"}, Case{"r", nullptr}}) {
     const XmlNode* found = tree->SearchNode(c.path);
     ASSERT_EQ(found != nullptr, c.value != nullptr) << c.path;
     if (found != nullptr) {

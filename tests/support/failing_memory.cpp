@@ -1,0 +1,58 @@
+#include "support/failing_memory.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+std::atomic<int> first_failing{0};
+std::atomic<int> last_failing{0};
+std::atomic<int> allocation_count{0};
+thread_local bool is_exempt = false;
+
+bool IsToFail() {
+  if (last_failing == 0 || is_exempt) {
+    return false;
+  }
+  const int number = ++allocation_count;
+  return number >= first_failing && number <= last_failing;
+}
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  void* const memory = IsToFail() ? nullptr : std::malloc(size > 0 ? size : 1);
+  if (memory == nullptr) {
+    throw std::bad_alloc();
+  }
+  return memory;
+}
+
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  std::free(memory);
+}
+
+namespace tmsc::test {
+
+void FailAllocations(int first, int last) {
+  is_exempt = true;
+  last_failing = 0;
+  first_failing = first;
+  allocation_count = 0;
+  last_failing = last;
+}
+
+void ExemptThisThread() {
+  is_exempt = true;
+}
+
+bool HasAllocationFailed() {
+  return allocation_count >= first_failing;
+}
+
+}  // namespace tmsc::test

@@ -1,0 +1,18 @@
+#ifndef TAMSEL_TESTS_SUPPORT_FAILING_MEMORY_H_
+#define TAMSEL_TESTS_SUPPORT_FAILING_MEMORY_H_
+
+namespace tmsc::test {
+
+/// Makes the allocations `first` to `last`, counted from now on over all threads that are not
+/// exempt, throw std::bad_alloc. With 0 none does. The caller's thread is exempt from then on.
+void FailAllocations(int first, int last);
+
+/// For threads that play the outside world.
+void ExemptThisThread();
+
+/// Whether one has failed since.
+bool HasAllocationFailed();
+
+}  // namespace tmsc::test
+
+#endif  // TAMSEL_TESTS_SUPPORT_FAILING_MEMORY_H_
