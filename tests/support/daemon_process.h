@@ -6,6 +6,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -25,6 +26,7 @@
 #include <vector>
 
 #include "support/files.h"
+#include "support/shell.h"
 #include "support/wait.h"
 #include "tamsel_client.h"
 #include "utility/deadline.h"
@@ -36,9 +38,18 @@ struct DaemonOptions {
   /// Returns when the daemon has answered a request.
   bool is_awaited = true;
   bool has_standard_streams = true;
-  /// A shell command, run before the daemon in namespaces of its own; "$CARD" is the card's folder.
+  /// A shell command, run before the daemon in namespaces of its own; "$F" is the daemon's folder
+  /// and
+  /// "$CARD" the card's.
   std::string in_namespace = {};
+  /// The same without a namespace.
+  std::string in_shell = {};
 };
+
+/// Whether this machine gives any user a mount namespace of their own.
+inline bool HasNamespaces() {
+  return RunShell("unshare -rm mount -t tmpfs none /mnt").exit_code == 0;
+}
 
 /// The daemon as a process with a folder of its own. It is killed when the object goes, and by the
 /// kernel when the thread that made the object ends. A report of a sanitizer or of the C++ run time
@@ -98,11 +109,14 @@ class DaemonProcess {
     if (!exit_status_ &&
         WaitForDescriptor(process_.Get(), POLLIN, Deadline(std::chrono::milliseconds(limit_ms))) >
             0 &&
-        ::waitpid(pid_, &status, 0) == pid_) {
+        ::wait4(pid_, &status, 0, &usage_) == pid_) {
       exit_status_ = status;
     }
     return exit_status_;
   }
+
+  /// What it has used, once it has ended.
+  const rusage& Usage() const { return usage_; }
 
   bool IsRunning() { return !WaitForExit(0).has_value(); }
 
@@ -139,11 +153,15 @@ class DaemonProcess {
   void Start(const DaemonOptions& options) {
     const std::string program = std::string(TAMSEL_BIN_DIR) + "/tamsel_communication";
     std::vector<std::string> arguments = {program};
-    if (!options.in_namespace.empty()) {
+    const std::string shell = options.in_namespace + options.in_shell;
+    if (!shell.empty()) {
       std::filesystem::create_directories(CardPath());
-      arguments = {"/usr/bin/unshare", "-rm", "/bin/sh", "-c",
-                   "CARD=" + CardPath() + "; " + options.in_namespace +
+      arguments = {"/bin/sh", "-c",
+                   "F=" + folder_.Path() + "; CARD=" + CardPath() + "; " + shell +
                        " && exec setpriv --pdeathsig KILL " + program};
+    }
+    if (!options.in_namespace.empty()) {
+      arguments.insert(arguments.begin(), {"/usr/bin/unshare", "-rm"});
     }
     std::vector<char*> texts;
     for (std::string& argument : arguments) {
@@ -187,6 +205,7 @@ class DaemonProcess {
   pid_t pid_ = -1;
   Descriptor process_;
   std::optional<int> exit_status_;
+  rusage usage_{};
 };
 
 /// Raw wait status of a program that returned 0.
