@@ -253,8 +253,7 @@ class RtuBusTest : public ::testing::Test {
   Descriptor Open() { return Descriptor(open(path_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC)); }
 
   static Bytes WithCrc(Bytes frame) {
-    frame.resize(frame.size() + kCrcLength);
-    SetCrc(&frame);
+    modbus::AppendCrc(frame);
     return frame;
   }
 
