@@ -241,10 +241,8 @@ bool HasRegister(const FaultDescription& description) {
 }
 
 std::string TransportNames(const FaultDescription& description) {
-  if (description.play_tcp != nullptr && description.play_rtu != nullptr) {
-    return "tcp rtu";
-  }
-  return description.play_tcp != nullptr ? "tcp" : "rtu";
+  const std::string tcp = description.play_tcp == nullptr ? "" : "tcp ";
+  return description.play_rtu == nullptr ? "tcp" : tcp + "rtu";
 }
 
 std::string NameWithParameters(const FaultDescription& description) {
@@ -331,10 +329,8 @@ std::optional<Fault> Fault::OfRegister(int start_register, Transport transport) 
       (step != 0 && description.parameters[0].name == nullptr)) {
     return std::nullopt;
   }
-  if (step == 0) {
-    return Fault(description.kind);
-  }
-  return Fault(description.kind, step * description.parameters[0].register_unit);
+  return step == 0 ? Fault(description.kind)
+                   : Fault(description.kind, step * description.parameters[0].register_unit);
 }
 
 std::optional<Fault> Fault::TakeFromRequest(Bytes& request, Transport transport) {
