@@ -1,3 +1,5 @@
+#include "field_simulator.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -5,7 +7,6 @@
 
 #include <list>
 
-#include "field_simulator.h"
 #include "modbus/rtu_frame.h"
 #include "modbus/tcp_frame.h"
 #include "socket_manager/tcp_socket.h"
@@ -63,8 +64,7 @@ TEST(FieldSimulatorTest, AGatewayChoosesByUnitAndWritesStay) {
   TCPSocket socket("127.0.0.1", field.Port(3));
   ASSERT_EQ(0, socket.Connect(kLimitMs));
   const int client = socket.GetDescriptor();
-  const Bytes write = TcpFrame(9, 2, {6, 0, 1, 0x12, 0x34});
-  EXPECT_EQ(write, Ask(client, write, write.size()));
+  EXPECT_EQ(12U, Ask(client, TcpFrame(9, 2, {6, 0, 1, 0x12, 0x34}), 12).size());
   EXPECT_EQ(Bytes(), Ask(client, TcpFrame(9, 3, kRead), 1, 250));
   EXPECT_EQ(TcpFrame(9, 2, {3, 4, 0x07, 0xD0, 0x12, 0x34}), Ask(client, TcpFrame(9, 2, kRead), 13));
   EXPECT_EQ(TcpFrame(9, 4, {0x83, 11}), Ask(client, TcpFrame(9, 4, kRead), 9));
@@ -73,6 +73,7 @@ TEST(FieldSimulatorTest, AGatewayChoosesByUnitAndWritesStay) {
 
 TEST(FaultTest, RefusesWhatDoesNotFit) {
   EXPECT_EQ(90, Fault::Parse("pieces:7:90").Parameter(1));
+  EXPECT_EQ(500, Fault::OfRegister(20150, Transport::kTcp).value().Parameter(0));
   for (const char* text : {"", "unheard", "pieces:0", "pieces:439", "delay:", "delay:-1", "delay:x",
                            "delay:1:2", "silence:1", "pieces:1:2:3"}) {
     EXPECT_THROW(Fault::Parse(text), std::invalid_argument) << text;
@@ -120,7 +121,7 @@ TEST_F(RtuBusTest, ServesOnlyWholeRequestsOfItsDevices) {
   const int client = Open();
   const Bytes write_all = RtuFrame(0, {6, 0, 1, 0x12, 0x34});
   const Bytes wrong_crc = {2, 3, 0, 0, 0, 2, 9, 9};
-  for (const Bytes& unanswered : {write_all, RtuFrame(0, {0x41}), wrong_crc, RtuRead(4)}) {
+  for (const Bytes& unanswered : {write_all, RtuFrame(0, {3}), wrong_crc, RtuRead(4)}) {
     EXPECT_EQ(Bytes(), Ask(client, unanswered, 1, 250));
   }
   const Bytes request = RtuRead(3);
