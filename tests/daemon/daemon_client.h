@@ -103,7 +103,7 @@ class Devices {
   static simulator::FieldSimulatorConfig Config(int count, const simulator::Fault& fault,
                                                 bool is_gateway) {
     simulator::FieldSimulatorConfig config;
-    config.same_port = is_gateway;
+    config.is_same_port = is_gateway;
     for (int address = 1; address <= count; ++address) {
       config.devices.push_back({address, "127.0.0.1", 0, fault});
     }

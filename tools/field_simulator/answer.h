@@ -2,13 +2,14 @@
 #define TAMSEL_FIELD_SIMULATOR_ANSWER_H_
 
 #include <chrono>
-#include <cstdint>
 #include <vector>
+
+#include "modbus/crc16.h"
 
 namespace tmsc::simulator {
 
 /// The bytes of one frame or of a part of one.
-using Bytes = std::vector<std::uint8_t>;
+using modbus::Bytes;
 
 /// Bytes that go out together.
 struct Piece {
@@ -16,7 +17,7 @@ struct Piece {
   /// How long the device waits before this piece, counted from the piece before it.
   std::chrono::nanoseconds pause{0};
   /// A stray piece holds up nothing: answers to later requests may overtake it.
-  bool stray = false;
+  bool is_stray = false;
 };
 
 /// What becomes of the connection once every piece is out.

@@ -42,7 +42,7 @@ void EventLoop::Start() {
 void EventLoop::Stop() {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    stop_ = true;
+    is_stopping_ = true;
   }
   eventfd_write(wake_event_.Get(), 1);
   if (thread_.joinable()) {
@@ -50,8 +50,8 @@ void EventLoop::Stop() {
   }
 }
 
-std::uint64_t EventLoop::Add(Handler* handler) {
-  entries_[++last_id_].handler = handler;
+std::uint64_t EventLoop::Add(Handler& handler) {
+  entries_[++last_id_].handler = &handler;
   return last_id_;
 }
 
@@ -83,13 +83,13 @@ void EventLoop::WakeAt(std::uint64_t id, std::optional<TimePoint> time) {
 void EventLoop::Run() {
   std::array<epoll_event, 64> events{};
   std::unique_lock<std::mutex> lock(mutex_);
-  while (!stop_) {
+  while (!is_stopping_) {
     const int wait_time = WaitTime();
     lock.unlock();
     const int count =
         epoll_wait(epoll_.Get(), events.data(), static_cast<int>(events.size()), wait_time);
     lock.lock();
-    for (int index = 0; index < count && !stop_; ++index) {
+    for (int index = 0; index < count && !is_stopping_; ++index) {
       const epoll_event& event = events[static_cast<std::size_t>(index)];
       CallEvents(event.data.u64, event.events);
     }

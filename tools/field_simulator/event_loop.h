@@ -49,7 +49,7 @@ class EventLoop {
   std::unique_lock<std::mutex> Lock() { return std::unique_lock<std::mutex>(mutex_); }
 
   /// A new id, never given before. The handler outlives the id.
-  std::uint64_t Add(Handler* handler);
+  std::uint64_t Add(Handler& handler);
   /// Forgets the id and its time; its descriptor is the caller's to close. Events that are under
   /// way for it are dropped.
   void Remove(std::uint64_t id);
@@ -72,7 +72,7 @@ class EventLoop {
   void CallTimes();
 
   std::mutex mutex_;
-  bool stop_ = false;
+  bool is_stopping_ = false;
   Descriptor epoll_;
   Descriptor wake_event_;
   /// 1 and up. An event carries the id, never a pointer: what it is about may be gone.

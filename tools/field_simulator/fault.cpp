@@ -4,19 +4,19 @@
 #include <charconv>
 #include <chrono>
 #include <iomanip>
+#include <iterator>
 #include <random>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
+
+#include "modbus/rtu_frame.h"
 
 namespace tmsc::simulator {
 namespace {
 
 using std::chrono::milliseconds;
 
-// Modbus/TCP framing: transaction 2 bytes, protocol 2, length 2 (of what follows it), unit 1.
-constexpr std::size_t kHeaderLength = 6;
-constexpr std::size_t kHeaderWithUnitLength = 7;
 /// Function code, start register, count.
 constexpr std::size_t kReadRequestLength = 5;
 constexpr std::size_t kFixedFrameLength = 133;
@@ -25,333 +25,200 @@ constexpr std::size_t kLargestLengthField = 432;
 constexpr std::size_t kMissingBytes = 10;
 /// A frame of an RTU device that does not stop in time.
 constexpr std::size_t kTooLongRtuFrame = 500;
-/// Address, function code and CRC.
-constexpr std::size_t kShortestRtuFrame = 4;
 
 struct FaultParameter {
-  const char* name;  ///< Null: the fault has no such parameter.
-  int default_value;
-  int minimum;
-  int maximum;
-  int register_unit;  ///< What one step of the start register adds.
+  const char* name = nullptr;  ///< Null: the fault has no such parameter.
+  int default_value = 0;
+  int minimum = 0;
+  int maximum = 0;
+  int register_unit = 1;  ///< What one step of the start register adds.
 };
-
-constexpr FaultParameter kNoParameter = {nullptr, 0, 0, 0, 0};
 
 constexpr FaultParameter Milliseconds(int default_value) {
   return {"MS", default_value, 0, 600000, 10};
 }
 
-/// Makes the answer out of the right reply.
-using Player = Answer (*)(const Fault& fault, const Bytes& frame);
+constexpr FaultParameter Size(int default_value, int maximum) {
+  return {"BYTES", default_value, 1, maximum};
+}
+
+using FaultParameters = std::array<FaultParameter, Fault::kParameterCount>;
+
+constexpr FaultParameters Takes(FaultParameter first, FaultParameter second = {}) {
+  return {{first, second}};
+}
+
+/// The right reply, and the parameters of the fault to play on it.
+struct Reply {
+  const Bytes& frame;
+  int first;
+  int second;
+};
+
+using Player = Answer (*)(const Reply& reply);
 
 struct FaultDescription {
   FaultKind kind;
   const char* name;
-  std::array<FaultParameter, Fault::kParameterCount> parameters;
-  /// Make the answer out of the right reply; null when the transport does not have the fault.
-  Player play_tcp;
-  Player play_rtu;
   const char* description;
+  /// Null when the transport does not have the fault.
+  Player play_tcp;
+  Player play_rtu = nullptr;
+  FaultParameters parameters = {};
 };
 
-void SetLengthField(Bytes* frame, std::size_t length) {
-  (*frame)[4] = static_cast<std::uint8_t>(length >> 8);
-  (*frame)[5] = static_cast<std::uint8_t>(length & 0xFF);
-}
-
-Bytes FirstBytes(const Bytes& frame, std::size_t count) {
-  return Bytes(frame.begin(),
-               frame.begin() + static_cast<std::ptrdiff_t>(std::min(count, frame.size())));
-}
-
-Bytes BytesFrom(const Bytes& frame, std::size_t offset) {
-  return Bytes(frame.begin() + static_cast<std::ptrdiff_t>(std::min(offset, frame.size())),
-               frame.end());
-}
-
-Answer OneFrame(Bytes frame, Ending ending = Ending::kKeepOpen) {
-  Answer answer;
-  answer.pieces.push_back({std::move(frame), milliseconds(0), false});
-  answer.ending = ending;
-  return answer;
+/// At most `count` bytes from this offset on, which is in the frame.
+Bytes Part(const Bytes& frame, std::size_t offset, std::size_t count) {
+  const auto begin = frame.begin() + static_cast<std::ptrdiff_t>(offset);
+  return {begin, begin + static_cast<std::ptrdiff_t>(std::min(count, frame.size() - offset))};
 }
 
 /// The frame cut or filled to this size, each byte that is added its own offset.
-Bytes Resized(const Bytes& frame, std::size_t size) {
-  Bytes resized = frame;
-  while (resized.size() < size) {
-    resized.push_back(static_cast<std::uint8_t>(resized.size() & 0xFF));
+Bytes Resized(Bytes frame, std::size_t size) {
+  while (frame.size() < size) {
+    frame.push_back(static_cast<std::uint8_t>(frame.size() & 0xFF));
   }
-  resized.resize(size);
-  return resized;
+  frame.resize(size);
+  return frame;
 }
 
-Bytes RandomBytes(int count, std::uint32_t seed) {
-  std::mt19937 generator(seed);
+Bytes WithLengthField(Bytes frame, std::size_t length) {
+  frame[kLengthOffset] = static_cast<std::uint8_t>(length >> 8);
+  frame[kLengthOffset + 1] = static_cast<std::uint8_t>(length & 0xFF);
+  return frame;
+}
+
+/// A frame that keeps its promise of `length` bytes after the length field.
+Bytes FilledFrame(const Bytes& frame, std::size_t length) {
+  return WithLengthField(Resized(frame, kUnitOffset + length), length);
+}
+
+Bytes RandomBytes(int count, int seed) {
+  std::mt19937 generator(static_cast<std::uint32_t>(seed));
   std::uniform_int_distribution<int> any_byte(0, 255);
   Bytes bytes(static_cast<std::size_t>(count));
-  for (std::uint8_t& byte : bytes) {
-    byte = static_cast<std::uint8_t>(any_byte(generator));
-  }
+  std::generate(bytes.begin(), bytes.end(),
+                [&] { return static_cast<std::uint8_t>(any_byte(generator)); });
   return bytes;
 }
 
-/// A frame that keeps its promise of `length` bytes after the header.
-Answer FilledFrame(const Bytes& frame, std::size_t length) {
-  Bytes filled = Resized(frame, kHeaderLength + length);
-  SetLengthField(&filled, length);
-  return OneFrame(std::move(filled));
-}
-
-Answer PlayNone(const Fault&, const Bytes& frame) {
-  return OneFrame(frame);
-}
-
-Answer PlayDelay(const Fault& fault, const Bytes& frame) {
-  Answer answer = OneFrame(frame);
-  answer.pieces.front().pause = milliseconds(fault.Parameter(0));
+/// The answer with these bytes behind it.
+Answer Then(Answer answer, Bytes bytes, int pause_ms, bool is_stray = false) {
+  answer.pieces.push_back({std::move(bytes), milliseconds(pause_ms), is_stray});
   return answer;
 }
 
-Answer PlaySilence(const Fault&, const Bytes&) {
+Answer OneFrame(Bytes frame, Ending ending = Ending::kKeepOpen) {
+  return Then({{}, ending}, std::move(frame), 0);
+}
+
+Answer PlayNothing(const Reply&) {
   return {};
 }
 
-Answer PlayCloseAfter(const Fault&, const Bytes& frame) {
-  return OneFrame(frame, Ending::kClose);
+Answer PlayFrame(const Reply& reply) {
+  return OneFrame(reply.frame);
 }
 
-Answer PlayCloseBefore(const Fault&, const Bytes&) {
-  return {{}, Ending::kClose};
+Answer PlayDelay(const Reply& reply) {
+  return Then({}, reply.frame, reply.first);
 }
 
-Answer PlayCloseMidFrame(const Fault&, const Bytes& frame) {
-  return OneFrame(FirstBytes(frame, frame.size() / 2), Ending::kClose);
-}
-
-Answer PlayPieces(const Fault& fault, const Bytes& frame) {
-  const auto piece_size = static_cast<std::size_t>(fault.Parameter(0));
+Answer PlayPieces(const Reply& reply) {
+  const auto piece_size = static_cast<std::size_t>(reply.first);
   Answer answer;
-  for (std::size_t offset = 0; offset < frame.size(); offset += piece_size) {
-    const milliseconds pause(offset == 0 ? 0 : fault.Parameter(1));
-    answer.pieces.push_back({FirstBytes(BytesFrom(frame, offset), piece_size), pause, false});
+  for (std::size_t offset = 0; offset < reply.frame.size(); offset += piece_size) {
+    answer = Then(std::move(answer), Part(reply.frame, offset, piece_size),
+                  offset == 0 ? 0 : reply.second);
   }
   return answer;
 }
 
-Answer PlaySplitHeader(const Fault& fault, const Bytes& frame) {
-  Answer answer = OneFrame(FirstBytes(frame, kHeaderLength / 2));
-  answer.pieces.push_back(
-      {BytesFrom(frame, kHeaderLength / 2), milliseconds(fault.Parameter(0)), false});
-  return answer;
+Answer PlaySplitHeader(const Reply& reply) {
+  constexpr std::size_t kFirstPart = 3;
+  return Then(OneFrame(Part(reply.frame, 0, kFirstPart)),
+              Part(reply.frame, kFirstPart, reply.frame.size()), reply.first);
 }
 
-Answer PlayTooLong(const Fault&, const Bytes& frame) {
-  return FilledFrame(frame, kLargestLengthField + 1);
-}
-
-Answer PlayLongest(const Fault&, const Bytes& frame) {
-  return FilledFrame(frame, kLargestLengthField);
-}
-
-Answer PlayWrongLength(const Fault&, const Bytes& frame) {
-  Bytes short_frame = frame;
-  SetLengthField(&short_frame, frame.size() - kHeaderLength + kMissingBytes);
-  return OneFrame(std::move(short_frame));
-}
-
-Answer PlayZeroLength(const Fault&, const Bytes& frame) {
-  Bytes header = FirstBytes(frame, kHeaderLength);
-  SetLengthField(&header, 0);
-  return OneFrame(std::move(header));
-}
-
-Answer PlayEndless(const Fault&, const Bytes& frame) {
-  return OneFrame(frame, Ending::kEndless);
-}
-
-Answer PlayLate(const Fault& fault, const Bytes& frame) {
-  Answer answer = OneFrame(frame);
-  answer.pieces.push_back({frame, milliseconds(fault.Parameter(0)), true});
-  return answer;
-}
-
-Answer PlayGarbage(const Fault& fault, const Bytes& frame) {
-  // The transaction number is part of the seed: exchanges differ, and yet a test run repeats.
-  const auto transaction = static_cast<std::uint32_t>((frame[0] << 8) | frame[1]);
-  return OneFrame(RandomBytes(fault.Parameter(0),
-                              static_cast<std::uint32_t>(fault.Parameter(1)) + transaction));
-}
-
-Answer PlayFixed(const Fault&, const Bytes&) {
-  return OneFrame(FixedFrame());
-}
-
-Answer PlayRefuse(const Fault&, const Bytes&) {
-  return {};
-}
-
-Answer PlayTooLongRtu(const Fault&, const Bytes& frame) {
-  return OneFrame(Resized(frame, kTooLongRtuFrame));
-}
-
-Answer PlayLateRtu(const Fault& fault, const Bytes& frame) {
-  Answer answer = PlayDelay(fault, frame);
-  answer.pieces.front().stray = true;
-  return answer;
-}
-
-Answer PlayGarbageRtu(const Fault& fault, const Bytes&) {
-  return OneFrame(RandomBytes(fault.Parameter(0), static_cast<std::uint32_t>(fault.Parameter(1))));
-}
-
-Answer PlayNoise(const Fault& fault, const Bytes& frame) {
-  Bytes noisy = RandomBytes(fault.Parameter(0), 1);
-  noisy.insert(noisy.end(), frame.begin(), frame.end());
+Answer PlayNoise(const Reply& reply) {
+  Bytes noisy = RandomBytes(reply.first, 1);
+  noisy.insert(noisy.end(), reply.frame.begin(), reply.frame.end());
   return OneFrame(std::move(noisy));
 }
 
-Answer PlayWrongCrc(const Fault&, const Bytes& frame) {
-  Bytes wrong = frame;
+Answer PlayWrongCrc(const Reply& reply) {
+  Bytes wrong = reply.frame;
   wrong.back() ^= 0xFF;
   return OneFrame(std::move(wrong));
 }
 
-Answer PlayOtherAddress(const Fault&, const Bytes& frame) {
-  Bytes other = frame;
-  ++other.front();
-  SetCrc(&other);
-  return OneFrame(std::move(other));
-}
-
 /// One row for each kind, at the index of its number.
-constexpr std::array<FaultDescription, 20> kFaults = {{
-    {FaultKind::kNone,
-     "none",
-     {kNoParameter, kNoParameter},
-     PlayNone,
-     PlayNone,
-     "answers as it should"},
-    {FaultKind::kDelay,
-     "delay",
-     {Milliseconds(300), kNoParameter},
-     PlayDelay,
-     PlayDelay,
-     "answers MS late, its later answers behind"},
-    {FaultKind::kSilence,
-     "silence",
-     {kNoParameter, kNoParameter},
-     PlaySilence,
-     PlaySilence,
-     "accepts and reads, never answers"},
-    {FaultKind::kRefuse,
-     "refuse",
-     {kNoParameter, kNoParameter},
-     PlayRefuse,
-     nullptr,
-     "does not listen: connection refused"},
-    {FaultKind::kCloseAfter,
-     "close-after",
-     {kNoParameter, kNoParameter},
-     PlayCloseAfter,
-     nullptr,
-     "answers, then closes"},
-    {FaultKind::kCloseBefore,
-     "close-before",
-     {kNoParameter, kNoParameter},
-     PlayCloseBefore,
-     nullptr,
-     "closes when a request comes, without an answer"},
-    {FaultKind::kCloseMidFrame,
-     "close-mid-frame",
-     {kNoParameter, kNoParameter},
-     PlayCloseMidFrame,
-     nullptr,
-     "closes after half of the frame"},
-    {FaultKind::kPieces,
-     "pieces",
-     {{{"BYTES", 4, 1, 438, 1}, Milliseconds(20)}},
-     PlayPieces,
-     PlayPieces,
-     "sends the frame in pieces of BYTES, MS apart"},
-    {FaultKind::kSplitHeader,
-     "split-header",
-     {Milliseconds(100), kNoParameter},
-     PlaySplitHeader,
-     nullptr,
-     "sends 3 bytes of the header, the rest MS later"},
-    {FaultKind::kTooLong,
-     "too-long",
-     {kNoParameter, kNoParameter},
-     PlayTooLong,
-     PlayTooLongRtu,
-     "announces and sends 433 bytes after the header; on RTU 500 bytes in all, without a pause"},
-    {FaultKind::kLongest,
-     "longest",
-     {kNoParameter, kNoParameter},
-     PlayLongest,
-     nullptr,
-     "announces and sends 432 bytes after the header: 438 in all"},
-    {FaultKind::kWrongLength,
-     "wrong-length",
-     {kNoParameter, kNoParameter},
-     PlayWrongLength,
-     nullptr,
-     "announces 10 bytes more than it sends, then is silent"},
-    {FaultKind::kZeroLength,
-     "zero-length",
-     {kNoParameter, kNoParameter},
-     PlayZeroLength,
-     nullptr,
-     "sends a header alone, with length field 0"},
-    {FaultKind::kEndless,
-     "endless",
-     {kNoParameter, kNoParameter},
-     PlayEndless,
-     nullptr,
-     "answers, then sends bytes for ever"},
-    {FaultKind::kLate,
-     "late",
-     {Milliseconds(300), kNoParameter},
-     PlayLate,
-     PlayLateRtu,
+constexpr FaultDescription kFaults[] = {
+    {FaultKind::kNone, "none", "answers as it should", PlayFrame, PlayFrame},
+    {FaultKind::kDelay, "delay", "answers MS late, its later answers behind", PlayDelay, PlayDelay,
+     Takes(Milliseconds(300))},
+    {FaultKind::kSilence, "silence", "accepts and reads, never answers", PlayNothing, PlayNothing},
+    {FaultKind::kRefuse, "refuse", "does not listen: connection refused", PlayNothing},
+    {FaultKind::kCloseAfter, "close-after", "answers, then closes",
+     [](const Reply& reply) { return OneFrame(reply.frame, Ending::kClose); }},
+    {FaultKind::kCloseBefore, "close-before", "closes when a request comes, without an answer",
+     [](const Reply&) {
+       return Answer{{}, Ending::kClose};
+     }},
+    {FaultKind::kCloseMidFrame, "close-mid-frame", "closes after half of the frame",
+     [](const Reply& reply) {
+       return OneFrame(Part(reply.frame, 0, reply.frame.size() / 2), Ending::kClose);
+     }},
+    {FaultKind::kPieces, "pieces", "sends the frame in pieces of BYTES, MS apart", PlayPieces,
+     PlayPieces, Takes(Size(4, 438), Milliseconds(20))},
+    {FaultKind::kSplitHeader, "split-header", "sends 3 bytes of the header, the rest MS later",
+     PlaySplitHeader, nullptr, Takes(Milliseconds(100))},
+    {FaultKind::kTooLong, "too-long",
+     "announces and sends 433 bytes after the header; on RTU 500 bytes in all, without a pause",
+     [](const Reply& reply) { return OneFrame(FilledFrame(reply.frame, kLargestLengthField + 1)); },
+     [](const Reply& reply) { return OneFrame(Resized(reply.frame, kTooLongRtuFrame)); }},
+    {FaultKind::kLongest, "longest", "announces and sends 432 bytes after the header: 438 in all",
+     [](const Reply& reply) { return OneFrame(FilledFrame(reply.frame, kLargestLengthField)); }},
+    {FaultKind::kWrongLength, "wrong-length",
+     "announces 10 bytes more than it sends, then is silent",
+     [](const Reply& reply) {
+       return OneFrame(
+           WithLengthField(reply.frame, reply.frame.size() - kUnitOffset + kMissingBytes));
+     }},
+    {FaultKind::kZeroLength, "zero-length", "sends a header alone, with length field 0",
+     [](const Reply& reply) { return OneFrame(FilledFrame(reply.frame, 0)); }},
+    {FaultKind::kEndless, "endless", "answers, then sends bytes for ever",
+     [](const Reply& reply) { return OneFrame(reply.frame, Ending::kEndless); }},
+    {FaultKind::kLate, "late",
      "answers, and sends the same frame again MS later; on RTU answers MS late and only so, while "
-     "it and the others answer later requests at once: the frame comes in the next one's time"},
-    {FaultKind::kGarbage,
-     "garbage",
-     {{{"BYTES", 32, 1, 4096, 1}, {"SEED", 1, 0, 1000000, 1}}},
-     PlayGarbage,
-     PlayGarbageRtu,
-     "sends BYTES random bytes; SEED repeats them"},
-    {FaultKind::kFixed,
-     "fixed",
-     {kNoParameter, kNoParameter},
-     PlayFixed,
-     nullptr,
-     "sends 133 bytes of its own, whatever was asked (always so on port 16001)"},
-    {FaultKind::kNoise,
-     "noise",
-     {{{"BYTES", 3, 1, 400, 1}, kNoParameter}},
-     nullptr,
-     PlayNoise,
-     "sends BYTES random bytes right before the frame"},
-    {FaultKind::kWrongCrc,
-     "wrong-crc",
-     {kNoParameter, kNoParameter},
-     nullptr,
-     PlayWrongCrc,
-     "sends the frame with a CRC that does not fit"},
-    {FaultKind::kOtherAddress,
-     "other-address",
-     {kNoParameter, kNoParameter},
-     nullptr,
-     PlayOtherAddress,
-     "answers in the name of its address + 1, the CRC right"},
-}};
+     "it and the others answer later requests at once: the frame comes in the next one's time",
+     [](const Reply& reply) { return Then(OneFrame(reply.frame), reply.frame, reply.first, true); },
+     [](const Reply& reply) { return Then({}, reply.frame, reply.first, true); },
+     Takes(Milliseconds(300))},
+    {FaultKind::kGarbage, "garbage", "sends BYTES random bytes; SEED repeats them",
+     // The transaction number is part of the seed: exchanges differ, and yet a test run repeats.
+     [](const Reply& reply) {
+       return OneFrame(RandomBytes(reply.first, reply.second + modbus::WordAt(reply.frame, 0)));
+     },
+     [](const Reply& reply) { return OneFrame(RandomBytes(reply.first, reply.second)); },
+     Takes(Size(32, 4096), FaultParameter{"SEED", 1, 0, 1000000})},
+    {FaultKind::kFixed, "fixed",
+     "sends 133 bytes of its own, whatever was asked (always so on port 16001)",
+     [](const Reply&) { return OneFrame(FixedFrame()); }},
+    {FaultKind::kNoise, "noise", "sends BYTES random bytes right before the frame", nullptr,
+     PlayNoise, Takes(Size(3, 400))},
+    {FaultKind::kWrongCrc, "wrong-crc", "sends the frame with a CRC that does not fit", nullptr,
+     PlayWrongCrc},
+    {FaultKind::kOtherAddress, "other-address",
+     "answers in the name of its address + 1, the CRC right", nullptr,
+     [](const Reply& reply) {
+       return OneFrame(
+           modbus::RtuFrame(reply.frame[0] + 1, {reply.frame.begin() + 1, reply.frame.end() - 2}));
+     }},
+};
 
 constexpr bool RowsAreInOrder() {
-  for (std::size_t index = 0; index < kFaults.size(); ++index) {
+  for (std::size_t index = 0; index < std::size(kFaults); ++index) {
     if (static_cast<std::size_t>(kFaults[index].kind) != index) {
       return false;
     }
@@ -374,10 +241,8 @@ bool HasRegister(const FaultDescription& description) {
 }
 
 std::string TransportNames(const FaultDescription& description) {
-  if (description.play_tcp != nullptr && description.play_rtu != nullptr) {
-    return "tcp rtu";
-  }
-  return description.play_tcp != nullptr ? "tcp" : "rtu";
+  const std::string tcp = description.play_tcp == nullptr ? "" : "tcp ";
+  return description.play_rtu == nullptr ? "tcp" : tcp + "rtu";
 }
 
 std::string NameWithParameters(const FaultDescription& description) {
@@ -405,9 +270,9 @@ int ParseNumber(const std::string& text, const std::string& whole) {
 }  // namespace
 
 Fault::Fault(FaultKind kind) : kind_(kind) {
-  for (std::size_t index = 0; index < kParameterCount; ++index) {
-    parameters_[index] = Describe(kind).parameters[index].default_value;
-  }
+  const FaultParameters& taken = Describe(kind).parameters;
+  std::transform(taken.begin(), taken.end(), parameters_.begin(),
+                 [](const FaultParameter& parameter) { return parameter.default_value; });
 }
 
 Fault::Fault(FaultKind kind, int first) : Fault(kind) {
@@ -436,10 +301,10 @@ void Fault::SetParameter(std::size_t index, int value) {
 
 Fault Fault::Parse(const std::string& text) {
   const std::size_t name_end = std::min(text.find(':'), text.size());
-  const auto row = std::find_if(kFaults.begin(), kFaults.end(), [&](const auto& description) {
-    return text.compare(0, name_end, description.name) == 0;
-  });
-  if (row == kFaults.end()) {
+  const auto row = std::find_if(
+      std::begin(kFaults), std::end(kFaults),
+      [&](const auto& description) { return text.compare(0, name_end, description.name) == 0; });
+  if (row == std::end(kFaults)) {
     throw std::invalid_argument("there is no fault \"" + text.substr(0, name_end) + "\"");
   }
   Fault fault(row->kind);
@@ -455,7 +320,7 @@ Fault Fault::Parse(const std::string& text) {
 std::optional<Fault> Fault::OfRegister(int start_register, Transport transport) {
   const int offset = start_register - kFaultRegisterBase;
   const int code = offset / kFaultRegisterStride;
-  if (offset < 0 || code >= static_cast<int>(kFaults.size())) {
+  if (offset < 0 || code >= static_cast<int>(std::size(kFaults))) {
     return std::nullopt;
   }
   const FaultDescription& description = kFaults[static_cast<std::size_t>(code)];
@@ -464,23 +329,19 @@ std::optional<Fault> Fault::OfRegister(int start_register, Transport transport) 
       (step != 0 && description.parameters[0].name == nullptr)) {
     return std::nullopt;
   }
-  if (step == 0) {
-    return Fault(description.kind);
-  }
-  return Fault(description.kind, step * description.parameters[0].register_unit);
+  return step == 0 ? Fault(description.kind)
+                   : Fault(description.kind, step * description.parameters[0].register_unit);
 }
 
-std::optional<Fault> Fault::TakeFromRequest(Bytes* request, Transport transport) {
-  constexpr std::uint8_t kReadHoldingRegisters = 3;
+std::optional<Fault> Fault::TakeFromRequest(Bytes& request, Transport transport) {
   const std::size_t function = FunctionOffset(transport);
-  if (request->size() < function + kReadRequestLength ||
-      (*request)[function] != kReadHoldingRegisters) {
+  if (request.size() < function + kReadRequestLength ||
+      request[function] != modbus::kReadHoldingRegisters) {
     return std::nullopt;
   }
-  const auto fault = OfRegister(BigEndian(&(*request)[function + 1]), transport);
+  const auto fault = OfRegister(modbus::WordAt(request, function + 1), transport);
   if (fault) {
-    (*request)[function + 1] = 0;
-    (*request)[function + 2] = 0;
+    std::fill_n(request.begin() + static_cast<std::ptrdiff_t>(function + 1), 2, std::uint8_t{0});
   }
   return fault;
 }
@@ -496,18 +357,13 @@ void Fault::CheckTransport(Transport transport) const {
 
 Answer Fault::Play(const Bytes& frame, Transport transport) const {
   const Player play = PlayerOn(Describe(kind_), transport);
-  const std::size_t shortest =
-      transport == Transport::kTcp ? kHeaderWithUnitLength : kShortestRtuFrame;
-  return play != nullptr && frame.size() >= shortest ? play(*this, frame) : Answer();
+  return play != nullptr && frame.size() >= ShortestFrame(transport)
+             ? play({frame, Parameter(0), Parameter(1)})
+             : Answer();
 }
 
 Bytes FixedFrame() {
-  Bytes frame(kFixedFrameLength);
-  for (std::size_t index = kHeaderLength; index < frame.size(); ++index) {
-    frame[index] = static_cast<std::uint8_t>(index);
-  }
-  SetLengthField(&frame, 0xFFFF);
-  return frame;
+  return WithLengthField(Resized(Bytes(kUnitOffset), kFixedFrameLength), 0xFFFF);
 }
 
 std::string FaultHelp() {

@@ -67,7 +67,7 @@ class Fault {
   /// the transport has.
   static std::optional<Fault> OfRegister(int start_register, Transport transport);
   /// The fault that a request frame asks for by its start register; the request then reads from 0.
-  static std::optional<Fault> TakeFromRequest(Bytes* request, Transport transport);
+  static std::optional<Fault> TakeFromRequest(Bytes& request, Transport transport);
 
   /// Throws std::invalid_argument with a message for the user when the fault makes no sense on the
   /// transport.

@@ -20,13 +20,13 @@ void CheckTcpDevices(const FieldSimulatorConfig& config) {
   std::set<int> addresses;
   for (const DeviceConfig& device : config.devices) {
     const std::string name = "device " + std::to_string(device.address);
-    if (device.address < 1 || (config.same_port && device.address > kLargestUnitId)) {
+    if (device.address < 1 || (config.is_same_port && device.address > kLargestUnitId)) {
       throw std::invalid_argument(name + ": the address is out of range");
     }
     if (!addresses.insert(device.address).second) {
       throw std::invalid_argument(name + " is there twice");
     }
-    if (config.same_port && device.fault.Kind() == FaultKind::kRefuse) {
+    if (config.is_same_port && device.fault.Kind() == FaultKind::kRefuse) {
       throw std::invalid_argument(name + " cannot refuse behind a shared port");
     }
     device.fault.CheckTransport(Transport::kTcp);
@@ -71,9 +71,9 @@ FieldSimulator::FieldSimulator(FieldSimulatorConfig config) : config_(std::move(
     devices_.push_back(std::make_unique<SimulatedDevice>(device.address, device.fault));
   }
   loop_ = std::make_unique<EventLoop>();
-  tcp_bus_ = std::make_unique<TcpBus>(loop_.get());
+  tcp_bus_ = std::make_unique<TcpBus>(*loop_);
   for (const RtuBusConfig& config_of_bus : config_.buses) {
-    auto bus = std::make_unique<RtuBus>(loop_.get(), config_of_bus.path, config_of_bus.baud_rate);
+    auto bus = std::make_unique<RtuBus>(*loop_, config_of_bus.path, config_of_bus.baud_rate);
     for (const RtuDeviceConfig& device : config_of_bus.devices) {
       bus->AddDevice(device.address, device.fault);
     }
@@ -89,9 +89,9 @@ void FieldSimulator::Start() {
   std::vector<SimulatedDevice*> behind_port;
   for (std::size_t index = 0; index < devices_.size(); ++index) {
     behind_port.push_back(devices_[index].get());
-    if (!config_.same_port || index + 1 == devices_.size()) {
-      const DeviceConfig& endpoint = config_.devices[config_.same_port ? 0 : index];
-      tcp_bus_->AddListener(endpoint.bind_address, endpoint.port, config_.same_port,
+    if (!config_.is_same_port || index + 1 == devices_.size()) {
+      const DeviceConfig& endpoint = config_.devices[config_.is_same_port ? 0 : index];
+      tcp_bus_->AddListener(endpoint.bind_address, endpoint.port, config_.is_same_port,
                             std::exchange(behind_port, {}));
     }
   }
@@ -121,7 +121,7 @@ std::uint16_t FieldSimulator::Port(int address) const {
 
 void FieldSimulator::SetFault(int address, const Fault& fault) {
   fault.CheckTransport(Transport::kTcp);
-  tcp_bus_->SetFault(&Device(address), fault);
+  tcp_bus_->SetFault(Device(address), fault);
 }
 
 void FieldSimulator::SetFault(std::size_t bus, int address, const Fault& fault) {

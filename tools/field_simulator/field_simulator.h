@@ -18,7 +18,7 @@ struct SimulatedDevice;
 
 /// One Modbus/TCP device.
 struct DeviceConfig {
-  /// 1 or more, each only once; at most 247 with FieldSimulatorConfig::same_port.
+  /// 1 or more, each only once; at most 247 with FieldSimulatorConfig::is_same_port.
   int address = 1;
   /// IPv4 address of this machine to listen on.
   std::string bind_address = "127.0.0.1";
@@ -51,7 +51,7 @@ struct FieldSimulatorConfig {
   /// All devices behind the first one's IP address and port, as behind a gateway: the unit id of
   /// the MBAP header chooses the device, another unit id is answered with exception 11. Such a
   /// device cannot refuse.
-  bool same_port = false;
+  bool is_same_port = false;
   /// Each with a path of its own.
   std::vector<RtuBusConfig> buses = {};
 };

@@ -35,44 +35,44 @@ struct Options {
   std::optional<int> devices;
   std::string address = "127.0.0.1";
   int base_port = 0;
-  bool same_port = false;
+  bool is_same_port = false;
   std::vector<std::string> buses;
   int baud_rate = 0;
   std::vector<std::string> faults;
 };
 
-void AddOptions(CLI::App* app, Options* options) {
-  app->add_option("--devices", options->devices,
-                  "number of TCP devices, addresses 1 to N [1; 0 when there is a bus]")
+void AddOptions(CLI::App& app, Options& options) {
+  app.add_option("--devices", options.devices,
+                 "number of TCP devices, addresses 1 to N [1; 0 when there is a bus]")
       ->check(CLI::Range(0, kMaxDevices));
-  app->add_option("--address", options->address, "IPv4 address to listen on")
+  app.add_option("--address", options.address, "IPv4 address to listen on")
       ->check(CLI::ValidIPV4)
       ->capture_default_str();
-  app->add_option("--base-port", options->base_port,
-                  "device n listens on this port + n - 1; 0: each on a free one")
+  app.add_option("--base-port", options.base_port,
+                 "device n listens on this port + n - 1; 0: each on a free one")
       ->check(CLI::Range(0, kMaxPort))
       ->capture_default_str();
-  app->add_flag("--same-port", options->same_port,
-                "all devices on one port, as behind a gateway; the unit id chooses the device");
-  app->add_option("--rtu-bus", options->buses,
-                  "an RS485 bus: PATH becomes a symbolic link to its terminal, with Modbus RTU "
-                  "devices at the addresses, numbers or ranges A-B; repeatable. SIGUSR1 pulls all "
-                  "adapters out, SIGUSR2 plugs them in again")
+  app.add_flag("--same-port", options.is_same_port,
+               "all devices on one port, as behind a gateway; the unit id chooses the device");
+  app.add_option("--rtu-bus", options.buses,
+                 "an RS485 bus: PATH becomes a symbolic link to its terminal, with Modbus RTU "
+                 "devices at the addresses, numbers or ranges A-B; repeatable. SIGUSR1 pulls all "
+                 "adapters out, SIGUSR2 plugs them in again")
       ->type_name("PATH=ADDRESS[,ADDRESS...]")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  app->add_option("--rtu-baud", options->baud_rate,
-                  "answers on a bus come at the pace of this baud rate; 0: at once")
+  app.add_option("--rtu-baud", options.baud_rate,
+                 "answers on a bus come at the pace of this baud rate; 0: at once")
       ->check(CLI::Range(0, 10000000))
       ->capture_default_str();
-  app->add_option("--fault", options->faults,
-                  "devices with this address have the fault, those of a bus PATH with "
-                  "PATH:ADDRESS=FAULT, TCP devices with tcp:ADDRESS=FAULT; ADDRESS * is every one; "
-                  "repeatable, the last one counts")
+  app.add_option("--fault", options.faults,
+                 "devices with this address have the fault, those of a bus PATH with "
+                 "PATH:ADDRESS=FAULT, TCP devices with tcp:ADDRESS=FAULT; ADDRESS * is every one; "
+                 "repeatable, the last one counts")
       ->type_name("ADDRESS=FAULT")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  app->footer(tmsc::simulator::FaultHelp());
+  app.footer(tmsc::simulator::FaultHelp());
 }
 
 int ParseAddress(const std::string& text, const std::string& option) {
@@ -114,18 +114,18 @@ RtuBusConfig ParseBus(const std::string& option, int baud_rate) {
 
 /// Gives the fault to every device with this address; true when there is one.
 template <typename DeviceConfig>
-bool SetFault(const std::string& address, const Fault& fault, std::vector<DeviceConfig>* devices) {
-  bool found = false;
-  for (DeviceConfig& device : *devices) {
+bool SetFault(const std::string& address, const Fault& fault, std::vector<DeviceConfig>& devices) {
+  bool is_found = false;
+  for (DeviceConfig& device : devices) {
     if (address == "*" || address == std::to_string(device.address)) {
       device.fault = fault;
-      found = true;
+      is_found = true;
     }
   }
-  return found;
+  return is_found;
 }
 
-void ApplyFault(const std::string& text, FieldSimulatorConfig* config) {
+void ApplyFault(const std::string& text, FieldSimulatorConfig& config) {
   const std::size_t equals = text.rfind('=');
   if (equals == std::string::npos) {
     throw std::invalid_argument("--fault " + text + ": expected ADDRESS=FAULT");
@@ -135,16 +135,16 @@ void ApplyFault(const std::string& text, FieldSimulatorConfig* config) {
   const std::string name = colon == std::string::npos ? "" : whole.substr(0, colon);
   const std::string address = colon == std::string::npos ? whole : whole.substr(colon + 1);
   const Fault fault = Fault::Parse(text.substr(equals + 1));
-  bool found = false;
+  bool is_found = false;
   if (name.empty() || name == kTcpName) {
-    found = SetFault(address, fault, &config->devices);
+    is_found = SetFault(address, fault, config.devices);
   }
-  for (RtuBusConfig& bus : config->buses) {
+  for (RtuBusConfig& bus : config.buses) {
     if (name.empty() || name == bus.path) {
-      found = SetFault(address, fault, &bus.devices) || found;
+      is_found = SetFault(address, fault, bus.devices) || is_found;
     }
   }
-  if (!found) {
+  if (!is_found) {
     throw std::invalid_argument("--fault " + text + ": there is no device " + whole);
   }
 }
@@ -155,14 +155,15 @@ FieldSimulatorConfig MakeConfig(const Options& options) {
   if (devices == 0 && options.buses.empty()) {
     throw std::invalid_argument("--devices 0 leaves nothing to simulate without a bus");
   }
-  if (options.base_port != 0 && !options.same_port && options.base_port + devices - 1 > kMaxPort) {
+  if (options.base_port != 0 && !options.is_same_port &&
+      options.base_port + devices - 1 > kMaxPort) {
     throw std::invalid_argument("--base-port " + std::to_string(options.base_port) +
                                 " leaves no room for " + std::to_string(devices) + " devices");
   }
   FieldSimulatorConfig config;
-  config.same_port = options.same_port;
+  config.is_same_port = options.is_same_port;
   for (int address = 1; address <= devices; ++address) {
-    const int offset = options.base_port == 0 || options.same_port ? 0 : address - 1;
+    const int offset = options.base_port == 0 || options.is_same_port ? 0 : address - 1;
     config.devices.push_back(
         {address, options.address, static_cast<std::uint16_t>(options.base_port + offset), {}});
   }
@@ -170,7 +171,7 @@ FieldSimulatorConfig MakeConfig(const Options& options) {
     config.buses.push_back(ParseBus(bus, options.baud_rate));
   }
   for (const std::string& fault : options.faults) {
-    ApplyFault(fault, &config);
+    ApplyFault(fault, config);
   }
   return config;
 }
@@ -213,18 +214,18 @@ void PrintBuses(const FieldSimulator& simulator, const FieldSimulatorConfig& con
 }
 
 /// Follows the signals until one ends the program.
-void FollowSignals(const sigset_t& signals, FieldSimulator* simulator,
+void FollowSignals(const sigset_t& signals, FieldSimulator& simulator,
                    const FieldSimulatorConfig& config) {
   int received = 0;
   while (sigwait(&signals, &received) == 0 && (received == SIGUSR1 || received == SIGUSR2)) {
     for (std::size_t bus = 0; bus < config.buses.size(); ++bus) {
       if (received == SIGUSR1) {
-        simulator->Unplug(bus);
+        simulator.Unplug(bus);
       } else {
-        simulator->Plug(bus);
+        simulator.Plug(bus);
       }
     }
-    PrintBuses(*simulator, config);
+    PrintBuses(simulator, config);
   }
 }
 
@@ -245,7 +246,7 @@ void Serve(const FieldSimulatorConfig& config) {
   }
   PrintBuses(simulator, config);
   std::cout << "ready" << std::endl;
-  FollowSignals(signals, &simulator, config);
+  FollowSignals(signals, simulator, config);
   simulator.Stop();
 }
 
@@ -255,7 +256,7 @@ int main(int argc, char** argv) {
   CLI::App app("Simulates Modbus/TCP and Modbus RTU devices that make mistakes on demand.",
                "field_simulator");
   Options options;
-  AddOptions(&app, &options);
+  AddOptions(app, options);
   try {
     app.parse(argc, argv);
     RaiseDescriptorLimit();

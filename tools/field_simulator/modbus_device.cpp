@@ -55,7 +55,7 @@ ModbusResponder::ModbusResponder(Transport transport)
   modbus_set_response_timeout(context_.get(), 0, 1);
 }
 
-Bytes ModbusResponder::Reply(const Bytes& request, ModbusDevice* device) {
+Bytes ModbusResponder::Reply(const Bytes& request, ModbusDevice& device) {
   const std::size_t crc_length = transport_ == Transport::kRtu ? kCrcLength : 0;
   if (request.size() < NeededRequestLength(request, transport_) + crc_length) {
     return Exception(request, MODBUS_EXCEPTION_ILLEGAL_DATA_VALUE);
@@ -64,7 +64,7 @@ Bytes ModbusResponder::Reply(const Bytes& request, ModbusDevice* device) {
   std::array<std::uint8_t, std::size_t{2} * MODBUS_TCP_MAX_ADU_LENGTH> frame{};
   const std::size_t length = std::min<std::size_t>(request.size(), MODBUS_TCP_MAX_ADU_LENGTH);
   std::copy_n(request.begin(), length, frame.begin());
-  if (modbus_reply(context_.get(), frame.data(), static_cast<int>(length), device->Registers()) <
+  if (modbus_reply(context_.get(), frame.data(), static_cast<int>(length), device.Registers()) <
       0) {
     return Exception(request, MODBUS_EXCEPTION_ILLEGAL_FUNCTION);
   }

@@ -45,7 +45,7 @@ class ModbusResponder {
   /// The reply of `device` to a whole request frame of the transport, written registers taken over.
   /// A request too short for its function gets exception 3, one with a function libmodbus does not
   /// serve exception 1. Empty when an RTU request is addressed to all devices.
-  Bytes Reply(const Bytes& request, ModbusDevice* device);
+  Bytes Reply(const Bytes& request, ModbusDevice& device);
 
   /// The reply with the given Modbus exception code (MODBUS_EXCEPTION_...).
   Bytes Exception(const Bytes& request, unsigned int code);

@@ -1,14 +1,11 @@
 #include "modbus_frame.h"
 
-#include <modbus.h>
-
-#include "modbus/crc16.h"
-
 namespace tmsc::simulator {
 namespace {
 
-/// Address, function code and CRC.
-constexpr std::size_t kShortestRtuFrame = 4;
+// Functions that modbus/pdu.h does not name, "MODBUS Application Protocol" V1.1b3, 6.
+constexpr std::uint8_t kMaskWriteRegister = 22;
+constexpr std::uint8_t kReadWriteRegisters = 23;
 
 }  // namespace
 
@@ -19,37 +16,35 @@ std::size_t NeededRequestLength(const Bytes& request, Transport transport) {
     return count_offset + 1 + data;
   };
   switch (request[function]) {
-    case MODBUS_FC_READ_EXCEPTION_STATUS:
-    case MODBUS_FC_REPORT_SLAVE_ID:
-      return function + 1;
-    case MODBUS_FC_WRITE_MULTIPLE_COILS:
-    case MODBUS_FC_WRITE_MULTIPLE_REGISTERS:
-      return with_data(function + 5);
-    case MODBUS_FC_MASK_WRITE_REGISTER:
-      return function + 7;
-    case MODBUS_FC_WRITE_AND_READ_REGISTERS:
-      return with_data(function + 9);
-    case MODBUS_FC_READ_COILS:
-    case MODBUS_FC_READ_DISCRETE_INPUTS:
-    case MODBUS_FC_READ_HOLDING_REGISTERS:
-    case MODBUS_FC_READ_INPUT_REGISTERS:
-    case MODBUS_FC_WRITE_SINGLE_COIL:
-    case MODBUS_FC_WRITE_SINGLE_REGISTER:
+    case modbus::kReadCoils:
+    case modbus::kReadDiscreteInputs:
+    case modbus::kReadHoldingRegisters:
+    case modbus::kReadInputRegisters:
+    case modbus::kWriteSingleCoil:
+    case modbus::kWriteSingleRegister:
       return function + 5;
+    case modbus::kWriteMultipleCoils:
+    case modbus::kWriteMultipleRegisters:
+      return with_data(function + 5);
+    case kMaskWriteRegister:
+      return function + 7;
+    case kReadWriteRegisters:
+      return with_data(function + 9);
     default:
       return function + 1;
   }
 }
 
-void SetCrc(Bytes* frame) {
-  const std::size_t length = frame->size() - kCrcLength;
-  frame->resize(length);
-  modbus::AppendCrc(*frame);
+bool IsRtuFrame(const Bytes& bytes, std::size_t length) {
+  return length >= ShortestFrame(Transport::kRtu) && length <= bytes.size() &&
+         modbus::HasRightCrc(bytes.data(), length);
 }
 
-bool HasRightCrc(const Bytes& bytes, std::size_t length) {
-  return length >= kShortestRtuFrame && length <= bytes.size() &&
-         modbus::HasRightCrc(bytes.data(), length);
+Bytes TakeFirst(Bytes& input, std::size_t count) {
+  const auto end = input.begin() + static_cast<std::ptrdiff_t>(count);
+  Bytes first(input.begin(), end);
+  input.erase(input.begin(), end);
+  return first;
 }
 
 }  // namespace tmsc::simulator

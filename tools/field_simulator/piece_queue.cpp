@@ -8,12 +8,12 @@
 
 namespace tmsc::simulator {
 
-void PieceQueue::Add(std::vector<Piece> pieces, TimePoint* busy_until) {
-  TimePoint due = std::max(EventLoop::Clock::now(), *busy_until);
+PieceQueue::TimePoint PieceQueue::Add(std::vector<Piece> pieces, TimePoint busy_until) {
+  TimePoint due = std::max(EventLoop::Clock::now(), busy_until);
   for (Piece& piece : pieces) {
     due += piece.pause;
-    if (!piece.stray) {
-      *busy_until = due;
+    if (!piece.is_stray) {
+      busy_until = due;
     }
     auto position = std::upper_bound(
         queue_.begin(), queue_.end(), due,
@@ -23,6 +23,7 @@ void PieceQueue::Add(std::vector<Piece> pieces, TimePoint* busy_until) {
     }
     queue_.insert(position, {due, std::move(piece.bytes), 0});
   }
+  return busy_until;
 }
 
 PieceQueue::Result PieceQueue::Send(int descriptor) {

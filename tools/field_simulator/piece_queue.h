@@ -24,9 +24,9 @@ class PieceQueue {
     kFailed,   ///< The other side is gone; errno tells.
   };
 
-  /// Queues the pieces of an answer that starts now, or when `busy_until` has passed, which moves
-  /// to the last piece that is not stray.
-  void Add(std::vector<Piece> pieces, TimePoint* busy_until);
+  /// Queues the pieces of an answer that starts now, or when `busy_until` has passed. Returns when
+  /// the last piece that is not stray is due, for the answer after this one.
+  [[nodiscard]] TimePoint Add(std::vector<Piece> pieces, TimePoint busy_until);
 
   /// Writes what is due to a descriptor that does not block. SIGPIPE must be blocked or ignored.
   Result Send(int descriptor);

@@ -38,18 +38,12 @@ nanoseconds CharacterTime(int baud_rate) {
 }
 
 /// Takes the request that the input begins with; empty when its length or CRC does not fit (yet).
-Bytes TakeRequest(Bytes* input) {
-  if (input->size() <= FunctionOffset(Transport::kRtu)) {
+Bytes TakeRequest(Bytes& input) {
+  if (input.size() <= FunctionOffset(Transport::kRtu)) {
     return {};
   }
-  const std::size_t length = NeededRequestLength(*input, Transport::kRtu) + kCrcLength;
-  if (!HasRightCrc(*input, length)) {
-    return {};
-  }
-  const auto end = input->begin() + static_cast<std::ptrdiff_t>(length);
-  Bytes request(input->begin(), end);
-  input->erase(input->begin(), end);
-  return request;
+  const std::size_t length = NeededRequestLength(input, Transport::kRtu) + kCrcLength;
+  return IsRtuFrame(input, length) ? TakeFirst(input, length) : Bytes();
 }
 
 /// What the symbolic link points to; empty when there is none.
@@ -61,7 +55,7 @@ std::string LinkTarget(const std::string& path) {
 
 }  // namespace
 
-RtuBus::RtuBus(EventLoop* loop, std::string path, int baud_rate)
+RtuBus::RtuBus(EventLoop& loop, std::string path, int baud_rate)
     : loop_(loop),
       path_(std::move(path)),
       character_time_(CharacterTime(baud_rate)),
@@ -76,22 +70,22 @@ void RtuBus::AddDevice(int address, const Fault& fault) {
 }
 
 void RtuBus::Plug() {
-  const auto lock = loop_->Lock();
+  const auto lock = loop_.Lock();
   if (id_ != 0) {
     return;
   }
   OpenTerminal();
   Link();
-  id_ = loop_->Add(this);
-  loop_->Watch(master_.Get(), id_, EPOLLIN, EPOLL_CTL_ADD);
+  id_ = loop_.Add(*this);
+  loop_.Watch(master_.Get(), id_, EPOLLIN, EPOLL_CTL_ADD);
 }
 
 void RtuBus::Unplug() {
-  const auto lock = loop_->Lock();
+  const auto lock = loop_.Lock();
   if (id_ == 0) {
     return;
   }
-  loop_->Remove(std::exchange(id_, 0));
+  loop_.Remove(std::exchange(id_, 0));
   RemoveLink();
   master_.Reset();
   far_side_.Reset();
@@ -142,7 +136,7 @@ void RtuBus::RemoveLink() {
 }
 
 std::string RtuBus::TerminalName() const {
-  const auto lock = loop_->Lock();
+  const auto lock = loop_.Lock();
   return id_ != 0 ? terminal_name_ : "";
 }
 
@@ -158,7 +152,7 @@ std::size_t RtuBus::IndexOf(int address) const {
 
 void RtuBus::SetFault(int address, const Fault& fault) {
   fault.CheckTransport(Transport::kRtu);
-  const auto lock = loop_->Lock();
+  const auto lock = loop_.Lock();
   devices_[IndexOf(address)].device.fault = fault;
 }
 
@@ -184,7 +178,7 @@ void RtuBus::HandleTime(std::uint64_t) {
 }
 
 void RtuBus::ServeInput() {
-  for (Bytes request = TakeRequest(&input_); !request.empty(); request = TakeRequest(&input_)) {
+  for (Bytes request = TakeRequest(input_); !request.empty(); request = TakeRequest(input_)) {
     Serve(std::move(request));
   }
   if (input_.size() > kLargestInput) {
@@ -200,7 +194,7 @@ void RtuBus::ServeAfterSilence() {
   silent_at_.reset();
   // The length of a request with a function that is not known shows only now.
   Bytes request = std::exchange(input_, {});
-  if (HasRightCrc(request, request.size())) {
+  if (IsRtuFrame(request, request.size())) {
     Serve(std::move(request));
   }
 }
@@ -213,9 +207,9 @@ void RtuBus::Serve(Bytes request) {
       continue;
     }
     ++device.requests;
-    const Fault fault = Fault::TakeFromRequest(&request, Transport::kRtu).value_or(device.fault);
-    Answer answer = fault.Play(responder_.Reply(request, &device.registers), Transport::kRtu);
-    output_.Add(Paced(std::move(answer.pieces), request.size()), &each.busy_until);
+    const Fault fault = Fault::TakeFromRequest(request, Transport::kRtu).value_or(device.fault);
+    Answer answer = fault.Play(responder_.Reply(request, device.registers), Transport::kRtu);
+    each.busy_until = output_.Add(Paced(std::move(answer.pieces), request.size()), each.busy_until);
   }
 }
 
@@ -237,7 +231,7 @@ std::vector<Piece> RtuBus::Paced(std::vector<Piece> pieces, std::size_t request_
       const auto begin = piece.bytes.begin() + static_cast<std::ptrdiff_t>(offset);
       pause += character_time_ * static_cast<std::int64_t>(size);
       paced.push_back(
-          {Bytes(begin, begin + static_cast<std::ptrdiff_t>(size)), pause, piece.stray});
+          {Bytes(begin, begin + static_cast<std::ptrdiff_t>(size)), pause, piece.is_stray});
       pause = nanoseconds(0);
     }
   }
@@ -253,7 +247,7 @@ void RtuBus::TransmitAndArm() {
   if (silent_at_ && (!wake || *silent_at_ < *wake)) {
     wake = silent_at_;
   }
-  loop_->WakeAt(id_, wake);
+  loop_.WakeAt(id_, wake);
 }
 
 }  // namespace tmsc::simulator

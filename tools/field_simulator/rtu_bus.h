@@ -32,7 +32,7 @@ class RtuBus : private EventLoop::Handler {
   /// The loop stays with the caller and outlives the bus. baud_rate above 0: answers come at the
   /// pace of a line of that speed, 11 bits a character. Throws std::system_error when there are no
   /// descriptors left.
-  RtuBus(EventLoop* loop, std::string path, int baud_rate);
+  RtuBus(EventLoop& loop, std::string path, int baud_rate);
   /// Unplugs.
   ~RtuBus() override;
   RtuBus(const RtuBus&) = delete;
@@ -79,7 +79,7 @@ class RtuBus : private EventLoop::Handler {
   /// The device's index in devices_.
   std::size_t IndexOf(int address) const;
 
-  EventLoop* loop_;
+  EventLoop& loop_;
   const std::string path_;
   /// 0 without pacing.
   const std::chrono::nanoseconds character_time_;

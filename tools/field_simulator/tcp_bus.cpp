@@ -23,10 +23,8 @@ constexpr std::size_t kMaxQueuedPieces = 1024;
 /// How many blocks an endless answer sends before the other connections have their turn.
 constexpr int kEndlessBlocksAtOnce = 16;
 
-// The MBAP header: transaction 2 bytes, protocol 2 (0 for Modbus), length 2 (of what follows),
-// unit.
-constexpr std::size_t kHeaderLength = 6;
-constexpr std::size_t kUnitOffset = 6;
+// Where a Modbus/TCP frame names its protocol: 0 for Modbus.
+constexpr std::size_t kProtocolOffset = 2;
 /// Unit and function at least; a Modbus frame of 260 bytes at most.
 constexpr int kSmallestLengthField = 2;
 constexpr int kLargestLengthField = 254;
@@ -39,36 +37,30 @@ std::string EndpointText(const sockaddr_in& endpoint) {
 
 /// Takes the next whole Modbus/TCP frame out of the input; empty when there is none yet. Bytes
 /// that cannot be a frame are dropped, as there is no telling where the next frame begins.
-Bytes TakeFrame(Bytes* input) {
-  if (input->size() < kHeaderLength) {
+Bytes TakeFrame(Bytes& input) {
+  if (input.size() < kUnitOffset) {
     return {};
   }
-  const int length = BigEndian(&(*input)[4]);
-  if (BigEndian(&(*input)[2]) != 0 || length < kSmallestLengthField ||
+  const int length = modbus::WordAt(input, kLengthOffset);
+  if (modbus::WordAt(input, kProtocolOffset) != 0 || length < kSmallestLengthField ||
       length > kLargestLengthField) {
-    input->clear();
+    input.clear();
     return {};
   }
-  const std::size_t size = kHeaderLength + static_cast<std::size_t>(length);
-  if (input->size() < size) {
-    return {};
-  }
-  const auto end = input->begin() + static_cast<std::ptrdiff_t>(size);
-  Bytes frame(input->begin(), end);
-  input->erase(input->begin(), end);
-  return frame;
+  const std::size_t size = kUnitOffset + static_cast<std::size_t>(length);
+  return input.size() >= size ? TakeFirst(input, size) : Bytes();
 }
 
 }  // namespace
 
-TcpBus::TcpBus(EventLoop* loop)
+TcpBus::TcpBus(EventLoop& loop)
     : loop_(loop), spare_(open("/dev/null", O_RDONLY | O_CLOEXEC)), responder_(Transport::kTcp) {}
 
 TcpBus::~TcpBus() {
   Close();
 }
 
-void TcpBus::AddListener(const std::string& ip_address, std::uint16_t port, bool gateway,
+void TcpBus::AddListener(const std::string& ip_address, std::uint16_t port, bool is_gateway,
                          std::vector<SimulatedDevice*> devices) {
   auto listener = std::make_unique<Listener>();
   listener->endpoint.sin_family = AF_INET;
@@ -76,18 +68,18 @@ void TcpBus::AddListener(const std::string& ip_address, std::uint16_t port, bool
   if (inet_pton(AF_INET, ip_address.c_str(), &listener->endpoint.sin_addr) != 1) {
     throw std::invalid_argument("\"" + ip_address + "\" is not an IPv4 address");
   }
-  listener->gateway = gateway;
+  listener->is_gateway = is_gateway;
   listener->devices = std::move(devices);
-  Bind(listener.get());
-  const std::uint64_t id = loop_->Add(this);
-  if (gateway || listener->devices.front()->fault.Kind() != FaultKind::kRefuse) {
-    Listen(id, listener.get());
+  Bind(*listener);
+  const std::uint64_t id = loop_.Add(*this);
+  if (is_gateway || listener->devices.front()->fault.Kind() != FaultKind::kRefuse) {
+    Listen(id, *listener);
   }
   listeners_.emplace(id, std::move(listener));
 }
 
 void TcpBus::Close() {
-  const auto lock = loop_->Lock();
+  const auto lock = loop_.Lock();
   while (!connections_.empty()) {
     CloseConnection(connections_.begin()->first);
   }
@@ -109,6 +101,8 @@ std::map<std::uint64_t, std::unique_ptr<TcpBus::Listener>>::const_iterator TcpBu
 }
 
 std::uint16_t TcpBus::Port(const SimulatedDevice& device) const {
+  // Refusing binds anew.
+  const auto lock = loop_.Lock();
   return ntohs(ListenerOf(device)->second->endpoint.sin_port);
 }
 
@@ -116,52 +110,52 @@ std::uint64_t TcpBus::ConnectionsAccepted(const SimulatedDevice& device) const {
   return ListenerOf(device)->second->accepted;
 }
 
-void TcpBus::SetFault(SimulatedDevice* device, const Fault& fault) {
-  const auto lock = loop_->Lock();
-  const auto& [id, listener] = *ListenerOf(*device);
-  const bool refuse = fault.Kind() == FaultKind::kRefuse;
-  if (refuse && listener->gateway) {
+void TcpBus::SetFault(SimulatedDevice& device, const Fault& fault) {
+  const auto lock = loop_.Lock();
+  const auto& [id, listener] = *ListenerOf(device);
+  const bool is_refusing = fault.Kind() == FaultKind::kRefuse;
+  if (is_refusing && listener->is_gateway) {
     throw std::invalid_argument("a device cannot refuse behind a shared port");
   }
-  if (refuse && listener->listening) {
-    StopListening(listener.get());
-  } else if (!refuse && !listener->listening) {
-    Listen(id, listener.get());
+  if (is_refusing && listener->is_listening) {
+    StopListening(*listener);
+  } else if (!is_refusing && !listener->is_listening) {
+    Listen(id, *listener);
   }
-  device->fault = fault;
+  device.fault = fault;
 }
 
-void TcpBus::Bind(Listener* listener) {
+void TcpBus::Bind(Listener& listener) {
   Descriptor descriptor(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   const int on = 1;
-  auto* address = reinterpret_cast<sockaddr*>(&listener->endpoint);
-  socklen_t length = sizeof(listener->endpoint);
+  auto* address = reinterpret_cast<sockaddr*>(&listener.endpoint);
+  socklen_t length = sizeof(listener.endpoint);
   if (!descriptor.IsOpen() ||
       setsockopt(descriptor.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
       bind(descriptor.Get(), address, length) != 0 ||
       getsockname(descriptor.Get(), address, &length) != 0) {
-    throw SystemError("cannot bind " + EndpointText(listener->endpoint));
+    throw SystemError("cannot bind " + EndpointText(listener.endpoint));
   }
-  listener->descriptor = std::move(descriptor);
+  listener.descriptor = std::move(descriptor);
 }
 
-void TcpBus::Listen(std::uint64_t id, Listener* listener) {
-  if (!listener->descriptor.IsOpen()) {
+void TcpBus::Listen(std::uint64_t id, Listener& listener) {
+  if (!listener.descriptor.IsOpen()) {
     Bind(listener);
   }
-  if (listen(listener->descriptor.Get(), SOMAXCONN) != 0) {
-    throw SystemError("cannot listen on " + EndpointText(listener->endpoint));
+  if (listen(listener.descriptor.Get(), SOMAXCONN) != 0) {
+    throw SystemError("cannot listen on " + EndpointText(listener.endpoint));
   }
-  loop_->Watch(listener->descriptor.Get(), id, EPOLLIN, EPOLL_CTL_ADD);
-  listener->listening = true;
+  loop_.Watch(listener.descriptor.Get(), id, EPOLLIN, EPOLL_CTL_ADD);
+  listener.is_listening = true;
 }
 
-void TcpBus::StopListening(Listener* listener) {
-  listener->listening = false;
-  listener->descriptor.Reset();
+void TcpBus::StopListening(Listener& listener) {
+  listener.is_listening = false;
+  listener.descriptor.Reset();
   std::vector<std::uint64_t> ids;
   for (const auto& [id, connection] : connections_) {
-    if (connection->listener == listener) {
+    if (connection->listener == &listener) {
       ids.push_back(id);
     }
   }
@@ -171,8 +165,8 @@ void TcpBus::StopListening(Listener* listener) {
 
 void TcpBus::HandleEvents(std::uint64_t id, std::uint32_t events) {
   if (const auto listener = listeners_.find(id); listener != listeners_.end()) {
-    if (listener->second->listening) {
-      Accept(listener->second.get());
+    if (listener->second->is_listening) {
+      Accept(*listener->second);
     }
     return;
   }
@@ -180,28 +174,28 @@ void TcpBus::HandleEvents(std::uint64_t id, std::uint32_t events) {
   if (found == connections_.end()) {
     return;
   }
-  Connection* connection = found->second.get();
-  const bool gone =
+  Connection& connection = *found->second;
+  const bool is_gone =
       (events & (EPOLLERR | EPOLLHUP)) != 0 || ((events & EPOLLIN) != 0 && !Receive(connection));
-  if (gone || !Transmit(connection)) {
+  if (is_gone || !Transmit(connection)) {
     CloseConnection(id);
   }
 }
 
 void TcpBus::HandleTime(std::uint64_t id) {
-  if (!Transmit(connections_.at(id).get())) {
+  if (!Transmit(*connections_.at(id))) {
     CloseConnection(id);
   }
 }
 
-void TcpBus::Accept(Listener* listener) {
+void TcpBus::Accept(Listener& listener) {
   Descriptor descriptor(
-      accept4(listener->descriptor.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+      accept4(listener.descriptor.Get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
   if (!descriptor.IsOpen()) {
     if (errno == EMFILE || errno == ENFILE) {
       // Left in the queue, the connection would wake the loop for ever.
       spare_.Reset();
-      Descriptor(accept4(listener->descriptor.Get(), nullptr, nullptr, SOCK_CLOEXEC)).Reset();
+      Descriptor(accept4(listener.descriptor.Get(), nullptr, nullptr, SOCK_CLOEXEC)).Reset();
       spare_.Reset(open("/dev/null", O_RDONLY | O_CLOEXEC));
     }
     return;
@@ -209,62 +203,62 @@ void TcpBus::Accept(Listener* listener) {
   const int on = 1;
   setsockopt(descriptor.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
   auto connection = std::make_unique<Connection>();
-  connection->id = loop_->Add(this);
+  connection->id = loop_.Add(*this);
   connection->descriptor = std::move(descriptor);
-  connection->listener = listener;
+  connection->listener = &listener;
   connection->interest = EPOLLIN;
-  loop_->Watch(connection->descriptor.Get(), connection->id, connection->interest, EPOLL_CTL_ADD);
+  loop_.Watch(connection->descriptor.Get(), connection->id, connection->interest, EPOLL_CTL_ADD);
   connections_.emplace(connection->id, std::move(connection));
-  ++listener->accepted;
+  ++listener.accepted;
   ++open_connections_;
 }
 
 void TcpBus::CloseConnection(std::uint64_t id) {
-  loop_->Remove(id);
+  loop_.Remove(id);
   connections_.erase(id);
   --open_connections_;
 }
 
 /// False when the peer has closed the connection.
-bool TcpBus::Receive(Connection* connection) {
+bool TcpBus::Receive(Connection& connection) {
   std::array<std::uint8_t, kReceiveSize> buffer{};
-  const ssize_t size = recv(connection->descriptor.Get(), buffer.data(), buffer.size(), 0);
+  const ssize_t size = recv(connection.descriptor.Get(), buffer.data(), buffer.size(), 0);
   if (size <= 0) {
     return size < 0 && (errno == EAGAIN || errno == EINTR);
   }
-  connection->input.insert(connection->input.end(), buffer.begin(), buffer.begin() + size);
+  connection.input.insert(connection.input.end(), buffer.begin(), buffer.begin() + size);
   ServeInput(connection);
   return true;
 }
 
-void TcpBus::ServeInput(Connection* connection) {
-  const Listener& listener = *connection->listener;
+void TcpBus::ServeInput(Connection& connection) {
+  const Listener& listener = *connection.listener;
   // A device that answers whatever comes has no notion of a frame: what is read at once is one
   // request.
-  const bool unframed =
+  const bool is_unframed =
       ntohs(listener.endpoint.sin_port) == kFixedFramePort ||
-      (!listener.gateway && listener.devices.front()->fault.Kind() == FaultKind::kFixed);
-  while (connection->ending == Ending::kKeepOpen) {
-    Bytes request = unframed ? std::exchange(connection->input, {}) : TakeFrame(&connection->input);
+      (!listener.is_gateway && listener.devices.front()->fault.Kind() == FaultKind::kFixed);
+  while (connection.ending == Ending::kKeepOpen) {
+    Bytes request = is_unframed ? std::exchange(connection.input, {}) : TakeFrame(connection.input);
     if (request.empty()) {
       return;
     }
     Serve(connection, std::move(request));
   }
-  connection->input.clear();
+  connection.input.clear();
 }
 
-void TcpBus::Serve(Connection* connection, Bytes request) {
-  const Listener& listener = *connection->listener;
-  const bool fixed = ntohs(listener.endpoint.sin_port) == kFixedFramePort;
+void TcpBus::Serve(Connection& connection, Bytes request) {
+  const Listener& listener = *connection.listener;
+  const bool is_fixed = ntohs(listener.endpoint.sin_port) == kFixedFramePort;
   SimulatedDevice* device = listener.devices.front();
-  if (listener.gateway) {
+  if (listener.is_gateway) {
     const int unit = request.size() > kUnitOffset ? request[kUnitOffset] : 0;
     const auto found =
         std::find_if(listener.devices.begin(), listener.devices.end(),
                      [unit](const auto* each) { return each->registers.Address() == unit; });
     if (found == listener.devices.end()) {
-      if (!fixed) {
+      if (!is_fixed) {
         const Bytes frame = responder_.Exception(request, MODBUS_EXCEPTION_GATEWAY_TARGET);
         Enqueue(connection, Fault().Play(frame, Transport::kTcp));
       }
@@ -273,61 +267,58 @@ void TcpBus::Serve(Connection* connection, Bytes request) {
     device = *found;
   }
   ++device->requests;
-  const Fault fault = Fault::TakeFromRequest(&request, Transport::kTcp).value_or(device->fault);
-  const bool modbus = !fixed && fault.Kind() != FaultKind::kFixed;
-  const Bytes frame = modbus ? responder_.Reply(request, &device->registers) : FixedFrame();
+  const Fault fault = Fault::TakeFromRequest(request, Transport::kTcp).value_or(device->fault);
+  const bool is_modbus = !is_fixed && fault.Kind() != FaultKind::kFixed;
+  const Bytes frame = is_modbus ? responder_.Reply(request, device->registers) : FixedFrame();
   Enqueue(connection, fault.Play(frame, Transport::kTcp));
 }
 
-void TcpBus::Enqueue(Connection* connection, Answer answer) {
-  connection->output.Add(std::move(answer.pieces), &connection->busy_until);
-  connection->ending = answer.ending;
+void TcpBus::Enqueue(Connection& connection, Answer answer) {
+  connection.busy_until = connection.output.Add(std::move(answer.pieces), connection.busy_until);
+  connection.ending = answer.ending;
 }
 
 /// False when the connection is over: the device closes it, or the peer has.
-bool TcpBus::Transmit(Connection* connection) {
-  bool blocked = false;
-  if (!SendQueued(connection, &blocked)) {
+bool TcpBus::Transmit(Connection& connection) {
+  const PieceQueue::Result result = SendQueued(connection);
+  if (result == PieceQueue::Result::kFailed ||
+      (connection.output.Size() == 0 && connection.ending == Ending::kClose)) {
     return false;
   }
-  if (connection->output.Size() == 0 && connection->ending == Ending::kClose) {
-    return false;
-  }
-  Arm(connection, blocked);
+  Arm(connection, result == PieceQueue::Result::kBlocked);
   return true;
 }
 
-/// Sends the pieces that are due, and the filling of an endless answer. False when the peer is
-/// gone; blocked: there is more to send than the peer has room for now.
-bool TcpBus::SendQueued(Connection* connection, bool* blocked) {
+/// Sends the pieces that are due, and the filling of an endless answer, of which there is always
+/// more.
+PieceQueue::Result TcpBus::SendQueued(Connection& connection) {
   static const Bytes filling(kReceiveSize, 0xEE);
-  const int descriptor = connection->descriptor.Get();
+  const int descriptor = connection.descriptor.Get();
   // The thread of the loop has every signal blocked, so a peer that is gone raises none.
-  const PieceQueue::Result result = connection->output.Send(descriptor);
-  if (result != PieceQueue::Result::kSent) {
-    *blocked = result == PieceQueue::Result::kBlocked;
-    return *blocked;
+  const PieceQueue::Result result = connection.output.Send(descriptor);
+  if (result != PieceQueue::Result::kSent || connection.output.Size() != 0 ||
+      connection.ending != Ending::kEndless) {
+    return result;
   }
-  *blocked = connection->output.Size() == 0 && connection->ending == Ending::kEndless;
-  for (int block = 0; *blocked && block < kEndlessBlocksAtOnce; ++block) {
+  for (int block = 0; block < kEndlessBlocksAtOnce; ++block) {
     if (send(descriptor, filling.data(), filling.size(), MSG_NOSIGNAL) < 0) {
-      return errno == EAGAIN;
+      return errno == EAGAIN ? PieceQueue::Result::kBlocked : PieceQueue::Result::kFailed;
     }
   }
-  return true;
+  return PieceQueue::Result::kBlocked;
 }
 
 /// Asks for the events and the time at which there is something to do for the connection.
-void TcpBus::Arm(Connection* connection, bool blocked) {
-  std::uint32_t interest = blocked ? EPOLLOUT : 0U;
-  if (connection->output.Size() < kMaxQueuedPieces) {
+void TcpBus::Arm(Connection& connection, bool is_blocked) {
+  std::uint32_t interest = is_blocked ? EPOLLOUT : 0U;
+  if (connection.output.Size() < kMaxQueuedPieces) {
     interest |= EPOLLIN;
   }
-  if (interest != connection->interest) {
-    connection->interest = interest;
-    loop_->Watch(connection->descriptor.Get(), connection->id, interest, EPOLL_CTL_MOD);
+  if (interest != connection.interest) {
+    connection.interest = interest;
+    loop_.Watch(connection.descriptor.Get(), connection.id, interest, EPOLL_CTL_MOD);
   }
-  loop_->WakeAt(connection->id, blocked ? std::nullopt : connection->output.FirstDue());
+  loop_.WakeAt(connection.id, is_blocked ? std::nullopt : connection.output.FirstDue());
 }
 
 }  // namespace tmsc::simulator

@@ -30,7 +30,7 @@ class TcpBus : private EventLoop::Handler {
  public:
   /// The loop stays with the caller and outlives the bus. Throws std::system_error when there are
   /// no descriptors left.
-  explicit TcpBus(EventLoop* loop);
+  explicit TcpBus(EventLoop& loop);
   /// Closes.
   ~TcpBus() override;
   TcpBus(const TcpBus&) = delete;
@@ -39,7 +39,7 @@ class TcpBus : private EventLoop::Handler {
   /// Binds an endpoint (port 0: one that the kernel picks) and listens there, unless its device
   /// refuses. As a gateway it takes any number of devices, else exactly one. The devices stay with
   /// the caller and outlive the bus. Throws as FieldSimulator::Start.
-  void AddListener(const std::string& ip_address, std::uint16_t port, bool gateway,
+  void AddListener(const std::string& ip_address, std::uint16_t port, bool is_gateway,
                    std::vector<SimulatedDevice*> devices);
 
   /// Closes every connection and listener.
@@ -47,7 +47,7 @@ class TcpBus : private EventLoop::Handler {
 
   /// These serve the operations of the same name of FieldSimulator.
   std::uint16_t Port(const SimulatedDevice& device) const;
-  void SetFault(SimulatedDevice* device, const Fault& fault);
+  void SetFault(SimulatedDevice& device, const Fault& fault);
   std::uint64_t ConnectionsAccepted(const SimulatedDevice& device) const;
   std::uint64_t OpenConnections() const { return open_connections_; }
 
@@ -56,11 +56,11 @@ class TcpBus : private EventLoop::Handler {
 
   struct Listener {
     sockaddr_in endpoint{};
-    bool gateway = false;
+    bool is_gateway = false;
     std::vector<SimulatedDevice*> devices;
     /// Bound but not listening while the device refuses, so that the port stays its own.
     Descriptor descriptor;
-    bool listening = false;
+    bool is_listening = false;
     std::atomic<std::uint64_t> accepted{0};
   };
 
@@ -79,24 +79,24 @@ class TcpBus : private EventLoop::Handler {
   void HandleEvents(std::uint64_t id, std::uint32_t events) override;
   void HandleTime(std::uint64_t id) override;
 
-  void Bind(Listener* listener);
-  void Listen(std::uint64_t id, Listener* listener);
-  void StopListening(Listener* listener);
-  void Accept(Listener* listener);
+  void Bind(Listener& listener);
+  void Listen(std::uint64_t id, Listener& listener);
+  void StopListening(Listener& listener);
+  void Accept(Listener& listener);
   void CloseConnection(std::uint64_t id);
 
-  bool Receive(Connection* connection);
-  void ServeInput(Connection* connection);
-  void Serve(Connection* connection, Bytes request);
-  void Enqueue(Connection* connection, Answer answer);
-  bool Transmit(Connection* connection);
-  bool SendQueued(Connection* connection, bool* blocked);
-  void Arm(Connection* connection, bool blocked);
+  bool Receive(Connection& connection);
+  void ServeInput(Connection& connection);
+  void Serve(Connection& connection, Bytes request);
+  void Enqueue(Connection& connection, Answer answer);
+  bool Transmit(Connection& connection);
+  PieceQueue::Result SendQueued(Connection& connection);
+  void Arm(Connection& connection, bool is_blocked);
 
   std::map<std::uint64_t, std::unique_ptr<Listener>>::const_iterator ListenerOf(
       const SimulatedDevice& device) const;
 
-  EventLoop* loop_;
+  EventLoop& loop_;
   /// Given up for a moment to accept and close a connection when descriptors run out.
   Descriptor spare_;
   ModbusResponder responder_;
