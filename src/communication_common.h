@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 namespace tmsc {
@@ -30,11 +31,13 @@ constexpr int kRequestDataTypeTCPIP = 2;
 
 /// Bytes in SendData::send_data: two length bytes and at most 126 frame bytes.
 constexpr int kDeviceCommunicationSendDataBuffSize = 128;
+/// Bytes of the length in SendData::send_data; the frame starts behind them.
+constexpr int kSendFrameOffset = 2;
 /// Bytes in DeviceReceiveData::data.
 constexpr int kDeviceCommunicationReceiveDataBuffSize = 438;
 
 /// Longest frame that SendData can hold, in bytes.
-constexpr int kMaxSendFrameLength = kDeviceCommunicationSendDataBuffSize - 2;
+constexpr int kMaxSendFrameLength = kDeviceCommunicationSendDataBuffSize - kSendFrameOffset;
 
 /// Status of a whole request, ReceiveData::status.
 constexpr int kDeviceCommunicationStatusNoError = 0;
@@ -147,6 +150,24 @@ static_assert(sizeof(DeviceReceiveData) == 441);
 static_assert(sizeof(ReceiveData) == 13675);
 static_assert(sizeof(ResponseReceiveData) == 13739);
 static_assert(offsetof(ResponseReceiveData, receive_data) == 64);
+
+/// The frame length that an entry states, 0 to 65535; only up to kMaxSendFrameLength there can be a
+/// frame of that length.
+inline int FrameLengthOf(const SendData& entry) {
+  return entry.send_data[0] | entry.send_data[1] << 8;
+}
+
+/// The first byte of an entry's frame.
+inline const byte* FrameOf(const SendData& entry) {
+  return entry.send_data + kSendFrameOffset;
+}
+
+/// Puts a frame of `length`, 0 to kMaxSendFrameLength, bytes into an entry.
+inline void SetFrame(SendData& entry, const byte* frame, int length) {
+  entry.send_data[0] = static_cast<byte>(length & 0xFF);
+  entry.send_data[1] = static_cast<byte>(length >> 8);
+  std::memcpy(entry.send_data + kSendFrameOffset, frame, static_cast<std::size_t>(length));
+}
 
 }  // namespace tmsc
 
