@@ -1,106 +1,68 @@
 #include <gtest/gtest.h>
-#include <sys/wait.h>
+#include <signal.h>
+#include <sys/stat.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <cstring>
-#include <mutex>
+#include <csignal>
+#include <map>
 
 #include "request_builder.h"
 #include "support/fake_daemon.h"
 #include "support/shell.h"
+#include "support/wait.h"
 
 namespace tmsc {
 namespace {
 
-using test::ShellResult;
+using test::Contains;
 
-ShellResult RunTamselctl(const std::string& arguments) {
-  return test::RunShell(std::string(TAMSELCTL_PATH) + " " + arguments);
+const std::string kRequest = std::string(TAMSELCTL_PATH) + " request ";
+const std::string kTcp = "--channel 2 --device 5=192.0.2.7:502 ";
+const std::string kRead = kTcp + "--read-holding 0x10,2 ";
+const std::string kGoodAnswer = "0001 0000 0007 05 0304 1234 FFFF";
+const std::string kRtu = "--channel 2 --device 5 --baud 19200 ";
+const std::string kReadRtu = kRtu + "--read-holding 0x10,2 ";
+const std::string kGoodRtuAnswer = "05 0304 1234 FFFF FAF5";
+
+std::string Repeated(const std::string& text, int count) {
+  return count == 0 ? "" : text + Repeated(text, count - 1);
 }
 
-ResponseReceiveData Status(int status) {
-  return FakeDaemon::MakeResponse(kRequestDataTypeTCPIP, status);
-}
-
-std::vector<byte> Frame(const SendData& entry) {
-  return {entry.send_data + 2, entry.send_data + 2 + entry.send_data[0]};
-}
-
-ResponseReceiveData Answer(int address, int status, const std::vector<byte>& frame) {
-  ResponseReceiveData response = Status(0);
-  FakeDaemon::SetAnswer(response, address, static_cast<byte>(status), frame);
-  return response;
+void ExpectRun(const std::string& command, int exit_code, const std::string& text) {
+  const test::ShellResult run = test::RunShell(command);
+  EXPECT_EQ(run.exit_code, exit_code) << command << '\n' << run.output;
+  EXPECT_TRUE(Contains(run.output, text)) << command << '\n' << text << '\n' << run.output;
 }
 
 // Answers each request with the next response, and closes without one when none is left.
-class AnsweringDaemon {
+class AnsweringDaemon : public FakeDaemon {
  public:
   explicit AnsweringDaemon(std::vector<ResponseReceiveData> responses)
-      : responses_(std::move(responses)), daemon_([this](int connection) { Serve(connection); }) {}
-
-  std::string Arguments(const std::string& arguments) const {
-    return "request --socket " + daemon_.Path() + " " + arguments;
+      : FakeDaemon([responses, next = std::size_t{0}](int connection) mutable {
+          ReadOnce(connection, sizeof(TcpIpRequest));
+          if (next < responses.size()) {
+            Send(connection, responses[next++]);
+          }
+        }) {}
+  std::string Command(const std::string& arguments) const {
+    return kRequest + "--socket " + Path() + " " + arguments;
   }
-  template <typename Request>
-  Request LastRequest() {
-    const std::lock_guard lock(mutex_);
-    Request request{};
-    EXPECT_EQ(last_request_.size(), sizeof(Request));
-    std::copy_n(last_request_.begin(), std::min(last_request_.size(), sizeof(Request)),
-                reinterpret_cast<byte*>(&request));
-    return request;
-  }
-
- private:
-  void Serve(int connection) {
-    const std::vector<byte> bytes = FakeDaemon::ReadOnce(connection, sizeof(TcpIpRequest));
-    const std::lock_guard lock(mutex_);
-    last_request_ = bytes;
-    if (next_ < responses_.size()) {
-      FakeDaemon::Send(connection, &responses_[next_++], sizeof(ResponseReceiveData));
-    }
-  }
-
-  std::mutex mutex_;
-  std::vector<ResponseReceiveData> responses_;
-  std::size_t next_ = 0;
-  std::vector<byte> last_request_;
-  FakeDaemon daemon_;  // last, so that its thread ends before what it uses
 };
 
-const std::string kRead = "--channel 2 --device 5=192.0.2.7:502 --read-holding 0x10,2 ";
-const std::vector<byte> kReadFrame = {0, 1, 0, 0, 0, 6, 5, 3, 0, 0x10, 0, 2};
-const std::vector<byte> kGoodAnswer = {0, 1, 0, 0, 0, 7, 5, 3, 4, 0x12, 0x34, 0xFF, 0xFF};
-
-const std::string kRtu = "--channel 2 --device 5 --baud 19200 ";
-const std::string kReadRtu = kRtu + "--read-holding 0x10,2 ";
-const std::vector<byte> kGoodRtuAnswer = {5, 3, 4, 0x12, 0x34, 0xFF, 0xFF, 0xFA, 0xF5};
-
-std::vector<byte> Changed(std::vector<byte> bytes, std::size_t offset, byte value) {
-  bytes[offset] = value;
-  return bytes;
-}
-
-struct ResponseCase {
-  std::string arguments;
-  std::vector<ResponseReceiveData> responses;
-  int exit_code;
-  std::string text;
-};
-
-void ExpectExitStatusAndText(const std::vector<ResponseCase>& cases) {
-  for (const ResponseCase& given : cases) {
-    AnsweringDaemon daemon(given.responses);
-    const ShellResult run = RunTamselctl(daemon.Arguments(given.arguments));
-    EXPECT_EQ(run.exit_code, given.exit_code) << given.arguments << run.output;
-    EXPECT_NE(run.output.find(given.text), std::string::npos) << given.text << '\n' << run.output;
-  }
+ResponseReceiveData SlotLength(int length) {
+  ResponseReceiveData response{};
+  response.receive_data.receive_data[4].length = static_cast<std::int16_t>(length);
+  return response;
 }
 
 TEST(Tamselctl, ExitStatusAndTextFollowTheResponse) {
-  ExpectExitStatusAndText({
+  const std::string write = kRtu + "--write-registers 0x100,1,2 ";
+  const std::string raw = kRtu + "--crc --frame ";
+  const struct {
+    std::string arguments;
+    std::vector<ResponseReceiveData> responses;
+    int exit_code;
+    std::string text;
+  } cases[] = {
       {kRead, {Answer(5, 0, kGoodAnswer)}, 0, "registers: 4660 65535\n"},
       {kRead, {Answer(5, 0, kGoodAnswer)}, 0, "192.0.2.7:502  ok      000100000007050304"},
       {kRead + "--format json",
@@ -108,147 +70,118 @@ TEST(Tamselctl, ExitStatusAndTextFollowTheResponse) {
        0,
        R"("devices":[{"device":5,"place":"192.0.2.7:502","ok":true,"status":"ok",)"
        R"("answer":"0001000000070503041234FFFF","registers":[4660,65535]}]})"},
-      {kRead, {Answer(5, 0, {0, 1, 0, 0, 0, 3, 5, 0x83, 2})}, 5, "exception 2: illegal data addr"},
-      {kRead, {Answer(5, 0, Changed(kGoodAnswer, 1, 2))}, 5, "misfit: wrong transaction"},
-      {kRead, {Answer(5, 0, Changed(kGoodAnswer, 6, 6))}, 5, "misfit: wrong unit"},
-      {kRead, {Answer(5, 0, Changed(kGoodAnswer, 7, 4))}, 5, "misfit: wrong function"},
-      {kRead, {Answer(5, 0, Changed(kGoodAnswer, 8, 2))}, 5, "misfit: not the registers asked"},
-      {kRead, {Answer(5, 0, {0, 1, 0, 0, 0, 7, 5})}, 5, "misfit: no Modbus/TCP frame"},
-      {kRead, {Answer(5, 20, {})}, 5, "connect failed + send or receive failed"},
+      {kRead, {Answer(5, 0, "0001 0000 0003 05 8302")}, 5, "exception 2: illegal data addr"},
+      {kRead, {Answer(5, 0, "0002 0000 0007 05 0304 1234 FFFF")}, 5, "misfit: wrong transaction"},
+      {kRead, {Answer(5, 0, "0001 0000 0007 06 0304 1234 FFFF")}, 5, "misfit: wrong unit"},
+      {kRead, {Answer(5, 0, "0001 0000 0007 05 0404 1234 FFFF")}, 5, "misfit: wrong function"},
+      {kRead, {Answer(5, 0, "0001 0000 0007 05 0302 1234 FFFF")}, 5, "not the registers asked"},
+      {kRead, {Answer(5, 0, "0001 0000 0007 05")}, 5, "misfit: no Modbus/TCP frame"},
+      {kRead, {Answer(5, 20, "")}, 5, "connect failed + send or receive failed"},
+      {kRead, {Answer(5, 41, "")}, 5, "internal exception + unknown status 33"},
       {kRead, {Answer(6, 0, kGoodAnswer)}, 5, "no answer"},
-      {"--channel 2 --device 5=192.0.2.7:502 --frame 11", {Answer(5, 0, {0xAB})}, 0, "ok      AB"},
+      {kRead, {SlotLength(-1)}, 5, "broken slot"},
+      {kRead, {SlotLength(439)}, 5, "broken slot"},
+      {kTcp + "--frame 11", {Answer(5, 0, "AB")}, 0, "ok      AB"},
       {kRead, {Status(10)}, 4, "channel 2: the channel is busy"},
       {kRead + "--busy-wait 5000", {Status(10), Answer(5, 0, kGoodAnswer)}, 0, "4660 65535"},
-      {kRead + "--busy-wait 60", {Status(10), Status(10), Status(10), Status(10)}, 4, "busy"},
+      {kRead + "--busy-wait 60", std::vector(4, Status(10)), 4, "busy"},
       {kRead, {Status(4)}, 6, "did not receive the whole payload"},
+      {kRead, {Status(99)}, 6, "unknown status 99"},
       {kRead, {}, 6, "closed the connection without an answer"},
-  });
-}
 
-TEST(Tamselctl, ExitStatusAndTextFollowTheRs485Response) {
-  const std::string write = kRtu + "--write-registers 0x100,1,2 ";
-  ExpectExitStatusAndText({
       {kReadRtu, {Answer(5, 0, kGoodRtuAnswer)}, 0, "registers: 4660 65535\n"},
-      {kReadRtu + "--format json",
-       {Answer(5, 0, kGoodRtuAnswer)},
-       0,
-       R"({"device":5,"place":"19200 8N1","ok":true,"status":"answered",)"},
-      {write, {Answer(5, 0, {5, 16, 1, 0, 0, 2, 0x41, 0xB0})}, 0, "answered"},
-      {write, {Answer(5, 0, {5, 16, 1, 0, 0, 1, 0x01, 0xB1})}, 5, "not the registers written"},
-      {kReadRtu, {Answer(5, 0, {5, 0x83, 2, 0x81, 0x30})}, 5, "exception 2: illegal data addr"},
-      {kReadRtu, {Answer(5, 0, Changed(kGoodRtuAnswer, 3, 0))}, 5, "wrong CRC"},
-      {kReadRtu, {Answer(5, 0, {5, 3})}, 5, "wrong CRC"},
-      {kReadRtu, {Answer(5, 0, {5, 0x7F, 0x43})}, 5, "misfit: no Modbus RTU frame"},
-      {kReadRtu,
-       {Answer(5, 0, {6, 3, 4, 0x12, 0x34, 0xFF, 0xFF, 0xC9, 0xF5})},
-       5,
-       "answer of device 6"},
-      {kReadRtu,
-       {Answer(5, 0, {5, 4, 4, 0x12, 0x34, 0xFF, 0xFF, 0xFB, 0x42})},
-       5,
-       "misfit: wrong function"},
-      {kReadRtu, {Answer(5, 0, {5, 3, 2, 0x12, 0x34, 0x44, 0xF3})}, 5, "not the registers asked"},
-      {kReadRtu, {Answer(5, 1, {})}, 5, "no answer"},
-      {kReadRtu, {Answer(5, 0, {})}, 5, "no answer"},
-      {kReadRtu, {Answer(5, 2, {})}, 5, "line error"},
-      {kReadRtu, {Answer(5, 3, {})}, 5, "answer too long"},
-      {kReadRtu, {Answer(5, 4, {})}, 5, "port gone"},
-      {kReadRtu, {Answer(5, 5, {})}, 5, "unknown status 5"},
-      {kRtu + "--frame 11", {Answer(5, 0, {0xAB, 1, 2})}, 0, "answered  AB0102"},
-      {kRtu + "--frame 11 --crc", {Answer(5, 0, {0xAB, 1, 2})}, 5, "wrong CRC"},
-      {kRtu + "--frame 11 --crc", {Answer(5, 0, {0xAB, 0xFE, 0xFF})}, 0, "answered  AB"},
-      {kRtu + "--frame 0011 --broadcast", {Answer(5, 0, {})}, 0, "sent"},
-      {kRtu + "--frame 0011 --broadcast", {Answer(5, 4, {})}, 5, "port gone"},
-      {kReadRtu, {Status(10)}, 4, "the channel is busy"},
+      {kReadRtu + "--format json", {Answer(5, 0, "")}, 5, R"("19200 8N1","ok":false,"status":"no)"},
+      {write, {Answer(5, 0, "05 10 0100 0002 41B0")}, 0, "answered"},
+      {write, {Answer(5, 0, "05 10 0100 0001 01B1")}, 5, "not the registers written"},
+      {kReadRtu, {Answer(5, 0, "05 8302 8130")}, 5, "exception 2: illegal data addr"},
+      {kReadRtu, {Answer(5, 0, "05 0304 0034 FFFF FAF5")}, 5, "wrong CRC"},
+      {kReadRtu, {Answer(5, 0, "0503")}, 5, "wrong CRC"},
+      {kReadRtu, {Answer(5, 0, "05 7F43")}, 5, "misfit: no Modbus RTU frame"},
+      {kReadRtu, {Answer(5, 0, "06 0304 1234 FFFF C9F5")}, 5, "answer of device 6"},
+      {kReadRtu, {Answer(5, 0, "05 0404 1234 FFFF FB42")}, 5, "misfit: wrong function"},
+      {kReadRtu, {Answer(5, 0, "05 0302 1234 44F3")}, 5, "not the registers asked"},
+      {kReadRtu, {Answer(5, 1, "")}, 5, "no answer"},
+      {kReadRtu, {Answer(5, 9, "")}, 5, "unknown status 9"},
+      {kRtu + "--frame 11", {Answer(5, 0, "AB0102")}, 0, "answered  AB0102"},
+      {raw + "050300100002", {Answer(5, 0, kGoodRtuAnswer)}, 0, "registers: 4660 65535\n"},
+      {raw + "050300100002", {Answer(5, 0, "05 8302 8130")}, 5, "exception 2: illegal data addr"},
+      {raw + "050300100002", {Answer(5, 0, "06 0304 1234 FFFF C9F5")}, 5, "answer of device 6"},
+      {raw + "F70333", {Answer(5, 0, "AB FEFF")}, 5, "misfit: no Modbus RTU frame"},
+      // Not Modbus: one byte, a reserved address, and what are no function codes.
+      {raw + "11", {Answer(5, 0, "AB0102")}, 5, "wrong CRC"},
+      {raw + "11", {Answer(5, 0, "AB FEFF")}, 0, "answered  AB"},
+      {raw + "F80333", {Answer(5, 0, "AB FEFF")}, 0, "answered  AB"},
+      {raw + "110033", {Answer(5, 0, "AB FEFF")}, 0, "answered  AB"},
+      {raw + "118333", {Answer(5, 0, "AB FEFF")}, 0, "answered  AB"},
+      {kRtu + "--frame 0011 --broadcast", {Answer(5, 0, "")}, 0, "sent"},
+      {kRtu + "--frame 0011 --broadcast", {Answer(5, 4, "")}, 5, "port gone"},
       {kReadRtu, {Status(8)}, 6, "the RS485 port could not be opened"},
-  });
-}
-
-TEST(Tamselctl, SendsTheFrameAsked) {
-  const std::string device = "--channel 3 --device 9=192.0.2.1:502 --device 5=192.0.2.7:503 ";
-  const struct {
-    std::string arguments;
-    std::vector<byte> frame;  // of device 5, the second in the request
-  } cases[] = {
-      {"--read-holding 0x10,2", Changed(kReadFrame, 1, 2)},
-      {"--read-input 16,2 --unit 0xFF", {0, 2, 0, 0, 0, 6, 0xFF, 4, 0, 16, 0, 2}},
-      {"--write-registers 256,65535,0x102",
-       {0, 2, 0, 0, 0, 11, 5, 16, 1, 0, 0, 2, 4, 0xFF, 0xFF, 1, 2}},
-      {"--frame 9:FF --frame 5:'0a 0B'", {0x0A, 0x0B}},
-      {"--frame 0c", {0x0C}},
   };
   for (const auto& given : cases) {
-    AnsweringDaemon daemon({Status(4)});
-    EXPECT_EQ(
-        RunTamselctl(daemon.Arguments(device + "--timeout 0x100 " + given.arguments)).exit_code, 6);
-    const auto request = daemon.LastRequest<TcpIpRequest>();
-    const SendData& entry = request.payload.send_data[1];
-    EXPECT_EQ(entry.address, 5);
-    EXPECT_EQ(Frame(entry), given.frame) << given.arguments;
-    EXPECT_STREQ(request.payload.port_params[1].ip_address, "192.0.2.7");
-    EXPECT_EQ(request.payload.port_params[1].port + 0, 503);
-    EXPECT_EQ(request.payload.port_params[1].timeout + 0, 256);
-    EXPECT_EQ(request.header.channel_index + 0, 3);
+    ExpectRun(AnsweringDaemon(given.responses).Command(given.arguments), given.exit_code,
+              given.text);
   }
 }
 
-TEST(Tamselctl, SendsTheRs485FrameAndParametersAsked) {
+using Parts = std::map<std::size_t, std::string>;
+
+TEST(Tamselctl, SendsTheRecordAskedInOneWrite) {
+  const std::string tcp = "--device 9=192.0.2.1:502 --device 5=192.0.2.7:503 --timeout 0x100 ";
+  const Parts tcp_parts = {{8, "03"},
+                           {12, "02"},
+                           {64, "03"},
+                           {68, "09 3139322E302E322E31"},
+                           {87, "F601"},
+                           {95, "0001"},
+                           {97, "05 3139322E302E322E37"},
+                           {116, "F701"},
+                           {124, "0001"}};
+  const std::string rtu = "--device 5 --baud ";
+  const Parts rtu_parts = {{8, "03"}, {12, "01"}, {64, "03"}};
   const struct {
     std::string arguments;
-    byte baud_code;
-    SetPortParams parameters;
-    std::vector<byte> frame;
+    Parts parts;  // by offset, beside those that are the same in each row
   } cases[] = {
-      {"--baud 1200 --read-holding 0x10,2",
-       0,
-       {5, 0, 1000, 0, 0, 0},
-       {5, 3, 0, 16, 0, 2, 0xC4, 0x4A}},
-      {"--baud 921600 --line 7O2 --silence 20 --timeout 300 --wait 255 --unit 255 "
-       "--read-input 16,2",
-       10,
-       {5, 11, 300, 0, 20, 255},
-       {0xFF, 4, 0, 16, 0, 2, 0x65, 0xD0}},
-      {"--baud 19200 --line 8E1 --delimiter 0x0D,2 --write-registers 256,65535,0x102",
-       4,
-       {5, 1, 1000, 13, 2, 0},
-       {5, 16, 1, 0, 0, 2, 4, 0xFF, 0xFF, 1, 2, 0x6B, 0x7A}},
-      {"--baud 9600 --delimiter 10 --broadcast --write-registers 256,7",
-       3,
-       {5, 0, 1000, 10, 0, 0},
-       {0, 16, 1, 0, 0, 1, 2, 0, 7, 0xFA, 0xC2}},
-      {"--baud 9600 --frame 112233", 3, {5, 0, 1000, 0, 0, 0}, {0x11, 0x22, 0x33}},
-      {"--baud 9600 --crc --frame 112233",
-       3,
-       {5, 0, 1000, 0, 0, 0},
-       {0x11, 0x22, 0x33, 0x79, 0x70}},
+      {tcp + "--read-holding 0x10,2",
+       {{967, "09 0C00 0001 0000 0006 09 03 0010 0002"},
+        {1096, "05 0C00 0002 0000 0006 05 03 0010 0002"}}},
+      {tcp + "--read-input 16,2 --unit 0xFF",
+       {{967, "09 0C00 0001 0000 0006 FF 04 0010 0002"},
+        {1096, "05 0C00 0002 0000 0006 FF 04 0010 0002"}}},
+      {tcp + "--write-registers 256,65535,0x102",
+       {{967, "09 1100 0001 0000 000B 09 10 0100 0002 04 FFFF 0102"},
+        {1096, "05 1100 0002 0000 000B 05 10 0100 0002 04 FFFF 0102"}}},
+      {tcp + "--frame 9:FF --frame 5:'0a 0B'", {{967, "09 0100 FF"}, {1096, "05 0200 0A0B"}}},
+      {tcp + "--frame 0c", {{967, "09 0100 0C"}, {1096, "05 0100 0C"}}},
+      {rtu + "1200 --read-holding 0x10,2",
+       {{68, "00 05 00 E803"}, {286, "05 0800 05 03 0010 0002 C44A"}}},
+      {rtu + "921600 --line 7O2 --silence 20 --timeout 300 --wait 255 --unit 255 --read-input 16,2",
+       {{68, "0A 05 0B 2C01 00 14 FF"}, {286, "05 0800 FF 04 0010 0002 65D0"}}},
+      {rtu + "19200 --line 8E1 --delimiter 0x0D,2 --write-registers 256,65535,0x102",
+       {{68, "04 05 01 E803 0D 02 00"}, {286, "05 0D00 05 10 0100 0002 04 FFFF 0102 6B7A"}}},
+      {rtu + "9600 --delimiter 10 --broadcast --write-registers 256,7",
+       {{68, "03 05 00 E803 0A"}, {286, "05 0B00 00 10 0100 0001 02 0007 FAC2"}}},
+      {rtu + "9600 --frame 112233", {{68, "03 05 00 E803"}, {286, "05 0300 112233"}}},
+      {rtu + "9600 --crc --frame 112233", {{68, "03 05 00 E803"}, {286, "05 0500 112233 7970"}}},
+      {rtu + "9600 --write-registers 256" + Repeated(",0", 27),
+       {{68, "03 05 00 E803"}, {286, "05 3F00 05 10 0100 001B 36"}, {350, "B994"}}},
   };
   for (const auto& given : cases) {
-    AnsweringDaemon daemon({Status(4)});
-    EXPECT_EQ(RunTamselctl(daemon.Arguments("--channel 3 --device 5 " + given.arguments)).exit_code,
-              6);
-    const auto request = daemon.LastRequest<Rs485Request>();
-    EXPECT_EQ(Frame(request.payload.send_data[0]), given.frame) << given.arguments;
-    EXPECT_EQ(request.payload.send_data[0].address, 5);
-    EXPECT_EQ(std::memcmp(request.payload.port_params, &given.parameters, sizeof(SetPortParams)), 0)
-        << given.arguments;
-    EXPECT_EQ(request.payload.baud_rate, given.baud_code);
-    EXPECT_EQ(request.payload.channel + 0, 3);
-    EXPECT_EQ(request.header.type + 0, kRequestDataTypeRS485);
+    const bool is_rtu = Contains(given.arguments, "--baud");
+    std::vector<byte> expected(is_rtu ? sizeof(Rs485Request) : sizeof(TcpIpRequest));
+    for (const Parts& parts : {is_rtu ? rtu_parts : tcp_parts, given.parts}) {
+      for (const auto& [offset, digits] : parts) {
+        const std::vector<byte> bytes = FromHex(digits);
+        std::copy(bytes.begin(), bytes.end(), expected.data() + offset);
+      }
+    }
+    std::vector<byte> received;
+    {
+      FakeDaemon daemon([&](int socket) { received = FakeDaemon::ReadOnce(socket, 10000); });
+      ExpectRun(kRequest + "--channel 3 " + given.arguments + " --socket " + daemon.Path(), 6, "");
+    }
+    EXPECT_EQ(received, expected) << given.arguments;
   }
-}
-
-TEST(Tamselctl, WritesAsManyRegistersAsAnRs485FrameHolds) {
-  std::string values = "0";
-  for (int count = 1; count <= 27; ++count) {
-    values += ",1";
-  }
-  AnsweringDaemon daemon({Status(4)});
-  const std::string arguments = daemon.Arguments(kRtu + "--write-registers " + values);
-  EXPECT_EQ(RunTamselctl(arguments).exit_code, 6);
-  EXPECT_EQ(Frame(daemon.LastRequest<Rs485Request>().payload.send_data[0]).size(), 63U);
-  const ShellResult run = RunTamselctl(arguments + ",1");
-  EXPECT_EQ(run.exit_code, 2);
-  EXPECT_NE(run.output.find("1 to 27 registers"), std::string::npos) << run.output;
 }
 
 TEST(Tamselctl, WrongUsageIsRefusedBeforeAnythingIsSent) {
@@ -266,6 +199,7 @@ TEST(Tamselctl, WrongUsageIsRefusedBeforeAnythingIsSent) {
       {one + "--frame 01 --read-input 0,1", "2 were given"},
       {one + "--frame 012", "012 is not HEX"},
       {one + "--frame 2:01", "no device 2"},
+      {one + "--frame 01 --frame 02", "a second frame for device 1"},
       {one + "--device 2=192.0.2.2:502 --frame 1:01", "no frame for device 2"},
       {one + "--frame 01 --unit 3", "sent as they are"},
       {one + "--read-holding 0,126", "1 to 125 registers"},
@@ -273,12 +207,10 @@ TEST(Tamselctl, WrongUsageIsRefusedBeforeAnythingIsSent) {
       {one + "--read-holding 1,-1", "is not START,COUNT"},
       {one + "--write-registers 1,65536", "is not START,VALUE"},
       {one + "--device 2 --frame 01", "do not mix"},
-      {one + "--device 2 --baud 9600 --frame 01", "do not mix"},
       {one + "--baud 9600 --frame 01", "have no speed"},
       {one + "--line 8E1 --frame 01", "--line requires --baud"},
       {"--channel 1 --device 1 --frame 01", "needs --baud"},
       {"--channel 1 --device 32 --baud 9600 --frame 01", "32 is not an address of 1 to 31"},
-      {kRtu + "--device 5 --frame 01", "in the request already"},
       {"--channel 1 --device 1 --baud 9601 --frame 01", "9601 is not one of 1200, 2400, 4800"},
       {kRtu + "--line 9N1 --frame 01", "9N1 is not one of 8N1, 8E1"},
       {kRtu + "--wait 256 --frame 01", "256 is not a number of 0 to 255"},
@@ -286,39 +218,126 @@ TEST(Tamselctl, WrongUsageIsRefusedBeforeAnythingIsSent) {
       {kRtu + "--delimiter 1,256 --frame 01", "1,256 is not BYTE[,AFTER]"},
       {kRtu + "--delimiter 1 --silence 1 --frame 01", "excludes"},
       {kRtu + "--frame " + std::string(126, '1') + " --crc", "a frame of 65 bytes is longer"},
+      {kRtu + "--write-registers 0" + Repeated(",1", 28), "1 to 27 registers"},
+      {one + "--write-registers 0" + Repeated(",1", 57), "1 to 56 registers"},
       {kRtu + "--frame 0001", "needs it"},
       {kRtu + "--frame 0101 --broadcast", "is not 0"},
       {kRtu + "--unit 0 --read-input 0,1", "needs it"},
       {kRtu + "--device 6 --frame 00 --broadcast", "one --device is enough"},
       {kRtu + "--read-input 0,1 --broadcast", "nothing can be read"},
       {kRtu + "--read-input 0,1 --crc", "only --frame"},
+      {one + "--frame ''", "the argument behind --frame is empty"},
+      {"''", "the argument behind request is empty"},
   };
   for (const auto& given : cases) {
-    const ShellResult run = RunTamselctl("request --socket /nonexistent/socket " + given.arguments);
-    EXPECT_EQ(run.exit_code, 2) << given.arguments;
-    EXPECT_NE(run.output.find(given.text), std::string::npos) << run.output;
+    ExpectRun(kRequest + "--socket /nonexistent/socket " + given.arguments, 2, given.text);
   }
-  EXPECT_EQ(RunTamselctl("").exit_code, 2);
-  EXPECT_EQ(RunTamselctl("request --help").exit_code, 0);
 }
 
-TEST(Tamselctl, DaemonThatIsAbsentOrSilentEndsWithThree) {
-  EXPECT_EQ(RunTamselctl("request --socket /nonexistent/socket " + kRead).exit_code, 3);
-  FakeDaemon silent([](int connection) {
-    FakeDaemon::ReadOnce(connection, sizeof(TcpIpRequest));
-    FakeDaemon::ReadOnce(connection, 1);
-  });
-  const Deadline latest(std::chrono::seconds(3));
-  const ShellResult run =
-      RunTamselctl("request --socket " + silent.Path() + " --deadline 100 " + kRead);
-  EXPECT_EQ(run.exit_code, 3);
-  EXPECT_NE(run.output.find("did not answer in time"), std::string::npos) << run.output;
-  EXPECT_FALSE(latest.HasPassed());
+TEST(Tamselctl, CommandLineWithoutARequest) {
+  const struct {
+    const char* arguments;
+    int exit_code;
+    const char* text;
+  } cases[] = {
+      {"", 2, "A subcommand is required"},
+      {"''", 2, "the argument behind tamselctl is empty"},
+      {"requst --channel 1", 2, "requst is no command; did you mean request?\n"},
+      {"rquets", 2, "rquets is no command\n"},
+      {"--version", 0, "tamselctl 1."},
+      {"--help", 0, "request "},
+      {"--help > /dev/full", 1, "could not be written"},
+      {"request --help >&-", 1, "could not be written"},
+  };
+  for (const auto& given : cases) {
+    ExpectRun(TAMSELCTL_PATH " " + std::string(given.arguments), given.exit_code, given.text);
+  }
 }
 
 TEST(Tamselctl, AnswersThatCannotBePrintedAreNoSuccess) {
-  AnsweringDaemon daemon({Answer(5, 0, kGoodAnswer)});
-  EXPECT_EQ(RunTamselctl(daemon.Arguments(kRead + " > /dev/full")).exit_code, 1);
+  const test::TempFolder folder;
+  const std::string fifo = folder.Path("fifo");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const AnsweringDaemon daemon({Answer(5, 0, kGoodAnswer), Answer(5, 0, kGoodAnswer)});
+  ExpectRun(daemon.Command(kRead + " > /dev/full"), 1, "could not be written");
+  // A pipe whose reader has left.
+  ExpectRun(
+      "sh -c ': < " + fifo + " & exec 4> " + fifo + "; wait; " + daemon.Command(kRead) + ">&4'", 1,
+      "could not be written");
+}
+
+TEST(Tamselctl, FindsTheSocketAsTheDaemonDoes) {
+  const test::TempFolder folder;
+  const AnsweringDaemon daemon(std::vector(4, Answer(5, 0, kGoodAnswer)));
+  const std::string right = folder.Path("right");
+  const std::string wrong = folder.Path("wrong");
+  const std::string fifo = folder.Path("fifo");
+  test::WriteFile(right, test::SettingsXml({{"ComSocketPath", daemon.Path()}}));
+  test::WriteFile(wrong, test::SettingsXml({{"ComSocketPath", "/nonexistent/socket"}}));
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  const struct {
+    std::string environment;
+    std::string arguments;
+    int exit_code;
+    std::string text;
+  } cases[] = {
+      {right, "", 0, "4660"},
+      {wrong, "--settings " + right, 0, "4660"},
+      {right, "--settings " + wrong, 3, "no daemon can be reached at /nonexistent/socket"},
+      {wrong, "--settings " + wrong + " --socket " + daemon.Path(), 0, "4660"},
+      {right, "--socket " + std::string(108, 'x'), 3, "is too long"},
+      {right, "--settings " + folder.Path("none"), 2, "none cannot be read: No such file"},
+      {right, "--settings " + fifo, 2, "is no regular file"},
+  };
+  for (const auto& given : cases) {
+    ExpectRun(
+        "env TAMSEL_SETTING_FILE=" + given.environment + " " + kRequest + kRead + given.arguments,
+        given.exit_code, given.text);
+  }
+}
+
+TEST(Tamselctl, ASilentDaemonEndsWithThree) {
+  const FakeDaemon silent([](int connection) {
+    FakeDaemon::ReadOnce(connection, sizeof(TcpIpRequest));
+    FakeDaemon::ReadOnce(connection, 1);
+  });
+  const test::Stopwatch watch;
+  ExpectRun(kRequest + kRead + "--deadline 500 --socket " + silent.Path(), 3, "answer in time");
+  EXPECT_LT(watch.Ms(), 1000 + test::kSlackMs);
+}
+
+TEST(Tamselctl, AnInterruptedExchangeSaysThatTheChannelStaysBusy) {
+  const struct {
+    int signal;
+    const char* prefix;
+    const char* suffix;
+    int exit_code;
+    const char* text;
+  } cases[] = {
+      {SIGINT, "", "", 130, "channel 2 stays busy until the exchange ends\n"},
+      {SIGTERM, "", "", 143, "channel 2 stays busy until the exchange ends\n"},
+      {SIGINT, "env --ignore-signal=INT ", "", 0, "4660"},
+      // Nothing of it goes to the daemon, whose socket would be the first free descriptor.
+      {SIGINT, "", " 2>&-", 130, ""},
+  };
+  for (const auto& given : cases) {
+    std::signal(given.signal, SIG_DFL);  // as at a terminal, whatever has started the test
+    std::vector<byte> rest;
+    const FakeDaemon daemon([&](int connection) {
+      FakeDaemon::ReadOnce(connection, sizeof(TcpIpRequest));
+      ucred client{};
+      socklen_t size = sizeof(client);
+      ASSERT_EQ(::getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &client, &size), 0);
+      ::kill(client.pid, given.signal);
+      if (given.exit_code == 0) {
+        FakeDaemon::Send(connection, Answer(5, 0, kGoodAnswer));
+      }
+      rest = FakeDaemon::ReadOnce(connection, 1);
+    });
+    ExpectRun(given.prefix + kRequest + kRead + "--socket " + daemon.Path() + given.suffix,
+              given.exit_code, given.text);
+    EXPECT_TRUE(rest.empty());
+  }
 }
 
 }  // namespace
