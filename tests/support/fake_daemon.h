@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -34,24 +33,23 @@ inline std::vector<byte> FromHex(std::string digits) {
 
 /// A response with a status of the whole request and no device's answer.
 inline ResponseReceiveData Status(int status) {
-  ResponseReceiveData response{};
-  response.receive_data.status = status;
-  return response;
+  return {{}, {status, {}}};
 }
 
-/// A response with the answer of one device.
-inline ResponseReceiveData Answer(int address, int status, const std::string& digits) {
+/// A response with the answer of one device, whose length is stated as `excess` bytes longer.
+inline ResponseReceiveData Answer(int address, int status, const std::string& digits,
+                                  int excess = 0) {
   ResponseReceiveData response{};
   DeviceReceiveData& slot = response.receive_data.receive_data[address - 1];
   const std::vector<byte> frame = FromHex(digits);
-  slot.length = static_cast<std::int16_t>(frame.size());
+  slot.length = static_cast<std::int16_t>(static_cast<int>(frame.size()) + excess);
   slot.status = static_cast<byte>(status);
   std::copy(frame.begin(), frame.end(), slot.data);
   return response;
 }
 
 /// Plays the daemon on a socket in a folder of its own: hands each connection to the script, on one
-/// thread, and closes it when the script returns. Throws std::runtime_error when it cannot listen.
+/// thread, and closes it when the script returns.
 class FakeDaemon {
  public:
   /// Gets the connected socket, which stays the caller's.
@@ -62,27 +60,22 @@ class FakeDaemon {
       : script_(std::move(script)), listener_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     sockaddr_un address{AF_UNIX, {}};
     Path().copy(address.sun_path, sizeof(address.sun_path) - 1);
-    if (::bind(listener_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        ::listen(listener_.Get(), 1) != 0) {
-      throw std::runtime_error("the fake daemon cannot listen at " + Path());
-    }
+    ::bind(listener_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    ::listen(listener_.Get(), 1);
     thread_ = std::thread([this, accept_delay_ms] { Serve(accept_delay_ms); });
   }
   ~FakeDaemon() {
     ::shutdown(listener_.Get(), SHUT_RDWR);
     thread_.join();
   }
-  FakeDaemon(const FakeDaemon&) = delete;
-  FakeDaemon& operator=(const FakeDaemon&) = delete;
 
   std::string Path() const { return folder_.Path("socket"); }
 
   /// What one read of at most `size` bytes brings within 5 s; empty at the end of the stream.
   static std::vector<byte> ReadOnce(int connection, std::size_t size) {
     std::vector<byte> bytes(size);
-    const bool is_ready =
-        WaitForDescriptor(connection, POLLIN, Deadline(std::chrono::seconds(5))) > 0;
-    const ssize_t count = is_ready ? ::recv(connection, bytes.data(), size, 0) : 0;
+    WaitForDescriptor(connection, POLLIN, Deadline(std::chrono::seconds(5)));
+    const ssize_t count = ::recv(connection, bytes.data(), size, MSG_DONTWAIT);
     bytes.resize(static_cast<std::size_t>(std::max(count, ssize_t{0})));
     return bytes;
   }
@@ -98,13 +91,13 @@ class FakeDaemon {
   void Serve(int accept_delay_ms) {
     // Both waits end at once when the destructor shuts the listener down.
     pollfd listener{listener_.Get(), 0, 0};
-    ::poll(&listener, 1, accept_delay_ms);
-    while (true) {
+    bool is_open = ::poll(&listener, 1, accept_delay_ms) == 0;
+    while (is_open) {
       const Descriptor connection(::accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-      if (!connection.IsOpen()) {
-        return;
+      is_open = connection.IsOpen();
+      if (is_open) {
+        script_(connection.Get());
       }
-      script_(connection.Get());
     }
   }
 
