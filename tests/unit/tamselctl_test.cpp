@@ -75,10 +75,9 @@ TEST(Tamselctl, ExitStatusAndTextFollowTheResponse) {
   ExpectOf({Answer(5, 0, "")}, kRtu + "--frame 0011 --broadcast", 0, "sent");
 
   const std::string raw = kRtu + "--crc --frame ";
-  const std::string raw_read = raw + "050300100002";
-  ExpectOf({Answer(5, 0, "05 0304 1234 FFFF FAF5")}, raw_read, 0, "registers: 4660 65535\n");
-  ExpectOf({Answer(5, 0, "05 8302 8130")}, raw_read, 5, "exception 2: illegal data address");
-  ExpectOf({Answer(5, 0, "06 0304 1234 FFFF C9F5")}, raw_read, 5, "answer of device 6");
+  ExpectOf({Answer(5, 0, "05 0304 1234 FFFF FAF5")}, raw + "050300100002", 0, "4660 65535");
+  ExpectOf({Answer(5, 0, "05 8302 8130")}, raw + "050300100002", 5, "exception 2: illegal data");
+  ExpectOf({Answer(5, 0, "06 0304 1234 FFFF C9F5")}, raw + "050300100002", 5, "answer of device 6");
   ExpectOf({Answer(5, 0, "AB FEFF")}, raw + "F70333", 5, "misfit: no Modbus RTU frame");
   // Not Modbus: one byte, a reserved address, and what are no function codes.
   ExpectOf({Answer(5, 0, "AB0102")}, raw + "11", 5, "wrong CRC");
@@ -182,7 +181,7 @@ TEST(Tamselctl, OutputThatCannotBeWrittenIsNoSuccess) {
   const test::TempFolder folder;
   const std::string fifo = folder.Path("fifo");
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  // A pipe whose reader has left.
+  ::signal(SIGPIPE, SIG_DFL);  // a test driver may ignore it; the reader of the pipe has left
   ExpectRun("sh -c ': < " + fifo + " & exec 4> " + fifo + "; wait; " TAMSELCTL_PATH " --help >&4'",
             1, "could not be written");
 }
