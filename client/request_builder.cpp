@@ -36,11 +36,9 @@ std::size_t EmptyEntry(const Payload& payload) {
   return static_cast<std::size_t>(entry - std::begin(payload.send_data));
 }
 
-void SetFrame(SendData& entry, int address, const std::vector<byte>& frame) {
+void SetEntry(SendData& entry, int address, const std::vector<byte>& frame) {
   entry.address = static_cast<byte>(address);
-  entry.send_data[0] = static_cast<byte>(frame.size() & 0xFF);
-  entry.send_data[1] = static_cast<byte>(frame.size() >> 8);
-  std::copy(frame.begin(), frame.end(), entry.send_data + 2);
+  SetFrame(entry, frame.data(), static_cast<int>(frame.size()));
 }
 
 template <typename Request>
@@ -89,7 +87,7 @@ BuildError AddTcpIpDevice(TcpIpRequest& request, int address, const std::string&
   std::memcpy(place.ip_address, ip_address.c_str(), std::strlen(ip_address.c_str()));
   place.port = port;
   place.timeout = static_cast<std::int16_t>(timeout_ms);
-  SetFrame(request.payload.send_data[index], address, frame);
+  SetEntry(request.payload.send_data[index], address, frame);
   return std::nullopt;
 }
 
@@ -100,7 +98,7 @@ BuildError AddRs485Device(Rs485Request& request, const SetPortParams& port_param
   }
   const std::size_t index = EmptyEntry(request.payload);
   request.payload.port_params[index] = port_params;
-  SetFrame(request.payload.send_data[index], port_params.address, frame);
+  SetEntry(request.payload.send_data[index], port_params.address, frame);
   return std::nullopt;
 }
 

@@ -12,6 +12,15 @@ constexpr std::size_t kFunction = 1;
 constexpr std::size_t kByteCount = 2;
 constexpr std::size_t kCrcLength = 2;
 
+// Addresses above 247 are reserved, and so are function codes that carry the exception flag; a
+// function code of 0 is not valid.
+bool IsModbusRtu(const Bytes& frame) {
+  constexpr std::uint8_t kMaxAddress = 247;
+  return frame.size() > kFunction + kCrcLength && HasRightCrc(frame.data(), frame.size()) &&
+         frame[kAddress] <= kMaxAddress && frame[kFunction] != 0 &&
+         (frame[kFunction] & kExceptionFlag) == 0;
+}
+
 Bytes Pdu(const Bytes& frame) {
   return {frame.begin() + kFunction, frame.end() - kCrcLength};
 }
@@ -68,16 +77,12 @@ std::size_t RtuAnswerLength(const std::uint8_t* bytes, std::size_t count) {
   }
 }
 
-AnswerCheck CheckCrc(const Bytes& answer) {
+AnswerCheck CheckRtuAnswer(const Bytes& frame, const Bytes& answer) {
   if (!HasRightCrc(answer.data(), answer.size())) {
     return {false, "wrong CRC", {}};
   }
-  return {};
-}
-
-AnswerCheck CheckRtuAnswer(const Bytes& frame, const Bytes& answer) {
-  if (AnswerCheck crc_check = CheckCrc(answer); !crc_check.is_good) {
-    return crc_check;
+  if (!IsModbusRtu(frame)) {
+    return {};
   }
   if (answer.size() <= kFunction + kCrcLength) {
     return Misfit("no Modbus RTU frame");

@@ -18,10 +18,8 @@ Bytes RtuFrame(int address, const Bytes& pdu);
 /// for a function whose answers do not tell their length.
 std::size_t RtuAnswerLength(const std::uint8_t* bytes, std::size_t count);
 
-/// Checks that `answer` ends with its CRC, and nothing else.
-AnswerCheck CheckCrc(const Bytes& answer);
-
-/// Checks `answer` against the frame it answers, one that RtuFrame has made.
+/// Checks `answer` against the frame it answers. It has its CRC in any case; a frame that is no
+/// Modbus RTU itself says nothing more about its answer, which then counts as good.
 AnswerCheck CheckRtuAnswer(const Bytes& frame, const Bytes& answer);
 
 }  // namespace modbus

@@ -1,19 +1,52 @@
 #include <CLI/CLI.hpp>
+#include <csignal>
+#include <iostream>
 
-#include "exit_code.h"
-#include "request_command.h"
+#include "request/request_command.h"
+#include "shared/command_line.h"
+#include "shared/exit_code.h"
+#include "shared/standard_streams.h"
 
-int main(int argc, char** argv) {
+namespace tmsc::ctl {
+namespace {
+
+constexpr void (*kAddCommands[])(CLI::App& app, int& exit_code) = {
+    AddRequestCommand,
+};
+
+int Run(int argc, char** argv) {
   CLI::App app{"Talks to field devices through the communication daemon."};
-  app.footer(tmsc::kExitCodeHelp);
+  app.footer(kExitCodeHelp);
+  app.set_version_flag("--version", "tamselctl " TAMSEL_VERSION, "Print the version and end");
   app.require_subcommand(1);
-  int exit_code = tmsc::kExitOk;
-  tmsc::AddRequestCommand(app, exit_code);
+  int exit_code = kExitOk;
+  for (const auto add_command : kAddCommands) {
+    add_command(app, exit_code);
+  }
+  if (const auto mistake = FindMistake(app, argc, argv)) {
+    std::cerr << "tamselctl: " << *mistake << "\nRun with --help for more information.\n";
+    return kExitUsage;
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     // The help texts leave parse() as an error that counts as success.
-    return app.exit(error) == 0 ? tmsc::kExitOk : tmsc::kExitUsage;
+    return app.exit(error) == 0 ? kExitOk : kExitUsage;
+  }
+  return exit_code;
+}
+
+}  // namespace
+}  // namespace tmsc::ctl
+
+int main(int argc, char** argv) {
+  tmsc::ctl::OccupyStandardStreams();
+  // An output pipe that nobody reads is an output that failed, no reason to be killed.
+  std::signal(SIGPIPE, SIG_IGN);
+  const int exit_code = tmsc::ctl::Run(argc, argv);
+  if (!std::cout.flush()) {
+    std::cerr << "tamselctl: standard output could not be written\n";
+    return tmsc::ctl::kExitOutputFailed;
   }
   return exit_code;
 }

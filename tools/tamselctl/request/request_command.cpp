@@ -1,4 +1,4 @@
-#include "request_command.h"
+#include "request/request_command.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -9,15 +9,17 @@
 #include <thread>
 #include <vector>
 
-#include "exit_code.h"
-#include "request_devices.h"
-#include "request_options.h"
-#include "request_report.h"
+#include "request/request_devices.h"
+#include "request/request_options.h"
+#include "request/request_report.h"
+#include "shared/daemon_options.h"
+#include "shared/exit_code.h"
+#include "shared/interrupt_notice.h"
 #include "status_text.h"
 #include "tamsel_client.h"
 #include "utility/deadline.h"
 
-namespace tmsc {
+namespace tmsc::ctl {
 namespace {
 
 constexpr int kBusyRetryMs = 50;
@@ -34,15 +36,25 @@ int DeadlineMs(const Options& options) {
   return options.deadline_ms.value_or(of_devices_ms + kOfDaemonMs);
 }
 
+// The daemon ends an exchange that it has begun, whether or not somebody still waits for it.
+template <typename Request>
+ExchangeResult ExchangeOnce(const TamselClient& client, const Request& request,
+                            const Options& options) {
+  const InterruptNotice notice("tamselctl: interrupted; channel " +
+                               std::to_string(options.channel) +
+                               " stays busy until the exchange ends\n");
+  return client.Exchange(request, DeadlineMs(options));
+}
+
 // Repeats the exchange while the channel is busy and the time to wait for it lasts.
 template <typename Request>
 ExchangeResult ExchangeUnlessBusy(const Request& request, const Options& options,
                                   RequestReport& report) {
-  const TamselClient client(options.socket_path);
+  const TamselClient client(SocketPath(options.daemon));
   const Deadline busy_deadline{std::chrono::milliseconds(options.busy_wait_ms)};
   while (true) {
     const auto begin = Deadline::Clock::now();
-    ExchangeResult result = client.Exchange(request, DeadlineMs(options));
+    ExchangeResult result = ExchangeOnce(client, request, options);
     const auto elapsed = Deadline::Clock::now() - begin;
     report.elapsed_ms = std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count();
     const bool is_busy =
@@ -97,10 +109,6 @@ int RunRequest(const Options& options) {
     is_good = is_good && report.devices.back().is_good;
   }
   (options.format == "json" ? PrintJson : PrintTable)(std::cout, report);
-  if (!std::cout.flush()) {
-    std::cerr << "tamselctl: the answers could not be written\n";
-    return kExitOutputFailed;
-  }
   return is_good ? kExitOk : kExitDeviceFailed;
 }
 
@@ -115,4 +123,4 @@ void AddRequestCommand(CLI::App& app, int& exit_code) {
   command.callback([options, &exit_code] { exit_code = RunRequest(*options); });
 }
 
-}  // namespace tmsc
+}  // namespace tmsc::ctl

@@ -1,12 +1,12 @@
-#ifndef TAMSELCTL_FRAME_LIMITS_H_
-#define TAMSELCTL_FRAME_LIMITS_H_
+#ifndef TAMSELCTL_REQUEST_FRAME_LIMITS_H_
+#define TAMSELCTL_REQUEST_FRAME_LIMITS_H_
 
 #include "communication_common.h"
 #include "modbus/pdu.h"
 #include "modbus/tcp_frame.h"
 #include "vlm_rs485.h"
 
-namespace tmsc {
+namespace tmsc::ctl {
 
 /// Longest frame that the serial library takes, in bytes.
 constexpr int kMaxRtuFrameLength = MAX_XFER_DATA_LENGTH;
@@ -16,6 +16,6 @@ constexpr int kMaxRtuWriteRegisters = (kMaxRtuFrameLength - 3 - modbus::kWritePd
 constexpr int kMaxTcpWriteRegisters =
     (kMaxSendFrameLength - modbus::kMbapLength - modbus::kWritePduOverhead) / 2;
 
-}  // namespace tmsc
+}  // namespace tmsc::ctl
 
-#endif  // TAMSELCTL_FRAME_LIMITS_H_
+#endif  // TAMSELCTL_REQUEST_FRAME_LIMITS_H_

@@ -1,15 +1,15 @@
-#ifndef TAMSELCTL_REQUEST_DEVICES_H_
-#define TAMSELCTL_REQUEST_DEVICES_H_
+#ifndef TAMSELCTL_REQUEST_REQUEST_DEVICES_H_
+#define TAMSELCTL_REQUEST_REQUEST_DEVICES_H_
 
 #include <string>
 #include <vector>
 
 #include "communication_common.h"
+#include "request/request_options.h"
+#include "request/request_report.h"
 #include "request_builder.h"
-#include "request_options.h"
-#include "request_report.h"
 
-namespace tmsc {
+namespace tmsc::ctl {
 
 /// A device of the request with the frame for it.
 struct Device {
@@ -31,6 +31,6 @@ Rs485Request BuildRs485Request(const std::vector<Device>& devices, const Options
 DeviceReport ReportDevice(const Device& device, const Options& options,
                           const ResponseReceiveData& response);
 
-}  // namespace tmsc
+}  // namespace tmsc::ctl
 
-#endif  // TAMSELCTL_REQUEST_DEVICES_H_
+#endif  // TAMSELCTL_REQUEST_REQUEST_DEVICES_H_

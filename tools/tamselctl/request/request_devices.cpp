@@ -1,20 +1,19 @@
-#include "request_devices.h"
+#include "request/request_devices.h"
 
 #include <algorithm>
 #include <optional>
 #include <utility>
 
-#include "arguments.h"
-#include "frame_limits.h"
 #include "modbus/rtu_frame.h"
 #include "modbus/tcp_frame.h"
+#include "request/frame_limits.h"
+#include "shared/arguments.h"
+#include "shared/usage.h"
 #include "status_text.h"
 #include "tamsel_client.h"
 
-namespace tmsc {
+namespace tmsc::ctl {
 namespace {
-
-constexpr SerialCode kDefaultLine = {"8N1", VLM_RS485_8N1};
 
 const std::string kAddressRange = "an address of 1 to " + std::to_string(kMaxDeviceCountAtChannel);
 
@@ -169,9 +168,8 @@ void CheckRs485Frames(const std::vector<Device>& devices, const Options& options
 }
 
 std::string Place(const Device& device, const Options& options) {
-  return options.IsRs485()
-             ? std::string(options.baud->name) + " " + options.line.value_or(kDefaultLine).name
-             : device.ip_address + ":" + std::to_string(device.port);
+  return options.IsRs485() ? std::string(options.baud->name) + " " + options.line.name
+                           : device.ip_address + ":" + std::to_string(device.port);
 }
 
 modbus::AnswerCheck CheckAnswer(const Device& device, const Options& options,
@@ -179,10 +177,9 @@ modbus::AnswerCheck CheckAnswer(const Device& device, const Options& options,
   if (!options.IsRs485()) {
     return modbus::CheckTcpAnswer(device.frame, answer);
   }
-  if (options.frames.empty()) {
-    return modbus::CheckRtuAnswer(device.frame, answer);
-  }
-  return options.has_crc ? modbus::CheckCrc(answer) : modbus::AnswerCheck{};
+  // Without --crc the bytes of --frame may be anything, and so may the answer.
+  return options.frames.empty() || options.has_crc ? modbus::CheckRtuAnswer(device.frame, answer)
+                                                   : modbus::AnswerCheck{};
 }
 
 void CheckAdded(const Device& device, const BuildError& error) {
@@ -218,7 +215,7 @@ TcpIpRequest BuildTcpIpRequest(const std::vector<Device>& devices, const Options
 Rs485Request BuildRs485Request(const std::vector<Device>& devices, const Options& options) {
   Rs485Request request = MakeRs485Request(options.channel, options.baud->code);
   SetPortParams parameters{};
-  parameters.databits = options.line.value_or(kDefaultLine).code;
+  parameters.databits = options.line.code;
   parameters.timeout = static_cast<std::int16_t>(options.timeout_ms);
   parameters.delimitertype = options.delimiter ? options.delimiter->value : byte{0};
   parameters.byte_after_delimiter =
@@ -257,4 +254,4 @@ DeviceReport ReportDevice(const Device& device, const Options& options,
   return report;
 }
 
-}  // namespace tmsc
+}  // namespace tmsc::ctl

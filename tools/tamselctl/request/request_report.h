@@ -1,5 +1,5 @@
-#ifndef TAMSELCTL_REQUEST_REPORT_H_
-#define TAMSELCTL_REQUEST_REPORT_H_
+#ifndef TAMSELCTL_REQUEST_REQUEST_REPORT_H_
+#define TAMSELCTL_REQUEST_REQUEST_REPORT_H_
 
 #include <iosfwd>
 #include <string>
@@ -7,7 +7,7 @@
 
 #include "communication_common.h"
 
-namespace tmsc {
+namespace tmsc::ctl {
 
 /// How one device came out of a request, on either transport.
 struct DeviceReport {
@@ -32,6 +32,6 @@ void PrintTable(std::ostream& output, const RequestReport& report);
 /// The same as one line of JSON.
 void PrintJson(std::ostream& output, const RequestReport& report);
 
-}  // namespace tmsc
+}  // namespace tmsc::ctl
 
-#endif  // TAMSELCTL_REQUEST_REPORT_H_
+#endif  // TAMSELCTL_REQUEST_REQUEST_REPORT_H_

@@ -1,5 +1,5 @@
-#ifndef TAMSELCTL_ARGUMENTS_H_
-#define TAMSELCTL_ARGUMENTS_H_
+#ifndef TAMSELCTL_SHARED_ARGUMENTS_H_
+#define TAMSELCTL_SHARED_ARGUMENTS_H_
 
 #include <optional>
 #include <string>
@@ -7,7 +7,7 @@
 
 #include "communication_common.h"
 
-namespace tmsc {
+namespace tmsc::ctl {
 
 /// A number written in decimal or, after 0x, in hexadecimal digits, all of `text`; nothing when it
 /// is not one or not `least` to `most`, both 0 or more.
@@ -48,6 +48,6 @@ struct Delimiter {
 /// BYTE, 1 to 255, or BYTE,AFTER with 0 to 255; nothing when `text` is not of that form.
 std::optional<Delimiter> ParseDelimiter(const std::string& text);
 
-}  // namespace tmsc
+}  // namespace tmsc::ctl
 
-#endif  // TAMSELCTL_ARGUMENTS_H_
+#endif  // TAMSELCTL_SHARED_ARGUMENTS_H_

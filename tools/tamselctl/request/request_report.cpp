@@ -1,10 +1,10 @@
-#include "request_report.h"
+#include "request/request_report.h"
 
 #include <algorithm>
 #include <iomanip>
 #include <ostream>
 
-namespace tmsc {
+namespace tmsc::ctl {
 namespace {
 
 std::string HexText(const std::vector<byte>& bytes) {
@@ -68,4 +68,4 @@ void PrintJson(std::ostream& output, const RequestReport& report) {
   output << "]}\n";
 }
 
-}  // namespace tmsc
+}  // namespace tmsc::ctl

@@ -1,25 +1,19 @@
-#ifndef TAMSELCTL_REQUEST_OPTIONS_H_
-#define TAMSELCTL_REQUEST_OPTIONS_H_
+#ifndef TAMSELCTL_REQUEST_REQUEST_OPTIONS_H_
+#define TAMSELCTL_REQUEST_REQUEST_OPTIONS_H_
 
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "arguments.h"
-#include "communication_common.h"
-#include "tamsel_client.h"
+#include "shared/arguments.h"
+#include "shared/daemon_options.h"
+#include "shared/serial_codes.h"
 
 namespace CLI {
 class App;
 }
 
-namespace tmsc {
-
-/// A code of the serial library under the name that people know it by.
-struct SerialCode {
-  const char* name;
-  byte code;
-};
+namespace tmsc::ctl {
 
 /// What the command line says about a request.
 struct Options {
@@ -32,13 +26,13 @@ struct Options {
   std::optional<int> unit;
   int timeout_ms = 1000;
   std::optional<int> deadline_ms;
-  std::string socket_path = kDefaultSocketPath;
+  DaemonOptions daemon;
   int busy_wait_ms = 0;
   std::string format = "table";
 
   // Of an RS485 request; they come only together with a speed.
   std::optional<SerialCode> baud;
-  std::optional<SerialCode> line;  // none: 8N1
+  SerialCode line = kDefaultLine;
   int silence_ms = 0;
   std::optional<Delimiter> delimiter;  // none: an answer ends with silence
   int wait_ms = 0;
@@ -48,13 +42,10 @@ struct Options {
   bool IsRs485() const { return baud.has_value(); }
 };
 
-/// Ends the parse with what is wrong with an option.
-[[noreturn]] void ThrowUsage(const std::string& option, const std::string& message);
-
 /// Adds the options of the request command; the parse leaves them in `options`, which must outlive
 /// it.
 void AddRequestOptions(CLI::App& command, Options& options);
 
-}  // namespace tmsc
+}  // namespace tmsc::ctl
 
-#endif  // TAMSELCTL_REQUEST_OPTIONS_H_
+#endif  // TAMSELCTL_REQUEST_REQUEST_OPTIONS_H_

@@ -1,67 +1,15 @@
-#include "request_options.h"
+#include "request/request_options.h"
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <limits>
 
-#include "frame_limits.h"
-#include "modbus/rtu_frame.h"
-#include "modbus/tcp_frame.h"
+#include "modbus/pdu.h"
+#include "request/frame_limits.h"
+#include "shared/usage.h"
 
-namespace tmsc {
+namespace tmsc::ctl {
 namespace {
-
-const std::vector<SerialCode> kSpeeds = {
-    {"1200", VLM_RS485_BAUD_1200},     {"2400", VLM_RS485_BAUD_2400},
-    {"4800", VLM_RS485_BAUD_4800},     {"9600", VLM_RS485_BAUD_9600},
-    {"19200", VLM_RS485_BAUD_19200},   {"38400", VLM_RS485_BAUD_38400},
-    {"57600", VLM_RS485_BAUD_57600},   {"115200", VLM_RS485_BAUD_115200},
-    {"230400", VLM_RS485_BAUD_230400}, {"460800", VLM_RS485_BAUD_460800},
-    {"921600", VLM_RS485_BAUD_921600},
-};
-
-const std::vector<SerialCode> kLines = {
-    {"8N1", VLM_RS485_8N1}, {"8E1", VLM_RS485_8E1}, {"8O1", VLM_RS485_8O1}, {"8N2", VLM_RS485_8N2},
-    {"8E2", VLM_RS485_8E2}, {"8O2", VLM_RS485_8O2}, {"7N1", VLM_RS485_7N1}, {"7E1", VLM_RS485_7E1},
-    {"7O1", VLM_RS485_7O1}, {"7N2", VLM_RS485_7N2}, {"7E2", VLM_RS485_7E2}, {"7O2", VLM_RS485_7O2},
-};
-
-// CLI11 would take a leading zero for octal; here a number is decimal, or hexadecimal after 0x.
-template <typename Target>
-CLI::Option* AddNumber(CLI::App& command, const std::string& name, Target& target, int least,
-                       int most, const std::string& description) {
-  return command
-      .add_option_function<std::string>(
-          name,
-          [name, &target, least, most](const std::string& text) {
-            const auto number = ParseNumber(text, least, most);
-            if (!number) {
-              ThrowUsage(name, text + " is not a number of " + std::to_string(least) + " to " +
-                                   std::to_string(most));
-            }
-            target = *number;
-          },
-          description)
-      ->type_name("NUMBER");
-}
-
-CLI::Option* AddSerialCode(CLI::App& command, const std::string& name,
-                           const std::vector<SerialCode>& codes, std::optional<SerialCode>& target,
-                           const std::string& description) {
-  return command.add_option_function<std::string>(
-      name,
-      [name, &codes, &target](const std::string& text) {
-        std::string names;
-        for (const SerialCode& code : codes) {
-          if (text == code.name) {
-            target = code;
-            return;
-          }
-          names += (names.empty() ? "" : ", ") + std::string(code.name);
-        }
-        ThrowUsage(name, text + " is not one of " + names);
-      },
-      description);
-}
 
 void AddFrameOptions(CLI::App& command, Options& options) {
   CLI::Option_group* frame = command.add_option_group("frame", "What to send; exactly one kind");
@@ -91,14 +39,10 @@ void AddFrameOptions(CLI::App& command, Options& options) {
 
 void AddRs485Options(CLI::App& command, CLI::Option* unit, Options& options) {
   CLI::Option* baud =
-      AddSerialCode(command, "--baud", kSpeeds, options.baud,
-                    "Speed in bits a second; the devices are reached over RS485, and the frames "
-                    "made for them are Modbus RTU")
-          ->type_name("SPEED");
-  AddSerialCode(command, "--line", kLines, options.line,
-                "RS485: data bits, parity and stop bits (default: 8N1)")
-      ->type_name("FORMAT")
-      ->needs(baud);
+      AddLineOptions(command,
+                     "Speed in bits a second; the devices are reached over RS485, and the frames "
+                     "made for them are Modbus RTU",
+                     options.baud, options.line);
   CLI::Option* silence =
       AddNumber(command, "--silence", options.silence_ms, 0, 255,
                 "RS485: milliseconds of silence that end an answer, never less than 3.5 "
@@ -121,8 +65,10 @@ void AddRs485Options(CLI::App& command, CLI::Option* unit, Options& options) {
             "RS485: milliseconds of silence before each device is addressed (default: 0)")
       ->needs(baud);
   command
-      .add_flag("--crc", options.has_crc,
-                "RS485: append the Modbus CRC to --frame and check that of the answer")
+      .add_flag(
+          "--crc", options.has_crc,
+          "RS485: append the Modbus CRC to --frame and check that of the answer; when the frame "
+          "is Modbus RTU, the answer is checked against it")
       ->needs(baud);
   command
       .add_flag("--broadcast", options.is_broadcast,
@@ -133,10 +79,6 @@ void AddRs485Options(CLI::App& command, CLI::Option* unit, Options& options) {
 }
 
 }  // namespace
-
-void ThrowUsage(const std::string& option, const std::string& message) {
-  throw CLI::ValidationError(option, message);
-}
 
 void AddRequestOptions(CLI::App& command, Options& options) {
   constexpr int kLongestMs = std::numeric_limits<int>::max();
@@ -158,9 +100,7 @@ void AddRequestOptions(CLI::App& command, Options& options) {
             "Milliseconds for the whole exchange with the daemon (default: 10000 and, over TCP/IP, "
             "6 time-outs, over RS485 the time-out, the wait and 1000 of each device)");
   AddRs485Options(command, unit, options);
-  command.add_option("--socket", options.socket_path, "Socket of the daemon")
-      ->type_name("PATH")
-      ->capture_default_str();
+  AddDaemonOptions(command, options.daemon);
   AddNumber(command, "--busy-wait", options.busy_wait_ms, 0, kLongestMs,
             "Milliseconds to try again for while the channel is busy (default: 0)");
   command.add_option("--format", options.format, "How to print: table or json")
@@ -168,4 +108,4 @@ void AddRequestOptions(CLI::App& command, Options& options) {
       ->capture_default_str();
 }
 
-}  // namespace tmsc
+}  // namespace tmsc::ctl

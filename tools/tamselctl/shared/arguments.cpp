@@ -1,10 +1,10 @@
-#include "arguments.h"
+#include "shared/arguments.h"
 
 #include <algorithm>
 #include <charconv>
 #include <system_error>
 
-namespace tmsc {
+namespace tmsc::ctl {
 
 std::optional<int> ParseNumber(const std::string& text, int least, int most) {
   const bool is_hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
@@ -93,4 +93,4 @@ std::optional<Delimiter> ParseDelimiter(const std::string& text) {
   return Delimiter{static_cast<byte>(*value), static_cast<byte>(*bytes_after)};
 }
 
-}  // namespace tmsc
+}  // namespace tmsc::ctl

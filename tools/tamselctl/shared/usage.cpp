@@ -1,0 +1,9 @@
+#include "shared/usage.h"
+
+namespace tmsc::ctl {
+
+void ThrowUsage(const std::string& option, const std::string& message) {
+  throw CLI::ValidationError(option, message);
+}
+
+}  // namespace tmsc::ctl
