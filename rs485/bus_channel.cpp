@@ -198,10 +198,11 @@ LineEvent BusChannel::KeepSilence(const Device& device, Duration& timeout) {
     if (line_.Read().event == LineEvent::kGone) {
       return LineEvent::kGone;
     }
-    last_activity_ = Clock::now();
-    quiet = std::max(quiet, last_activity_ + silence);
+    const Clock::time_point now = Clock::now();
+    last_activity_ = std::max(last_activity_, now);  // a broadcast may still be on its way
+    quiet = std::max(quiet, now + silence);
     // Time for which this process was not scheduled is no fault of the line's.
-    start += std::max(last_activity_ - until, Duration::zero());
+    start += std::max(now - until, Clock::duration::zero());
   }
 }
 
