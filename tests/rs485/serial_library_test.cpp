@@ -316,11 +316,11 @@ TEST(SerialLibraryTest, TheLineIsSilentBeforeEachFrame) {
 
 TEST(SerialLibraryTest, SpeedsAndFormatsAreThoseOfTheCodes) {
   const Field field(1, {});
-  const speed_t speeds[] = {B1200,  B2400,   B4800,   B9600,   B19200, B38400,
-                            B57600, B115200, B230400, B460800, B921600};
-  for (unsigned char code = 0; code < std::size(speeds); ++code) {
-    EXPECT_EQ(vlm_rs485_open(1, false, code), 0);
-    EXPECT_EQ(asked_flags & CBAUD, speeds[code]) << int{code};
+  unsigned char baud_code = 0;
+  for (const speed_t speed :
+       {B1200, B2400, B4800, B9600, B19200, B38400, B57600, B115200, B230400, B460800, B921600}) {
+    EXPECT_EQ(vlm_rs485_open(1, false, baud_code++), 0);
+    EXPECT_EQ(asked_flags & CBAUD, speed);
   }
   unsigned char format_code = 0;
   for (const std::string format :
