@@ -1,5 +1,4 @@
-// The serial-port library over pseudo-terminals: the library has the slave's side, the test plays
-// the devices on the master's.
+// The serial-port library on the slave's side of pseudo-terminals; the test is the field.
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -138,7 +137,8 @@ Bytes Told(int address) {
   return modbus::RtuFrame(address, {3, 2, 0x12, 0x34});
 }
 void AnswerAtOnce(Field& field, const Bytes& frame) {
-  field.Play({{0, Told(frame[0])}});
+  const Bytes noise(frame[0] % 2, 0x55);  // in front of every other answer
+  field.Play({{0, noise + Told(frame[0])}});
 }
 
 struct Parameters {
@@ -179,7 +179,7 @@ Outcome Answer(int channel, int address) {
              : Outcome{answer->rcv_status, {answer->rcv_da, answer->rcv_da + answer->rcv_da_len}};
 }
 
-/// What follows from what comes after a frame to device 1, and the least it takes.
+/// What follows from what comes after a frame to device 1, and the least it takes from the open on.
 struct Case {
   const char* name;
   std::vector<Step> steps;
@@ -192,15 +192,15 @@ struct Case {
 void Check(const Bytes& frame, const std::vector<Case>& cases, bool has_marks = false) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
+    const Stopwatch time;
     const auto play = [&](Field& f, const Bytes&) { f.Play(c.steps); };
     const Field field(1, play, c.baud);
     if (has_marks) {
       field.PassMarks();
     }
     Add(1, 1, frame, c.device);
-    const int took_ms = RunCycle(1, 1);
-    EXPECT_GE(took_ms, c.least_ms);
-    EXPECT_LE(took_ms, c.device.timeout_ms + 255 + kSlackMs);
+    EXPECT_LE(RunCycle(1, 1), c.device.timeout_ms + 255 + kSlackMs);
+    EXPECT_GE(time.Ms(), c.least_ms);
     EXPECT_EQ(Answer(1, 1), c.outcome);
   }
 }
@@ -219,8 +219,6 @@ TEST(SerialLibraryTest, AnAnswerIsFoundInWhatIsHeard) {
   Check(Ask(1),
         {{"in blocks of a FIFO", blocks, {0, own}, {}, 80, k1200},
          {"another's late one behind it", {{0, own + other}}, {0, own}},
-         {"two late ones before it", {{0, Told(8) + other + own}}, {0, own}},
-         {"noise before it", {{0, Bytes{0x55} + own}}, {0, own}},
          {"noise like its address before it", {{0, Bytes{1} + own}}, {0, own}},
          {"an exception, noise behind it", {{0, exception + Bytes{0x55}}}, {0, exception}},
          {"a frame within it", {{0, nested}}, {0, nested}},
@@ -229,7 +227,6 @@ TEST(SerialLibraryTest, AnAnswerIsFoundInWhatIsHeard) {
          {"only another's", {{0, other}}, {kNotItsAnswer, other}, {}, 500},
          {"another function's behind noise", {{0, no_answer}}, {kNotItsAnswer, no_answer}},
          {"noise", {{0, noise}, {250, noise}}, {kNotItsAnswer, Bytes(436, 9)}, {600, 0, 100}},
-         {"an error in it", {{0, {1, 2, 0xff, 0, 3, 4}}}, error},
          {"an error in two reads", {{0, {1, 2, 0xff}}, {100, {0, 3}}}, error, {500, 0, 255}},
          {"another's error", {{0, {9, 0xff, 0, 3}}, {120, {1}}}, {0, {1}}, {500, 0, 40}},
          {"a break before it", {{0, Bytes{0xff, 0, 0} + own}}, {0, own}}},
@@ -242,10 +239,10 @@ TEST(SerialLibraryTest, AnswersInOtherFramingsEndWithSilence) {
   const std::vector<Step> dribbles(30, {100, {1}});
   Check({1, 3, 0, 0, 0, 1, 0, 0},
         {{"at once; no packet of 16 ms ends it", {{0, {1, 2, 0, 9}}}, {0, {1, 2, 0, 9}}, {}, 17},
-         {"in blocks of 16", {{0, {1}}, {80, {2}}}, {0, {1, 2}}, {}, 80 + 133, k1200},
+         {"in blocks of 16", {{0, {1}}, {80, {2}}}, {0, {1, 2}}, {}, 80 + 133 + 29, k1200},
          {"in dribbles", {{0, {1}}, {100, {2}}, {100, {3}}}, {0, {1, 2, 3}}, {500, 0, 255}, 455},
-         {"behind another's", {{0, {9}}, {120, {1}}}, {0, {1}}, {500, 0, 40}, 160, k1200},
-         {"never less than 3.5 characters", {{0, {1}}}, {0, {1}}, {500, 0, 1}, 29, k1200},
+         {"behind another's", {{0, {9}}, {120, {1}}}, {0, {1}}, {500, 0, 40}, 160 + 29, k1200},
+         {"never less than 3.5 characters", {{0, {1}}}, {0, {1}}, {500, 0, 1}, 29 + 29, k1200},
          {"open at the time-out", {{300, {1, 2}}}, {0, {1, 2}}, {500, 0, 255}, 555},
          {"still coming after that", dribbles, kNone, {500, 0, 255}, 755},
          {"longest", {{0, longest}}, {0, longest}},
@@ -269,7 +266,10 @@ TEST(SerialLibraryTest, LateAnswersLandInNoOtherSlot) {
   EXPECT_EQ(Answer(1, 1), kNone);
   EXPECT_EQ(Answer(1, 31), (Outcome{0, Told(31)}));
   RunCycle(1, 3);
-  EXPECT_EQ(Answer(1, 1).first, -1) << "frames and flags are used up";
+  EXPECT_EQ(Answer(1, 1).first, -1) << "frames are used up";
+  Add(1, 1, Ask(1));
+  vlm_rs485_startCom(1);
+  EXPECT_EQ(Answer(1, 1).first, -1) << "flags are used up";
   EXPECT_EQ(calls, 1);
 }
 
@@ -412,7 +412,7 @@ TEST(SerialLibraryTest, ChannelsRunAtTheSameTime) {
   const Field fields[] = {{1, AnswerAtOnce}, {2, AnswerAtOnce}, {3, AnswerAtOnce}};
   const auto serve = [](int channel) {
     for (unsigned char address = 1; address <= 31; ++address) {
-      Add(channel, address, Ask(address), {500, 0, 255});
+      Add(channel, address, Ask(address), {500, 0, 255, 50});
     }
     EXPECT_LE(RunCycle(channel, 0x7fffffff), 31 * 100) << "no answer waits for its silence";
     for (unsigned char address = 1; address <= 31; ++address) {
