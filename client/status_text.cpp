@@ -67,6 +67,8 @@ std::string Rs485DeviceStatusText(byte device_status) {
       return "answer too long";
     case VLM_RS485_PORT_GONE:
       return "port gone";
+    case VLM_RS485_NOT_ITS_ANSWER:
+      return "not its answer: another device or noise";
     default:
       return "unknown status " + std::to_string(device_status);
   }

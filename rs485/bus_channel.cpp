@@ -141,31 +141,21 @@ receive_data_full* BusChannel::Answers() {
 }
 
 void BusChannel::Serve(Device& device) {
-  device.answer_bytes.clear();
+  device.received.clear();
   const unsigned char status = line_.IsOpen() && interruptions_ == 0
                                    ? Exchange(device)
                                    : static_cast<unsigned char>(VLM_RS485_PORT_GONE);
   if (status == VLM_RS485_PORT_GONE) {
     line_.Close();
   }
-  if (status != VLM_RS485_ANSWERED) {
-    device.answer_bytes.clear();
-  }
-  device.answer = {static_cast<std::uint16_t>(device.answer_bytes.size()), status,
-                   device.answer_bytes.data()};
+  device.answer = {static_cast<std::uint16_t>(device.received.size()), status,
+                   device.received.data()};
 }
 
 /// One exchange with a device; returns its receive status.
 unsigned char BusChannel::Exchange(Device& device) {
-  if (!line_.SetFormat(*device.format)) {
-    return VLM_RS485_PORT_GONE;
-  }
-  const Duration silence = InterFrameSilence(*rate_, *device.format);
-  const Duration frame_time =
-      CharacterTime(*rate_, *device.format) * static_cast<long>(device.frame.size());
-  // The whole exchange is bounded here, also when noise on the line delays it.
-  const Clock::time_point end = Clock::now() + silence + device.wait + frame_time + device.timeout;
-  switch (KeepSilence(device, end)) {
+  Duration timeout = device.timeout;
+  switch (KeepSilence(device, timeout)) {
     case LineEvent::kTimeout:
       return VLM_RS485_LINE_ERROR;
     case LineEvent::kGone:
@@ -173,8 +163,11 @@ unsigned char BusChannel::Exchange(Device& device) {
     case LineEvent::kReady:
       break;
   }
-  const Clock::time_point start = Clock::now();
-  switch (line_.Write(device.frame.data(), device.frame.size(), end)) {
+  // Not before the silence: until then a broadcast may still be on its way in the old format.
+  if (!line_.SetFormat(*device.format)) {
+    return VLM_RS485_PORT_GONE;
+  }
+  switch (Send(device, timeout)) {
     case LineEvent::kTimeout:
       return VLM_RS485_NO_ANSWER;
     case LineEvent::kGone:
@@ -182,94 +175,115 @@ unsigned char BusChannel::Exchange(Device& device) {
     case LineEvent::kReady:
       break;
   }
-  last_activity_ = start + frame_time;
-  if (device.frame.front() == 0) {
-    return VLM_RS485_ANSWERED;
-  }
-  return Receive(device, std::min(end, last_activity_ + device.timeout));
+  return device.frame.front() == 0 ? static_cast<unsigned char>(VLM_RS485_ANSWERED)
+                                   : Receive(device, timeout);
 }
 
-/// Discards input until the line has been silent for long enough to address the device.
-LineEvent BusChannel::KeepSilence(const Device& device, Clock::time_point until) {
-  const Duration silence = InterFrameSilence(*rate_, *device.format);
-  const Clock::time_point start = Clock::now();
+/// Discards input until the line has been silent for long enough to address the device. What it
+/// has to wait longer because of that input is taken from the time-out, which bounds it.
+LineEvent BusChannel::KeepSilence(const Device& device, Duration& timeout) {
+  const Duration silence = InterFrameSilence(*rate_, *device.format) + device.wait;
+  Clock::time_point start = std::max(last_activity_ + silence, Clock::now() + device.wait);
+  Clock::time_point quiet = start;
   while (true) {
-    const Clock::time_point quiet = std::max(last_activity_ + silence, start) + device.wait;
-    const LineEvent event = line_.WaitForInput(std::min(quiet, until));
+    const Clock::time_point until = std::min(quiet, start + timeout);
+    const LineEvent event = line_.WaitForInput(until);
     if (event == LineEvent::kGone) {
       return event;
     }
     if (event == LineEvent::kTimeout) {
-      return quiet <= until ? LineEvent::kReady : LineEvent::kTimeout;
+      timeout -= quiet - start;
+      return timeout >= Duration::zero() ? LineEvent::kReady : LineEvent::kTimeout;
     }
-    unsigned char discarded[256];
-    if (line_.Read(discarded, sizeof(discarded)).event == LineEvent::kGone) {
+    if (line_.Read().event == LineEvent::kGone) {
       return LineEvent::kGone;
     }
+    const Clock::time_point now = Clock::now();
+    last_activity_ = std::max(last_activity_, now);  // a broadcast may still be on its way
+    quiet = std::max(quiet, now + silence);
+    // Time for which this process was not scheduled is no fault of the line's.
+    start += std::max(now - until, Clock::duration::zero());
+  }
+}
+
+LineEvent BusChannel::Send(const Device& device, Duration timeout) {
+  const Duration frame_time =
+      CharacterTime(*rate_, *device.format) * static_cast<long>(device.frame.size());
+  const LineEvent event =
+      line_.Write(device.frame.data(), device.frame.size(), Clock::now() + frame_time + timeout);
+  // The driver has the frame, the line carries it from now on.
+  last_activity_ = Clock::now() + frame_time;
+  return event;
+}
+
+/// Silence that ends the device's answer.
+BusChannel::Duration BusChannel::AnswerSilence(const Device& device) const {
+  if (device.delimiter != 0 || device.after_delimiter == 0) {
+    return EndSilence(*rate_, *device.format);
+  }
+  return std::max<Duration>(InterFrameSilence(*rate_, *device.format),
+                            std::chrono::milliseconds(device.after_delimiter));
+}
+
+/// Hands what has arrived to the reader, up to the end of the answer.
+LineEvent BusChannel::TakeInput(AnswerReader& reader, bool& is_whole) {
+  const SerialLine::Input input = line_.Read();
+  if (input.event == LineEvent::kReady) {
     last_activity_ = Clock::now();
+    is_whole =
+        std::any_of(input.characters, input.characters + input.count,
+                    [&](const Character& next) { return reader.Add(next.byte, next.is_damaged); });
   }
+  return input.event;
 }
 
-/// Whether the answer has its delimiter and the bytes behind it; takes off what came after them.
-bool BusChannel::EndsWithDelimiter(Device& device) {
-  std::vector<unsigned char>& bytes = device.answer_bytes;
-  const auto delimiter = std::find(bytes.begin(), bytes.end(), device.delimiter);
-  if (device.delimiter == 0 || bytes.end() - delimiter <= device.after_delimiter) {
-    return false;
-  }
-  bytes.erase(delimiter + 1 + device.after_delimiter, bytes.end());
-  return true;
-}
-
-/// Adds what arrives until the moment to the device's answer.
-LineEvent BusChannel::TakeInput(Device& device, bool& is_damaged, Clock::time_point until) {
-  const LineEvent event = line_.WaitForInput(until);
-  if (event != LineEvent::kReady) {
-    return event;
-  }
-  unsigned char chunk[256];
-  const SerialLine::Input input = line_.Read(chunk, sizeof(chunk));
-  if (input.event == LineEvent::kGone) {
-    return LineEvent::kGone;
-  }
-  last_activity_ = Clock::now();
-  is_damaged = is_damaged || input.is_damaged;
-  device.answer_bytes.insert(device.answer_bytes.end(), chunk, chunk + input.count);
-  return LineEvent::kReady;
-}
-
-unsigned char BusChannel::Receive(Device& device, Clock::time_point until) {
-  const Duration end_silence =
-      std::max<Duration>(InterFrameSilence(*rate_, *device.format),
-                         device.delimiter == 0 ? std::chrono::milliseconds(device.after_delimiter)
-                                               : std::chrono::milliseconds(0));
-  std::vector<unsigned char>& bytes = device.answer_bytes;
-  bool is_damaged = false;
-  while (true) {
-    const bool is_frame_open = device.delimiter == 0 && !bytes.empty();
-    const Clock::time_point frame_end = is_frame_open ? last_activity_ + end_silence : until;
-    const LineEvent event = TakeInput(device, is_damaged, std::min(frame_end, until));
+/// Receives the device's answer; returns its receive status. What has come by the time-out counts
+/// however late this process looks, and what is open then may still end in the silence behind it.
+unsigned char BusChannel::Receive(Device& device, Duration timeout) {
+  const Duration silence = AnswerSilence(device);
+  AnswerReader reader(device.frame, device.delimiter, device.after_delimiter);
+  Clock::time_point until = last_activity_ + timeout;
+  bool is_timed_out = false;
+  bool is_whole = false;
+  while (!is_whole) {
+    const Clock::time_point now = Clock::now();
+    if (!is_timed_out && now >= until) {
+      is_timed_out = true;
+      until = now + silence;
+    }
+    const bool waits_for_silence = reader.IsOpen() && (is_timed_out || device.delimiter == 0);
+    const Clock::time_point silent = waits_for_silence ? last_activity_ + silence
+                                     : is_timed_out    ? now
+                                                       : until;
+    LineEvent event = line_.WaitForInput(std::min(silent, until));
+    if (event == LineEvent::kReady) {
+      event = TakeInput(reader, is_whole);
+    } else if (event == LineEvent::kTimeout) {
+      is_whole = waits_for_silence && silent <= until && reader.AddSilence();
+      if (is_timed_out && !is_whole) {
+        return NoAnswer(device, reader);
+      }
+    }
     if (event == LineEvent::kGone) {
       return VLM_RS485_PORT_GONE;
     }
-    // An answer without a delimiter that begins with another address is another device's late one.
-    const bool is_end = event == LineEvent::kReady ? EndsWithDelimiter(device)
-                                                   : is_frame_open && frame_end <= until &&
-                                                         bytes.front() == device.frame.front();
-    if (is_end) {
-      return is_damaged ? VLM_RS485_LINE_ERROR : VLM_RS485_ANSWERED;
-    }
-    if (bytes.size() > MAX_RECEIVE_DATA_LENGTH) {
+    if (!is_whole && reader.IsTooLong()) {
       return VLM_RS485_TOO_LONG;
     }
-    if (event == LineEvent::kTimeout) {
-      if (frame_end >= until) {
-        return VLM_RS485_NO_ANSWER;
-      }
-      bytes.clear();
-      is_damaged = false;
-    }
   }
+  if (reader.IsDamaged()) {
+    return VLM_RS485_LINE_ERROR;
+  }
+  device.received = reader.Answer();
+  return VLM_RS485_ANSWERED;
+}
+
+/// The receive status without an answer; what was heard in its place is the device's to look at.
+unsigned char BusChannel::NoAnswer(Device& device, const AnswerReader& reader) {
+  if (!reader.HasBegun()) {
+    device.received = reader.Heard();
+  }
+  return device.received.empty() ? VLM_RS485_NO_ANSWER : VLM_RS485_NOT_ITS_ANSWER;
 }
 
 }  // namespace rs485

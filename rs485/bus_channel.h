@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "answer_reader.h"
 #include "line_codes.h"
 #include "serial_line.h"
 #include "vlm_rs485.h"
@@ -40,7 +41,7 @@ class BusChannel {
     unsigned char after_delimiter = 0;
     std::chrono::milliseconds wait{0};
     std::vector<unsigned char> frame;  // empty: nothing to send
-    std::vector<unsigned char> answer_bytes;
+    std::vector<unsigned char> received;
     receive_data answer{};
   };
 
@@ -48,11 +49,13 @@ class BusChannel {
 
   std::string DevicePath() const;
   void Serve(Device& device);
-  LineEvent KeepSilence(const Device& device, Clock::time_point until);
   unsigned char Exchange(Device& device);
-  LineEvent TakeInput(Device& device, bool& is_damaged, Clock::time_point until);
-  unsigned char Receive(Device& device, Clock::time_point until);
-  static bool EndsWithDelimiter(Device& device);
+  LineEvent KeepSilence(const Device& device, Duration& timeout);
+  LineEvent Send(const Device& device, Duration timeout);
+  unsigned char Receive(Device& device, Duration timeout);
+  Duration AnswerSilence(const Device& device) const;
+  LineEvent TakeInput(AnswerReader& reader, bool& is_whole);
+  static unsigned char NoAnswer(Device& device, const AnswerReader& reader);
 
   const int channel_;
   std::atomic<int> interruptions_{0};  // calls that want the cycle in progress to end

@@ -1,5 +1,7 @@
 #include "line_codes.h"
 
+#include <algorithm>
+
 #include "vlm_rs485.h"
 
 namespace rs485 {
@@ -25,6 +27,12 @@ static_assert(sizeof(kFormats) / sizeof(kFormats[0]) == VLM_RS485_7O2 + 1);
 constexpr int kFixedSilenceAbove = 19200;
 constexpr std::chrono::microseconds kFixedSilence{1750};
 
+// A 16550 UART hands over a block when its FIFO of 16 is filled to the trigger level, and what is
+// left over when nothing came for 4 more characters.
+constexpr int kFifoBlockCharacters = 16 + 4;
+// A USB adapter hands over a packet every 16 ms, and the bus and the scheduler add to it.
+constexpr std::chrono::milliseconds kAdapterPacket{16 + 4};
+
 template <typename Entry, int count>
 const Entry* Find(const Entry (&table)[count], unsigned char code) {
   return code < count ? &table[code] : nullptr;
@@ -47,6 +55,11 @@ std::chrono::nanoseconds CharacterTime(const BaudRate& rate, const CharacterForm
 std::chrono::nanoseconds InterFrameSilence(const BaudRate& rate, const CharacterFormat& format) {
   return rate.bits_per_second > kFixedSilenceAbove ? std::chrono::nanoseconds(kFixedSilence)
                                                    : CharacterTime(rate, format) * 7 / 2;
+}
+
+std::chrono::nanoseconds EndSilence(const BaudRate& rate, const CharacterFormat& format) {
+  return std::max<std::chrono::nanoseconds>(CharacterTime(rate, format) * kFifoBlockCharacters,
+                                            kAdapterPacket);
 }
 
 }  // namespace rs485

@@ -30,6 +30,10 @@ std::chrono::nanoseconds CharacterTime(const BaudRate& rate, const CharacterForm
 /// ("MODBUS over Serial Line V1.02", 2.5.1.1).
 std::chrono::nanoseconds InterFrameSilence(const BaudRate& rate, const CharacterFormat& format);
 
+/// Silence that ends an answer for which nothing else does: longer than the pauses with which a
+/// port hands over what came without one. Never shorter than InterFrameSilence.
+std::chrono::nanoseconds EndSilence(const BaudRate& rate, const CharacterFormat& format);
+
 }  // namespace rs485
 
 #endif  // RS485_LINE_CODES_H_

@@ -141,16 +141,19 @@ LineEvent SerialLine::Write(const unsigned char* bytes, std::size_t count,
   return LineEvent::kReady;
 }
 
-SerialLine::Input SerialLine::Read(unsigned char* bytes, std::size_t most) {
-  const ssize_t count = ::read(descriptor_, bytes, most);
+SerialLine::Input SerialLine::Read() {
+  Input input;
+  input.event = LineEvent::kReady;
+  input.count = 0;
+  unsigned char bytes[std::size(decltype(input.characters){})];
+  const ssize_t count = ::read(descriptor_, bytes, sizeof(bytes));
   if (count <= 0) {
     // With VMIN 0 an idle device reads as 0 bytes, like one that hung up; only poll can tell.
     const bool is_gone = (count < 0 && errno != EAGAIN && errno != EINTR) ||
                          (count == 0 && Wait(POLLIN, Clock::now()) != LineEvent::kTimeout);
-    return {is_gone ? LineEvent::kGone : LineEvent::kTimeout, 0, false};
+    input.event = is_gone ? LineEvent::kGone : LineEvent::kTimeout;
   }
-  // Takes the error marks out, in place. A mark may begin in one read and end in the next.
-  Input input{LineEvent::kReady, 0, false};
+  // Takes the error marks out. A mark may begin in one read and end in the next.
   for (ssize_t i = 0; i < count; ++i) {
     const unsigned char next = bytes[i];
     if (mark_length_ == 0 && next == 0xff) {
@@ -158,9 +161,8 @@ SerialLine::Input SerialLine::Read(unsigned char* bytes, std::size_t most) {
     } else if (mark_length_ == 1 && next == 0) {
       mark_length_ = 2;
     } else {
-      input.is_damaged = input.is_damaged || mark_length_ == 2;
+      input.characters[input.count++] = {next, mark_length_ == 2};
       mark_length_ = 0;
-      bytes[input.count++] = next;
     }
   }
   return input;

@@ -18,6 +18,12 @@ enum class LineEvent {
   kGone,     // the serial device is gone, or Interrupt was called
 };
 
+/// A byte as the line delivered it.
+struct Character {
+  unsigned char byte;
+  bool is_damaged;  // by a parity or framing error; or it stands for a break
+};
+
 /// One Linux serial device in raw mode (termios(3)). One thread at a time, except Interrupt.
 class SerialLine {
  public:
@@ -42,11 +48,11 @@ class SerialLine {
 
   struct Input {
     LineEvent event;    // kTimeout: there was none
-    std::size_t count;  // bytes
-    bool is_damaged;    // a parity or framing error, or a break, stood among them
+    std::size_t count;  // characters; 0 is possible with kReady
+    Character characters[256];
   };
-  /// Takes what has arrived, at most `most` bytes. Does not wait.
-  Input Read(unsigned char* bytes, std::size_t most);
+  /// Takes what has arrived, as much as fits. Does not wait.
+  Input Read();
 
   /// Makes the wait in progress, and those to come, end with kGone until Resume. Any thread.
   void Interrupt();

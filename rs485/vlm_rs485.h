@@ -57,11 +57,14 @@ enum {
 
 /* Receive status of one device, receive_data.rcv_status. */
 enum {
-  VLM_RS485_ANSWERED = 0,   /* also: sent, for a broadcast */
-  VLM_RS485_NO_ANSWER = 1,  /* no complete answer in the device's time-out */
-  VLM_RS485_LINE_ERROR = 2, /* parity or framing error, or break, within the answer */
-  VLM_RS485_TOO_LONG = 3,   /* more than MAX_RECEIVE_DATA_LENGTH bytes without an end */
-  VLM_RS485_PORT_GONE = 4   /* the serial device is gone, or the port was closed meanwhile */
+  VLM_RS485_ANSWERED = 0,      /* also: sent, for a broadcast */
+  VLM_RS485_NO_ANSWER = 1,     /* no complete answer in the device's time-out */
+  VLM_RS485_LINE_ERROR = 2,    /* parity or framing error, or break, within the answer; or the line
+                                  was never silent */
+  VLM_RS485_TOO_LONG = 3,      /* more than MAX_RECEIVE_DATA_LENGTH bytes without an end */
+  VLM_RS485_PORT_GONE = 4,     /* the serial device is gone, or the port was closed meanwhile */
+  VLM_RS485_NOT_ITS_ANSWER = 5 /* bytes came in the time-out, none of them of this device's answer:
+                                  noise, another device or a second master */
 };
 
 /* A frame for a device. */
@@ -72,9 +75,10 @@ typedef struct xfer_data {
 
 /* What a device answered. */
 typedef struct receive_data {
-  uint16_t rcv_da_len; /* bytes; 0 unless answered */
+  uint16_t rcv_da_len; /* bytes; 0 unless the status is ANSWERED or NOT_ITS_ANSWER */
   uint8_t rcv_status;
-  unsigned char* rcv_da;
+  unsigned char* rcv_da; /* the answer; with NOT_ITS_ANSWER what was heard in its place, the first
+                            MAX_RECEIVE_DATA_LENGTH bytes at most */
 } receive_data;
 
 /* The answers of a cycle. */
@@ -94,10 +98,11 @@ int vlm_rs485_close(int channel);
 
 /* Parameters of one device, kept until they are set again. `timeout` ms, from the end of the frame
  * to the end of the answer; 0 or less: no answer is waited for. `delimitertype` 0: an answer ends
- * with silence on the line, at least 3.5 characters and at least `byte_after_delimiter` ms; any
- * other value is the byte that ends it, followed by `byte_after_delimiter` further bytes.
- * `com_wait_time` ms of silence before the device is addressed. Returns 0, or -1 with errno EINVAL.
- */
+ * as a Modbus RTU frame or with silence on the line, `byte_after_delimiter` ms of it but never less
+ * than 3.5 characters, or, when that is 0, longer than a UART or an adapter pauses within a frame;
+ * any other value is the byte that ends an answer, followed by `byte_after_delimiter` further
+ * bytes. `com_wait_time` ms of silence before the device is addressed. Returns 0, or -1 with errno
+ * EINVAL. */
 int vlm_rs485_setPortParams(int channel, unsigned char address, unsigned char databits,
                             short timeout, unsigned char delimitertype,
                             unsigned char byte_after_delimiter, unsigned char com_wait_time);
