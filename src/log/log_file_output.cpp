@@ -40,7 +40,7 @@ constexpr std::size_t kKeptBytesAfterDrop = kKeptBytesMax - kKeptBytesMax / 64;
 // At the stop, for a console that takes text slowly or not at all.
 constexpr std::chrono::milliseconds kConsoleEndWait{200};
 
-// A burst of lines leaves no more memory than this behind.
+// Lines; a burst leaves no more room for them behind.
 constexpr std::size_t kKeptCapacity = 16 * 1024;
 
 // Each rotation looks at every copy.
