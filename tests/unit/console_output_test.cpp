@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 
 #include <atomic>
+#include <future>
 #include <thread>
 
 #include "support/console.h"
@@ -35,12 +36,10 @@ void LogFrom(int thread) {
 /// Each line whole and in its thread's order, and all that are missing in the note.
 void CheckLines(const std::string& text) {
   int next[kThreads] = {};
-  int count = 0;
-  int lost = 0;
+  int count = 0, lost = 0;
   std::istringstream stream(text);
   for (std::string line; std::getline(stream, line);) {
-    int thread = 0;
-    int number = 0;
+    int thread = 0, number = 0;
     if (std::sscanf(line.c_str(), "log lines lost on this console [%d]", &number) == 1) {
       lost += number;
     } else if (std::sscanf(line.c_str(), "%d %d", &thread, &number) == 2) {
@@ -77,22 +76,17 @@ TEST(ConsoleOutput, ThatNobodyReadsHoldsNobodyUp) {
     std::thread reader([&] {
       WaitFor(5000, [&] { return is_read.load(); });
       std::string buffer(64 * 1024, ' ');
-      while (WaitForDescriptor(reading.Get(), POLLIN, std::nullopt) > 0) {
-        const ssize_t size = ::read(reading.Get(), buffer.data(), buffer.size());
-        if (size <= 0) {
-          break;
-        }
+      for (ssize_t size = 0; WaitForDescriptor(reading.Get(), POLLIN, std::nullopt) > 0 &&
+                             (size = ::read(reading.Get(), buffer.data(), buffer.size())) > 0;) {
         text.append(buffer, 0, std::size_t(size));
         EXPECT_TRUE(kind < 4 || text.back() == '\n') << "a packet is a write: whole lines";
       }
     });
-    std::vector<std::thread> threads;
+    std::vector<std::future<void>> calls;
     for (int thread = 0; thread < kThreads; ++thread) {
-      threads.emplace_back(LogFrom, thread);
+      calls.push_back(std::async(std::launch::async, LogFrom, thread));
     }
-    for (std::thread& thread : threads) {
-      thread.join();
-    }
+    calls.clear();
     const Stopwatch watch;
     EXPECT_FALSE(ConsoleOutput::Get().Drain(std::chrono::milliseconds(200)));
     EXPECT_LT(watch.Ms(), 200 + kSlackMs);

@@ -4,8 +4,8 @@
 
 #include <atomic>
 #include <ctime>
+#include <future>
 #include <map>
-#include <thread>
 
 #include "common/time_stamp.h"
 #include "support/console.h"
@@ -69,9 +69,9 @@ TEST(TimeStamp, IsNowInUniversalTime) {
 TEST_F(LoggerLogTest, LinesAreWholeAndTheEndWaitsForNobody) {
   UseSettings({{"LoggerComLogMaxFileSize", "100MB"}});
   std::atomic<bool> is_over{false};
-  std::vector<std::thread> threads;
+  std::vector<std::future<void>> threads;
   for (int thread = 0; thread < 4; ++thread) {
-    threads.emplace_back([&is_over, thread] {
+    threads.push_back(std::async(std::launch::async, [&is_over, thread] {
       for (int number = 0; !is_over; ++number) {
         LoggerLog::Info(std::to_string(thread), std::to_string(number) + " whole.");
         if (number % 50 == 0) {
@@ -79,16 +79,15 @@ TEST_F(LoggerLogTest, LinesAreWholeAndTheEndWaitsForNobody) {
           test::SleepMs(20);
         }
       }
-    });
+    }));
     // Calls that begin after the end are not waited for, however many there are.
-    threads.emplace_back([&is_over] {
+    threads.push_back(std::async(std::launch::async, [&is_over] {
       while (!is_over) {
         LoggerLog::Verbose("T", "x");
       }
-    });
+    }));
   }
-  int full_waits = 0;
-  int count = 0;
+  int full_waits = 0, count = 0;
   for (int round = 0; round < 6; ++round) {
     LoggerLog::Setup();
     test::SleepMs(round == 0 ? 1200 : 50);  // across some ticks
@@ -97,8 +96,7 @@ TEST_F(LoggerLogTest, LinesAreWholeAndTheEndWaitsForNobody) {
     full_waits += watch.Ms() >= 490 ? 1 : 0;
     std::map<int, int> next;  // a thread's lines of a round follow each other
     for (const std::string& line : test::Lines(text)) {
-      int thread = 0;
-      int number = 0;
+      int thread = 0, number = 0;
       char end = ' ';
       ASSERT_EQ(std::sscanf(line.c_str() + 30, "[I] %d %d whole%c", &thread, &number, &end), 3);
       const auto entry = next.try_emplace(thread, number).first;
@@ -109,9 +107,6 @@ TEST_F(LoggerLogTest, LinesAreWholeAndTheEndWaitsForNobody) {
     test::WriteFile(log_path_, "");
   }
   is_over = true;
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
   EXPECT_LE(full_waits, 1);  // at its limit it leaves the output behind
 }
 
