@@ -22,7 +22,7 @@ constexpr std::size_t kQueuedMax = 1024 * 1024;
 
 // Lines that come close together are written together: after a write the thread lets text gather
 // for this long, or until there is so much. Only the first line of a burst has to wake it.
-constexpr std::chrono::milliseconds kGatherTime{5};
+constexpr std::chrono::milliseconds kGatherTime{2};
 constexpr std::size_t kGatherSize = 32 * 1024;
 
 // Memory that is kept for the next texts.

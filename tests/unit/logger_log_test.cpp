@@ -93,6 +93,7 @@ TEST_F(LoggerLogTest, LinesAreWholeAndTheEndWaitsForNobody) {
     test::SleepMs(round == 0 ? 1200 : 50);  // across some ticks
     const test::Stopwatch watch;
     const std::string text = StopLog();
+    const std::string console = console_.Text();
     full_waits += watch.Ms() >= 490 ? 1 : 0;
     std::map<int, int> next;  // a thread's lines of a round follow each other
     for (const std::string& line : test::Lines(text)) {
@@ -103,7 +104,7 @@ TEST_F(LoggerLogTest, LinesAreWholeAndTheEndWaitsForNobody) {
       EXPECT_EQ(number, entry->second++) << line;
       ++count;
     }
-    EXPECT_EQ(test::CountText(console_.Text(), "LoggerCom.log ["), count);
+    EXPECT_EQ(test::CountText(console, "LoggerCom.log ["), count);
     test::WriteFile(log_path_, "");
   }
   is_over = true;
