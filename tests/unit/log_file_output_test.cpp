@@ -131,16 +131,11 @@ TEST_F(LogFileOutputTest, WriteSwitchOffEchoesOnly) {
   output_->Flush();
   EXPECT_TRUE(WaitForText("[x UTC] before\n")) << "a flush writes what was queued before";
   FileUtil::GetInstance()->SetLogWriteEnable(true);
-  std::string text = "[x UTC] before\n";
-  std::string echo = "com.log [x UTC] before\ncom.log [x UTC] between\n";
-  for (int i = 0; i < 50; ++i) {
-    Log("after");
-    text += "[x UTC] after\n";
-    echo += "com.log [x UTC] after\n";
-  }
+  Log("after");
   output_.reset();
-  EXPECT_EQ(console_.Text(), echo);
-  EXPECT_EQ(Text(), text);
+  EXPECT_EQ(Text(), "[x UTC] before\n[x UTC] after\n");
+  EXPECT_EQ(console_.Text(),
+            "com.log [x UTC] before\ncom.log [x UTC] between\ncom.log [x UTC] after\n");
 }
 
 TEST_F(LogFileOutputTest, ATimeWithoutACardLeavesALineAtEachEnd) {
@@ -164,6 +159,7 @@ TEST_F(LogFileOutputTest, ATimeWithoutACardLeavesALineAtEachEnd) {
   Log("0 kkk");
   ASSERT_TRUE(WaitForConsole(2, gone_));
   for (int i = 1; i < 400; ++i) {
+    test::SleepMs(i == 200 ? 500 : 0);  // the rest goes to the other buffer
     Log(std::to_string(i) + " " + std::string(16 * 1024, 'k'));
   }
   test::SleepMs(1200);  // some vain attempts
@@ -177,7 +173,7 @@ TEST_F(LogFileOutputTest, ATimeWithoutACardLeavesALineAtEachEnd) {
   EXPECT_EQ(kept.find("[x UTC] new file\n" + gone_ + "[x UTC] [W] LogFlOut Log lines lost while " +
                       "the card was gone [" + std::to_string(lost) + "]\n"),
             0);
-  EXPECT_EQ(kept.substr(kept.size() - back_.size()), back_);
+  EXPECT_EQ(test::CountText(kept, back_), 1);
   EXPECT_EQ(ErrorLines(), 1) << "a flush of nothing is no failure; no writing to a link";
 }
 
