@@ -3,21 +3,17 @@
 #include <Poco/Exception.h>
 #include <Poco/Format.h>
 #include <Poco/ScopedLock.h>
-#include <fcntl.h>
-#include <limits.h>
-#include <poll.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <exception>
-#include <numeric>
+#include <initializer_list>
+#include <optional>
+#include <string_view>
+#include <utility>
 
 #include "common/time_stamp.h"
-#include "utility/deadline.h"
-#include "utility/descriptor.h"
+#include "log/console_output.h"
 #include "utility/file_util.h"
 
 namespace tmsc {
@@ -41,68 +37,47 @@ constexpr unsigned int kLogFileInitializeBufferSize = 8 * 1024;
 constexpr std::size_t kKeptBytesMax = 4 * 1024 * 1024;
 constexpr std::size_t kKeptBytesAfterDrop = kKeptBytesMax - kKeptBytesMax / 64;
 
-constexpr std::chrono::milliseconds kConsoleWait{200};
+// At the stop, for a console that takes text slowly or not at all.
+constexpr std::chrono::milliseconds kConsoleEndWait{200};
+
+// Lines; a burst leaves no more room for them behind.
+constexpr std::size_t kKeptCapacity = 16 * 1024;
 
 // Each rotation looks at every copy.
 constexpr unsigned int kRollIndexMax = 9999;
 
-/// Writes a text in one go, so that lines of different threads stay whole. A console that takes
-/// nothing for a while is stuck: it gets the lines that it has room for, and no caller waits for
-/// it.
-void WriteToConsole(const std::string& text) {
-  static std::atomic<bool> is_stuck{false};
-  for (std::size_t done = 0; done < text.size();) {
-    const Deadline deadline(is_stuck ? std::chrono::milliseconds(0) : kConsoleWait);
-    is_stuck = WaitForDescriptor(STDOUT_FILENO, POLLOUT, deadline) == 0;
-    // A pipe that is ready has room for this many bytes at least (pipe(7)).
-    const std::size_t count = std::min<std::size_t>(text.size() - done, PIPE_BUF);
-    if (is_stuck || ::write(STDOUT_FILENO, text.data() + done, count) < 0) {
-      return;
-    }
-    done += count;
-  }
-}
+// Set on the thread that tries something on the card again and again: what the file helpers log
+// about a refusal is then the reason in a line of the writer's own, once an episode.
+thread_local bool is_trying_ = false;
 
-bool WriteAll(int descriptor, const std::string& text) {
-  std::size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t written = ::write(descriptor, text.data() + done, text.size() - done);
-    if (written < 0 && errno == EINTR) {
-      continue;
-    }
-    if (written <= 0) {
-      return false;
-    }
-    done += static_cast<std::size_t>(written);
-  }
-  return true;
-}
+class Attempt {
+ public:
+  explicit Attempt(bool is_quiet = true) { is_trying_ = is_quiet; }
+  ~Attempt() { is_trying_ = false; }
+  Attempt(const Attempt&) = delete;
+  Attempt& operator=(const Attempt&) = delete;
+};
 
-/// None also for what is no file: a pipe that somebody put there would hold the writer up.
-Descriptor OpenForAppend(const std::string& path, int more_flags = 0) {
-  constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
-  Descriptor file(::open(path.c_str(), kFlags | more_flags, 0666));
-  struct stat status {};
-  if (file.IsOpen() && (::fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode))) {
-    file.Reset();
-  }
-  return file;
-}
-
-/// False when the card does not have the data. A file system that cannot synchronise has nothing to
-/// report.
-bool IsOnCard(const Descriptor& descriptor) {
-  return descriptor.IsOpen() && (::fsync(descriptor.Get()) == 0 || errno == EINVAL);
+void WriteToConsole(std::initializer_list<std::string_view> parts) {
+  ConsoleOutput::Get().Write(parts);
 }
 
 }  // namespace
+
+/// Text that goes to the file with the next append, and the size of the file before that.
+struct LogFileOutput::Pending {
+  std::string text;
+  unsigned int file_size;
+};
 
 LogFileOutput::LogFileOutput()
     : time_stamp_format_(kLogTimeStampFormat),
       log_level_(kLogFileInitializeLogLevel),
       buffer_size_(kLogFileInitializeBufferSize),
       roll_index_(kLogFileInitializeRollIndex),
-      file_size_(kLogFileInitializeFileSize) {}
+      file_size_(kLogFileInitializeFileSize) {
+  SetIoErrorFile(kLoggerIoFileErrorFile);
+}
 
 LogFileOutput::~LogFileOutput() {
   Finish();
@@ -142,28 +117,46 @@ void LogFileOutput::SetBufferSize(unsigned int buffer_size) {
 
 void LogFileOutput::SetTimeStampFormat(std::string format) {
   if (!format.empty()) {
+    const Lock lock(mutex_);
     time_stamp_format_ = std::move(format);
   }
 }
 
+void LogFileOutput::SetIoErrorFile(const std::string& path) {
+  io_error_file_ = CardFile(path, CardFile::Folder::kShared);
+}
+
 void LogFileOutput::Setup(std::string file_path) {
   if (file_path.empty()) {
-    WriteToConsole("file_path error not set\n");
-  }
-  file_dir_ = FileUtil::GetDirectory(file_path);
-  file_name_ = FileUtil::GetFileName(file_path);
-  file_path_ = std::move(file_path);
-  if (!FileUtil::IsFileExists(file_dir_) && !FileUtil::CreateDirectory(file_dir_, true)) {
-    CreateIoErrorFile();
+    WriteToConsole({"file_path error not set\n"});
   }
   {
     const Lock lock(mutex_);
-    for (int i = 0; i < kLogBufferCountMax; ++i) {
+    file_dir_ = FileUtil::GetDirectory(file_path);
+    file_name_ = FileUtil::GetFileName(file_path);
+    file_path_ = std::move(file_path);
+    card_file_ = CardFile(file_path_);
+  }
+  bool has_directory = false;
+  {
+    const Attempt attempt;
+    has_directory = FileUtil::IsFileExists(file_dir_) || FileUtil::CreateDirectory(file_dir_, true);
+  }
+  if (!has_directory) {
+    CreateIoErrorFile();
+    BeginWithoutCard();
+  }
+  {
+    const Lock lock(mutex_);
+    // Before the first set-up they hold only lines that came while the log was being configured.
+    for (int i = 0; i < kLogBufferCountMax && buffer_log_ != nullptr; ++i) {
       buffer_[i].clear();
-      line_numbers_[i].clear();
+      buffer_bytes_[i] = 0;
     }
     buffer_log_ = &buffer_[buffer_index_];
+    is_finished_ = false;
   }
+  is_set_up_ = true;
   if (!log_file_output_timer_) {
     log_file_output_timer_ =
         std::make_unique<Poco::Timer>(kLogFileWriteCycleTimeMs, kLogFileWriteCycleTimeMs);
@@ -174,17 +167,25 @@ void LogFileOutput::Setup(std::string file_path) {
 
 void LogFileOutput::LogOutput(int level, const std::string& level_string, const std::string& tag,
                               const std::string& message) try {
+  if (is_trying_) {
+    refusal_ = message;
+    return;
+  }
   if (level < log_level_) {
     return;
   }
+  std::optional<Lock> until_set_up;
+  if (!is_set_up_) {
+    until_set_up.emplace(mutex_);
+  }
   try {
     std::string line = FormatLine(level_string, tag, message);
-    WriteToConsole(file_name_ + " " + line);
+    WriteToConsole({file_name_, " ", line});
     if (IsLogEnable()) {
       Queue(std::move(line));
     }
   } catch (const Poco::Exception& failure) {
-    WriteToConsole("LogOutput error " + failure.displayText() + "\n");
+    WriteToConsole({"LogOutput error ", failure.displayText(), "\n"});
     Queue(failure.displayText());
   }
 } catch (const std::exception&) {
@@ -193,8 +194,10 @@ void LogFileOutput::LogOutput(int level, const std::string& level_string, const 
 
 std::string LogFileOutput::FormatLine(const std::string& level_string, const std::string& tag,
                                       const std::string& message) const {
-  std::string line = UtcTimeText();
-  line.reserve(line.size() + level_string.size() + tag.size() + message.size() + 8);
+  const std::string time = UtcTimeText();
+  std::string line;
+  line.reserve(time.size() + level_string.size() + tag.size() + message.size() + 5);
+  line.append(time);
   if (!level_string.empty()) {
     line.append("[").append(level_string).append("] ");
   }
@@ -204,6 +207,16 @@ std::string LogFileOutput::FormatLine(const std::string& level_string, const std
   return line.append(message).append("\n");
 }
 
+std::string LogFileOutput::EchoOwnLine(int level, const std::string& level_string,
+                                       const std::string& message) const {
+  if (level < log_level_) {
+    return {};
+  }
+  std::string line = FormatLine(level_string, kLogTag, message);
+  WriteToConsole({file_name_, " ", line});
+  return line;
+}
+
 std::string LogFileOutput::UtcTimeText() const {
   const std::string text = TimeStamp::CreateWithCurrentDate()->StringFromFormat(time_stamp_format_);
   return text.empty() ? text : "[" + text + " UTC] ";
@@ -211,32 +224,34 @@ std::string LogFileOutput::UtcTimeText() const {
 
 void LogFileOutput::Queue(std::string line) {
   const Lock lock(mutex_);
-  if (buffer_log_ == nullptr) {
+  if (is_finished_) {
     return;
   }
-  kept_bytes_ += line.size();
-  line_numbers_[buffer_index_].push_back(next_line_number_++);
-  buffer_log_->push_back(std::move(line));
-  if (is_card_gone_ && kept_bytes_ > kKeptBytesMax) {
+  buffer_bytes_[buffer_index_] += line.size();
+  buffer_[buffer_index_].push_back({next_line_number_++, std::move(line)});
+  if (is_card_gone_) {
     DropOldestLines();
   }
 }
 
 // The caller holds mutex_.
 void LogFileOutput::DropOldestLines() {
+  if (buffer_bytes_[0] + buffer_bytes_[1] <= kKeptBytesMax) {
+    return;
+  }
   std::size_t dropped[kLogBufferCountMax] = {};
   const auto oldest = [&](int index) {
     const bool is_available = index == buffer_index_ || !is_writing_;
     return is_available && dropped[index] < buffer_[index].size()
-               ? line_numbers_[index][dropped[index]]
+               ? buffer_[index][dropped[index]].number
                : next_line_number_;
   };
-  while (kept_bytes_ > kKeptBytesAfterDrop) {
+  while (buffer_bytes_[0] + buffer_bytes_[1] > kKeptBytesAfterDrop) {
     const int index = oldest(0) < oldest(1) ? 0 : 1;
     if (oldest(index) == next_line_number_) {
       break;
     }
-    kept_bytes_ -= buffer_[index][dropped[index]++].size();
+    buffer_bytes_[index] -= buffer_[index][dropped[index]++].text.size();
   }
   for (int i = 0; i < kLogBufferCountMax; ++i) {
     const auto count = static_cast<std::ptrdiff_t>(dropped[i]);
@@ -244,7 +259,6 @@ void LogFileOutput::DropOldestLines() {
       continue;  // perhaps the writer's
     }
     buffer_[i].erase(buffer_[i].begin(), buffer_[i].begin() + count);
-    line_numbers_[i].erase(line_numbers_[i].begin(), line_numbers_[i].begin() + count);
     dropped_lines_ += dropped[i];
   }
   log_size_ = 0;
@@ -267,15 +281,22 @@ void LogFileOutput::Finish() {
     Execute(*log_file_output_timer_);
   }
   log_file_output_timer_.reset();
-  const Lock lock(mutex_);
-  buffer_log_ = nullptr;
+  {
+    const Lock lock(mutex_);
+    is_finished_ = true;
+    for (int i = 0; i < kLogBufferCountMax; ++i) {
+      buffer_[i].clear();
+      buffer_bytes_[i] = 0;
+    }
+  }
+  ConsoleOutput::Get().Drain(kConsoleEndWait);
 }
 
 void LogFileOutput::Execute(Poco::Timer& /*timer*/) {
   try {
     Tick();
   } catch (const std::exception& failure) {
-    WriteToConsole(std::string("log_file write error ") + failure.what() + "\n");
+    WriteToConsole({"log_file write error ", failure.what(), "\n"});
   }
 }
 
@@ -287,26 +308,18 @@ void LogFileOutput::Tick() {
   if (taken < 0) {
     return;
   }
-  bool is_card_gone = is_card_gone_;  // as before, when there is nothing to try it with
-  if (!buffer_[taken].empty()) {
-    is_card_gone = !PrepareFile();
-    if (!is_card_gone) {
-      WriteBuffer(taken);
-    }
+  if (!buffer_[taken].empty() && PrepareFile()) {
+    WriteBuffer(taken);
   }
   if (is_flush_tick_) {
     Synchronise();
   }
   const Lock lock(mutex_);
   is_writing_ = false;
-  is_card_gone_ = is_card_gone;
-  kept_bytes_ = 0;
-  for (const Lines& lines : buffer_) {
-    kept_bytes_ =
-        std::accumulate(lines.begin(), lines.end(), kept_bytes_,
-                        [](std::size_t sum, const std::string& line) { return sum + line.size(); });
+  if (buffer_[taken].empty()) {
+    buffer_bytes_[taken] = 0;
   }
-  if (is_card_gone_ && kept_bytes_ > kKeptBytesMax) {
+  if (is_card_gone_) {
     DropOldestLines();
   }
 }
@@ -315,7 +328,7 @@ void LogFileOutput::Tick() {
 /// the writer's now, -1 when there is nothing to do.
 int LogFileOutput::TakeBuffer() {
   const Lock lock(mutex_);
-  if (!IsBufferOutput()) {
+  if (buffer_log_ == nullptr || !IsBufferOutput()) {
     return -1;
   }
   const int taken = buffer_index_;
@@ -331,7 +344,8 @@ bool LogFileOutput::IsBufferOutput() {
   if (!is_output) {
     const int count = static_cast<int>(buffer_log_->size());
     for (; log_line_ < count; ++log_line_) {
-      log_size_ += static_cast<int>((*buffer_log_)[static_cast<std::size_t>(log_line_)].size());
+      log_size_ +=
+          static_cast<int>((*buffer_log_)[static_cast<std::size_t>(log_line_)].text.size());
     }
     is_output = static_cast<unsigned int>(log_size_) >= buffer_size_;
   }
@@ -343,35 +357,44 @@ bool LogFileOutput::IsBufferOutput() {
 }
 
 bool LogFileOutput::PrepareFile() {
-  const bool is_ready =
-      (FileUtil::IsFileExists(file_dir_) || FileUtil::CreateDirectory(file_dir_, true)) &&
-      (FileUtil::CanWrite(file_dir_) || FileUtil::SetWriteable(file_dir_, true)) &&
-      (FileUtil::IsFileExists(file_path_) || FileUtil::CreateFile(file_path_));
+  bool is_ready = false;
+  {
+    const Attempt attempt;
+    is_ready = (FileUtil::IsFileExists(file_dir_) || FileUtil::CreateDirectory(file_dir_, true)) &&
+               (FileUtil::CanWrite(file_dir_) || FileUtil::SetWriteable(file_dir_, true)) &&
+               (FileUtil::IsFileExists(file_path_) || FileUtil::CreateFile(file_path_));
+  }
   if (!is_ready) {
     CreateIoErrorFile();
+    BeginWithoutCard();
   }
   return is_ready;
 }
 
-void LogFileOutput::WriteBuffer(int index) {
-  std::string pending = ReportDroppedLines();
-  // Only this thread changes the file, so its size is read again only after a write.
-  unsigned int file_size = FileUtil::GetSize(file_path_);
-  for (const std::string& line : buffer_[index]) {
-    const auto size = static_cast<unsigned int>(file_size + pending.size() + line.size());
-    if (file_size_ + refused_size_ < size) {
-      FileOutput(pending);
-      pending.clear();
-      Synchronise();  // a later flush reaches only the new file
-      LogRotate(file_name_);
-      file_size = FileUtil::GetSize(file_path_);
+void LogFileOutput::BeginWithoutCard() {
+  {
+    const Lock lock(mutex_);
+    if (is_card_gone_) {
+      return;
     }
-    pending += line;
+    is_card_gone_ = true;
   }
-  FileOutput(pending);
-  const Lock lock(io_file_error_mutex_);
-  buffer_[index].clear();
-  line_numbers_[index].clear();
+  // Kept apart from the other lines: it is not to be among those that are dropped.
+  without_card_line_ =
+      EchoOwnLine(kLogOutputLevelErrorValue, kLogOutputLevelErrorString,
+                  "Card is gone, log lines are kept [" + file_path_ + "] " + refusal_);
+}
+
+std::string LogFileOutput::EndWithoutCard() {
+  {
+    const Lock lock(mutex_);
+    if (!is_card_gone_) {
+      return {};
+    }
+    is_card_gone_ = false;
+  }
+  return EchoOwnLine(kLogOutputLevelWarnValue, kLogOutputLevelWarnString,
+                     "Card is back [" + file_path_ + "]");
 }
 
 std::string LogFileOutput::ReportDroppedLines() {
@@ -380,17 +403,56 @@ std::string LogFileOutput::ReportDroppedLines() {
     const Lock lock(mutex_);
     dropped = std::exchange(dropped_lines_, 0);
   }
-  if (dropped == 0 || log_level_ > kLogOutputLevelWarnValue) {
-    return {};
+  return dropped == 0 ? std::string()
+                      : EchoOwnLine(kLogOutputLevelWarnValue, kLogOutputLevelWarnString,
+                                    "Log lines lost while the card was gone [" +
+                                        std::to_string(dropped) + "]");
+}
+
+void LogFileOutput::WriteBuffer(int index) {
+  // Only this thread changes the file, so its size is read again only after a write.
+  Pending pending{{}, FileUtil::GetSize(file_path_)};
+  Gather(pending, std::exchange(without_card_line_, {}));
+  const std::string end_line = EndWithoutCard();
+  Gather(pending, ReportDroppedLines());
+  for (const LogLine& line : buffer_[index]) {
+    Gather(pending, line.text);
   }
-  std::string line =
-      FormatLine(kLogOutputLevelWarnString, kLogTag,
-                 "Log lines lost while the card was gone [" + std::to_string(dropped) + "]");
-  WriteToConsole(file_name_ + " " + line);
-  return line;
+  Gather(pending, end_line);
+  FileOutput(pending.text);
+  const Lock lock(io_file_error_mutex_);
+  buffer_[index].clear();
+  if (buffer_[index].capacity() > kKeptCapacity) {
+    buffer_[index].shrink_to_fit();
+  }
+}
+
+void LogFileOutput::Gather(Pending& pending, const std::string& line) {
+  const auto is_too_large = [&] {
+    const auto size =
+        static_cast<unsigned int>(pending.file_size + pending.text.size() + line.size());
+    return file_size_ + refused_size_ < size;
+  };
+  if (!line.empty() && is_too_large()) {
+    FileOutput(std::exchange(pending.text, {}));
+    pending.file_size = FileUtil::GetSize(file_path_);
+    // On a full card the text may not have made the file any larger. To start another file would
+    // cost a copy for nothing.
+    if (is_too_large() && !(is_output_failed_ && pending.file_size == 0)) {
+      Synchronise();  // a later flush reaches only the new file
+      LogRotate(file_name_);
+      pending.file_size = FileUtil::GetSize(file_path_);
+    }
+  }
+  pending.text += line;
 }
 
 void LogFileOutput::LogRotate(std::string file_name) {
+  // What a rotation cannot rename is told once, not again and again: each line makes the file grow
+  // towards the next rotation.
+  const Attempt attempt(is_rotation_refused_);
+  is_rotation_refused_ = false;
+  refused_size_ = 0;
   for (unsigned int index = roll_index_; index >= 1; --index) {
     const std::string old_name =
         index == 1 ? file_name : Poco::format("%s.%d", file_name, static_cast<int>(index - 1));
@@ -398,17 +460,19 @@ void LogFileOutput::LogRotate(std::string file_name) {
       continue;
     }
     const std::string new_name = Poco::format("%s.%d", file_name, static_cast<int>(index));
-    if (!FileUtil::RenameFile(file_dir_ + old_name, file_dir_ + new_name)) {
-      // To go on would replace text that has no other copy. The file grows by another file's length
-      // before the next attempt, so that the lines about the refusal do not ask for one.
-      refused_size_ = FileUtil::GetSize(file_path_);
-      return;
+    const bool is_renamed = FileUtil::RenameFile(file_dir_ + old_name, file_dir_ + new_name);
+    is_rotation_refused_ = is_rotation_refused_ || !is_renamed;
+    if (index > 1) {
+      continue;
     }
-    if (index == 1 && !FileUtil::CreateFile(file_path_)) {
+    if (!is_renamed) {
+      // Its text has no other copy, so it goes on growing, by another file's length before the next
+      // attempt.
+      refused_size_ = FileUtil::GetSize(file_path_);
+    } else if (!FileUtil::CreateFile(file_path_)) {
       CreateIoErrorFile();
     }
   }
-  refused_size_ = 0;
 }
 
 void LogFileOutput::FileOutput(std::string output_message) {
@@ -416,35 +480,33 @@ void LogFileOutput::FileOutput(std::string output_message) {
   if (output_message.empty()) {
     return;
   }
-  const Descriptor file = OpenForAppend(file_path_);
-  if (!file.IsOpen()) {
+  const CardFile::Outcome outcome = card_file_.Append(output_message);
+  is_output_failed_ = outcome != CardFile::Outcome::kWritten;
+  if (outcome == CardFile::Outcome::kNotOpened) {
     CreateIoErrorFile();
     return;
   }
-  if (!WriteAll(file.Get(), output_message)) {
-    ReportWriteError();
-    return;
-  }
   is_synchronised_ = false;
-  is_file_write_error_ = false;
+  if (is_output_failed_) {
+    ReportWriteError();
+  } else {
+    is_file_write_error_ = false;
+  }
 }
 
-/// Brings what was written to the card, with its directory: a file created or renamed has to be
-/// found again.
+/// Brings what was written to the card.
 void LogFileOutput::Synchronise() {
   if (is_synchronised_) {
     return;
   }
-  const Descriptor file(::open(file_path_.c_str(), O_WRONLY | O_CLOEXEC | O_NONBLOCK));
-  const Descriptor directory(::open(file_dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  is_synchronised_ = IsOnCard(file) && IsOnCard(directory);
+  is_synchronised_ = card_file_.Synchronise();
   if (!is_synchronised_) {
     ReportWriteError();
   }
 }
 
 void LogFileOutput::ReportWriteError() {
-  WriteToConsole("log_file error " + file_path_ + "\n");
+  WriteToConsole({"log_file error ", file_path_, "\n"});
   CreateIoErrorFile();
 }
 
@@ -453,15 +515,10 @@ void LogFileOutput::CreateIoErrorFile() {
   if (is_file_write_error_) {
     return;
   }
-  // No links: everybody may put one into that folder.
-  const Descriptor file = OpenForAppend(kLoggerIoFileErrorFile, O_NOFOLLOW);
-  if (!file.IsOpen()) {
-    return;
-  }
-  if (WriteAll(file.Get(), UtcTimeText() + file_path_ + "\n")) {
-    is_file_write_error_ = true;
-  } else {
-    WriteToConsole("log_file error " + kLoggerIoFileErrorFile + "\n");
+  const CardFile::Outcome outcome = io_error_file_.Append(UtcTimeText() + file_path_ + "\n");
+  is_file_write_error_ = outcome == CardFile::Outcome::kWritten;
+  if (outcome == CardFile::Outcome::kNotWritten) {
+    WriteToConsole({"log_file error ", kLoggerIoFileErrorFile, "\n"});
   }
 }
 

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "log/card_file.h"
 #include "utility/constant_string.h"
 
 namespace tmsc {
@@ -40,13 +41,20 @@ constexpr int kLogBufferCountMax = 2;
 /// mutex.
 extern Poco::Mutex& io_file_error_mutex_;
 
+/// What a log line is queued as. Numbers grow in the order in which lines came.
+struct LogLine {
+  std::uint64_t number;
+  std::string text;  // with its "\n"
+};
+
 /// Takes log lines from any thread and writes them to a file from a timer thread, every 500 ms: in
 /// buffered mode once enough text is queued or a flush was asked for, else at every tick. The file
 /// is rotated by size into numbered copies. Lines that cannot be written because the card is gone
-/// are kept, 4 MiB at most, and each episode of failure leaves one line in
-/// /tmp/logger_io_file_error.
+/// are kept, 4 MiB at most; such a time leaves one line at its beginning and one at its end. Each
+/// episode of failure leaves one line in the error file.
 ///
-/// The setters are for the time before Setup. LogOutput and Flush are for any thread from Setup on.
+/// The setters are for the time before Setup, by one thread. LogOutput and Flush are for any thread
+/// at any time: a line that comes before Setup is echoed and queued, too.
 class LogFileOutput {
  public:
   LogFileOutput();
@@ -69,27 +77,30 @@ class LogFileOutput {
   void SetBufferSize(unsigned int buffer_size);
   /// An empty format is ignored.
   void SetTimeStampFormat(std::string format);
+  /// Where failures are recorded, in place of /tmp/logger_io_file_error; for tests.
+  void SetIoErrorFile(const std::string& path);
 
   /// Sets the file's path and starts the writer's timer.
   void Setup(std::string file_path);
 
   /// Echoes one line on standard output and queues it, when `level` is high enough. Never throws,
-  /// never touches the file system.
+  /// never waits, never touches the file system.
   void LogOutput(int level, const std::string& level_string, const std::string& tag,
                  const std::string& message);
 
   /// Makes the next tick write what is queued and bring it to the card (fsync).
   void Flush();
 
-  /// Stops the timer, waiting for a tick in progress, and writes what is queued. Further calls do
-  /// nothing.
+  /// Stops the timer, waiting for a tick in progress, writes what is queued, and gives the console
+  /// 200 ms to take the echoes. Further calls do nothing.
   void Finish();
 
-  /// One tick of the writer; the timer's callback.
+  /// One tick of the writer; the timer's callback. Before Setup it does nothing.
   void Execute(Poco::Timer& timer);
   /// Whether the current buffer is to be written now; the caller holds mutex_.
   bool IsBufferOutput();
-  /// Shifts the numbered copies by one and starts a new file.
+  /// Shifts the numbered copies by one and starts a new file. A copy that cannot be renamed is
+  /// left out; a live file that cannot be renamed goes on.
   void LogRotate(std::string file_name);
   /// Appends a text to the log file.
   void FileOutput(std::string output_message);
@@ -99,18 +110,25 @@ class LogFileOutput {
   bool IsLogEnable();
 
  private:
-  using Lines = std::vector<std::string>;
+  using Lines = std::vector<LogLine>;
+  struct Pending;
 
   std::string FormatLine(const std::string& level_string, const std::string& tag,
                          const std::string& message) const;
+  /// The line, echoed already; empty when the level is not logged.
+  std::string EchoOwnLine(int level, const std::string& level_string,
+                          const std::string& message) const;
   std::string UtcTimeText() const;
   void Queue(std::string line);
   void DropOldestLines();
   void Tick();
   int TakeBuffer();
-  void WriteBuffer(int index);
   bool PrepareFile();
+  void BeginWithoutCard();
+  std::string EndWithoutCard();
   std::string ReportDroppedLines();
+  void WriteBuffer(int index);
+  void Gather(Pending& pending, const std::string& line);
   void Synchronise();
   void ReportWriteError();
 
@@ -120,22 +138,24 @@ class LogFileOutput {
   Lines* buffer_log_ = nullptr;
   int buffer_index_ = 0;
   Lines buffer_[kLogBufferCountMax];
-  std::vector<std::uint64_t> line_numbers_[kLogBufferCountMax];  // of each line of buffer_
+  std::size_t buffer_bytes_[kLogBufferCountMax] = {};  // of text
   std::uint64_t next_line_number_ = 0;
-  bool is_writing_ = false;     // the writer has the buffer that is not current
-  bool is_card_gone_ = false;   // the last tick had to give its buffer back
-  std::size_t kept_bytes_ = 0;  // in both buffers; counted while the card is gone
+  bool is_finished_ = false;   // no more lines are queued
+  bool is_writing_ = false;    // the writer has the buffer that is not current
+  bool is_card_gone_ = false;  // the last attempt to prepare the file failed
   std::size_t dropped_lines_ = 0;
   int log_size_ = 0;
   int log_line_ = 0;
 
-  // Set before the timer starts, then constant (the level: any thread).
+  // Set before the timer starts, then constant (the level: any thread). The strings are guarded by
+  // mutex_ until is_set_up_ says that they are constant.
+  std::atomic<bool> is_set_up_{false};
   std::string time_stamp_format_;
   std::string file_dir_;
   std::string file_path_;
   std::string file_name_;
   std::atomic<int> log_level_;
-  bool is_enable_bufferd_io_ = true;
+  std::atomic<bool> is_enable_bufferd_io_{true};
   unsigned int buffer_size_;
   unsigned int roll_index_;
   unsigned int file_size_;
@@ -143,9 +163,17 @@ class LogFileOutput {
   std::unique_ptr<Poco::Timer> log_file_output_timer_;
   std::atomic<bool> is_flush_request_{false};
   std::atomic<bool> is_file_write_error_{false};
-  bool is_flush_tick_ = false;     // this tick serves a flush; the writer's own
-  unsigned int refused_size_ = 0;  // of the file when it could not be rotated; the writer's own
-  bool is_synchronised_ = true;    // nothing written since the last fsync; the writer's own
+
+  // The writer's own.
+  CardFile card_file_;
+  CardFile io_error_file_;
+  std::string refusal_;               // what the file helpers said last
+  std::string without_card_line_;     // says that the card is gone, until it can be written
+  bool is_flush_tick_ = false;        // this tick serves a flush
+  bool is_synchronised_ = true;       // nothing written since the last fsync
+  bool is_output_failed_ = false;     // the last text did not reach the file
+  bool is_rotation_refused_ = false;  // the last rotation could not rename everything
+  unsigned int refused_size_ = 0;     // of the file when it could not be renamed
 };
 
 }  // namespace tmsc

@@ -1,11 +1,10 @@
 #include "log/logger_log.h"
 
-#include <Poco/Thread.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <thread>
 
 #include "log/log_file_output.h"
 #include "logger_setting/logger_setting_manager.h"
@@ -20,8 +19,9 @@ namespace {
 
 const std::string& kFlushTag = ConstantString("LoggerLog");
 
-// Longest time that Shutdown waits for log calls in progress. Only a standard output that nobody
-// reads can hold one up; the output is then left behind alive rather than deleted under the call.
+// Longest time that Shutdown waits for log calls in progress. None waits for anything, but its
+// thread may not get the processor; the output is then left behind alive rather than deleted under
+// the call.
 constexpr std::chrono::milliseconds kShutdownWait{500};
 
 std::atomic<LogFileOutput*> logger_com_file_output_{nullptr};
@@ -61,7 +61,9 @@ void LoggerLog::Setup() {
   if (!FileUtil::IsFileExists(directory)) {
     FileUtil::CreateDirectory(directory, true);
   }
-  auto output = std::make_unique<LogFileOutput>();
+  // Calls find the output from here on: what goes wrong in the following steps is logged, too.
+  auto* const output = new LogFileOutput;
+  logger_com_file_output_ = output;
   output->SetFileSize(
       CountOrIgnored(StringUtil::StringFileSizeToLogFileSize(settings->GetMaxLogFileSize())));
   output->SetRollingIndex(CountOrIgnored(settings->GetMaxLogRollIndex()));
@@ -70,7 +72,6 @@ void LoggerLog::Setup() {
   output->SetBufferSize(CountOrIgnored(settings->GetLoggerLogMaxBufferdSize()));
   output->SetTimeStampFormat(kLogTimeStampFormatMs);
   output->Setup(directory + "/LoggerCom.log");
-  logger_com_file_output_.store(output.release());
 }
 
 void LoggerLog::Shutdown() {
@@ -80,7 +81,7 @@ void LoggerLog::Shutdown() {
   }
   const Deadline deadline(kShutdownWait);
   while (calls_in_progress_ > 0 && !deadline.HasPassed()) {
-    Poco::Thread::sleep(1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   if (calls_in_progress_ > 0) {
     output->Finish();

@@ -6,8 +6,8 @@
 namespace tmsc {
 
 /// The daemon's one log. A line is "[" UTC time " UTC] [" level letter "] " tag " " message; it is
-/// echoed on standard output and written to LoggerCom.log by a thread of its own, so that a log
-/// call never waits for the card and never throws.
+/// echoed on standard output and written to LoggerCom.log, each by a thread of its own, so that a
+/// log call waits for neither console nor card. It never throws.
 ///
 /// The level calls and Flush may come from any thread at any time: before Setup and after Shutdown
 /// they do nothing. Setup and Shutdown belong to the main thread.
@@ -15,9 +15,11 @@ class LoggerLog {
  public:
   virtual ~LoggerLog() = default;
 
-  /// Creates and configures the log from the settings manager, which must exist.
+  /// Creates and configures the log from the settings manager, which must exist. Lines that other
+  /// threads log meanwhile are taken.
   static void Setup();
-  /// Writes what is queued and ends the log. Waits for log calls in progress.
+  /// Writes what is queued and ends the log, about a second at most beside what the card takes.
+  /// Waits for log calls in progress.
   static void Shutdown();
 
   static void Verbose(const std::string& tag, const std::string& message);

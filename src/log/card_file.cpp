@@ -1,0 +1,61 @@
+#include "log/card_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string_view>
+#include <utility>
+
+#include "utility/descriptor.h"
+#include "utility/file_util.h"
+
+namespace tmsc {
+
+namespace {
+
+// No wait, also when somebody puts a pipe there.
+constexpr int kFlags = O_WRONLY | O_NONBLOCK | O_NOCTTY;
+
+bool WriteAll(const Descriptor& file, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = ::write(file.Get(), text.data(), text.size());
+    if (written > 0) {
+      text.remove_prefix(static_cast<std::size_t>(written));
+    } else if (written == 0 || errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
+/// Nothing under that name, or no folder any more: there is nothing to bring to the card.
+bool IsOnCard(const std::string& path, int flags) {
+  const Descriptor file(::open(path.c_str(), flags | O_CLOEXEC));
+  return file.IsOpen() ? ::fsync(file.Get()) == 0 || errno == EINVAL
+                       : errno == ENOENT || errno == ENOTDIR;
+}
+
+}  // namespace
+
+CardFile::CardFile(std::string path, Folder folder) : path_(std::move(path)), folder_(folder) {}
+
+CardFile::Outcome CardFile::Append(const std::string& text) const {
+  const bool is_shared = folder_ == Folder::kShared;
+  const int flags = kFlags | O_CLOEXEC | O_APPEND | O_CREAT | (is_shared ? O_NOFOLLOW : 0);
+  const Descriptor file(::open(path_.c_str(), flags, 0666));
+  struct stat status {};
+  if (!file.IsOpen() || ::fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+      (is_shared && status.st_nlink > 1)) {
+    return Outcome::kNotOpened;
+  }
+  return WriteAll(file, text) ? Outcome::kWritten : Outcome::kNotWritten;
+}
+
+bool CardFile::Synchronise() const {
+  const bool is_file_on_card = IsOnCard(path_, kFlags);
+  return IsOnCard(FileUtil::GetDirectory(path_), O_RDONLY | O_DIRECTORY) && is_file_on_card;
+}
+
+}  // namespace tmsc

@@ -1,0 +1,39 @@
+#ifndef TAMSEL_LOG_CARD_FILE_H_
+#define TAMSEL_LOG_CARD_FILE_H_
+
+#include <string>
+
+namespace tmsc {
+
+/// A file that texts are appended to, open only as long as that takes, so that a card may be pulled
+/// and a file removed in between. Anything but a regular file in its place is refused: a pipe would
+/// hold the writer up. For one thread at a time.
+class CardFile {
+ public:
+  enum class Folder {
+    kOwn,
+    /// Anybody may put something under the file's name: a link is refused as well.
+    kShared,
+  };
+  enum class Outcome { kWritten, kNotOpened, kNotWritten };
+
+  CardFile() = default;
+  explicit CardFile(std::string path, Folder folder = Folder::kOwn);
+
+  /// Appends to the file, which is made when missing. After kNotWritten a part of the text may
+  /// stand there.
+  Outcome Append(const std::string& text) const;
+
+  /// Brings the file to the card (fsync), with its directory: a file that was created or renamed
+  /// has to be found again. False when the card does not have the data. A file that is gone has
+  /// none, and a file system that cannot synchronise has nothing to report.
+  bool Synchronise() const;
+
+ private:
+  std::string path_;
+  Folder folder_ = Folder::kOwn;
+};
+
+}  // namespace tmsc
+
+#endif  // TAMSEL_LOG_CARD_FILE_H_
