@@ -6,6 +6,7 @@
 
 #include "modbus/pdu.h"
 #include "request/frame_limits.h"
+#include "shared/number_option.h"
 #include "shared/usage.h"
 
 namespace tmsc::ctl {

@@ -1,5 +1,7 @@
 #include "shared/usage.h"
 
+#include <CLI/CLI.hpp>
+
 namespace tmsc::ctl {
 
 void ThrowUsage(const std::string& option, const std::string& message) {
