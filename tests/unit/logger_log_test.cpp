@@ -55,12 +55,15 @@ TEST_F(LoggerLogTest, LevelsAndLineFormat) {
 
 TEST(TimeStamp, IsNowInUniversalTime) {
   ::setenv("TZ", "XYZ-9", 1);
-  for (const test::Stopwatch watch; watch.Ms() < 1500; test::SleepMs(1)) {
+  for (const test::Stopwatch watch; watch.Ms() < 2500; test::SleepMs(1)) {
     TimeStamp stamp;
     const std::string text = stamp.StringFromFormat("%Y-%m-%d %H:%M:%S.%i");
     std::tm time{};
     ::strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &time);
     ASSERT_NEAR(static_cast<double>(::timegm(&time)), static_cast<double>(std::time(nullptr)), 1);
+    if (watch.Ms() > 300) {
+      continue;  // always the same format
+    }
     ASSERT_EQ(stamp.StringFromFormat("%i %F %S%%i").replace(7, 3, ""),
               text.substr(20) + " " + text.substr(20) + " " + text.substr(17, 2) + "%i");
   }
@@ -81,11 +84,13 @@ TEST_F(LoggerLogTest, LinesAreWholeAndTheEndWaitsForNobody) {
       }
     }));
     // Calls that begin after the end are not waited for, however many there are.
-    threads.push_back(std::async(std::launch::async, [&is_over] {
-      while (!is_over) {
-        LoggerLog::Verbose("T", "x");
-      }
-    }));
+    for (int i = 0; i < 4; ++i) {
+      threads.push_back(std::async(std::launch::async, [&is_over] {
+        while (!is_over) {
+          LoggerLog::Verbose("T", "x");
+        }
+      }));
+    }
   }
   int full_waits = 0;
   for (int round = 0; round < 20; ++round) {
