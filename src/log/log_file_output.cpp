@@ -38,7 +38,7 @@ constexpr std::size_t kKeptBytesMax = 4 * 1024 * 1024;
 constexpr std::size_t kKeptBytesAfterDrop = kKeptBytesMax - kKeptBytesMax / 64;
 
 // At the stop, for a console that takes text slowly or not at all.
-constexpr std::chrono::milliseconds kConsoleEndWait{200};
+constexpr std::chrono::milliseconds kConsoleEndWait{500};
 
 // Lines; a burst leaves no more room for them behind.
 constexpr std::size_t kKeptCapacity = 16 * 1024;

@@ -92,7 +92,7 @@ class LogFileOutput {
   void Flush();
 
   /// Stops the timer, waiting for a tick in progress, writes what is queued, and gives the console
-  /// 200 ms to take the echoes. Further calls do nothing.
+  /// 500 ms to take the echoes. Further calls do nothing.
   void Finish();
 
   /// One tick of the writer; the timer's callback. Before Setup it does nothing.

@@ -6,7 +6,7 @@
 namespace tmsc::test {
 namespace {
 
-TEST(Card, ReadOnlyAndWritableAgain) {
+TEST(Card, ReadOnlyForAWhileThenGone) {
   if (RunShell("unshare -rm mount -t tmpfs none /mnt").exit_code != 0) {
     GTEST_SKIP() << "this machine gives unprivileged users no mount namespace of their own";
   }
@@ -37,6 +37,15 @@ TEST(Card, ReadOnlyAndWritableAgain) {
   ASSERT_EQ(remount("rw").exit_code, 0);
   RawClient(daemon.SocketPath(), MakeTcpIpRequest(101)).Read(2000);
   EXPECT_TRUE(WaitFor(5000, [&] { return Contains(ReadFile(log), "ch[101]"); }));
+
+  const std::string folder = root + daemon.CardPath() + "/velmorahome";
+  std::filesystem::rename(folder, folder + ".away");
+  WriteFile(folder, "");
+  RawClient(daemon.SocketPath(), MakeTcpIpRequest(102)).Read(2000);
+  EXPECT_TRUE(daemon.WaitForConsole(
+      "Card is gone, log lines are kept [" + daemon.LogPath() + "] Create directory fail.", 5000));
+  SleepMs(1700);
+  EXPECT_EQ(CountText(daemon.Console(), "FlUtil"), 0) << "a line for each attempt";
 }
 
 }  // namespace
