@@ -229,7 +229,7 @@ void LogFileOutput::Queue(std::string line) {
   }
   buffer_bytes_[buffer_index_] += line.size();
   buffer_[buffer_index_].push_back({next_line_number_++, std::move(line)});
-  if (is_card_gone_) {
+  if (is_card_gone_ || is_writing_) {  // a write may hang as long as a card is away
     DropOldestLines();
   }
 }
