@@ -1,6 +1,8 @@
 #ifndef TAMSEL_FIELD_SIMULATOR_EVENT_LOOP_H_
 #define TAMSEL_FIELD_SIMULATOR_EVENT_LOOP_H_
 
+#include <time.h>
+
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -67,7 +69,7 @@ class EventLoop {
   };
 
   void Run();
-  int WaitTime() const;
+  std::optional<timespec> WaitTime() const;
   void CallEvents(std::uint64_t id, std::uint32_t events);
   void CallTimes();
 
