@@ -1,109 +1,46 @@
 #ifndef TAMSEL_TESTS_DAEMON_CLIENT_H_
 #define TAMSEL_TESTS_DAEMON_CLIENT_H_
 
-#include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <initializer_list>
-#include <set>
-#include <string>
-#include <vector>
-
 #include "field_simulator.h"
+#include "modbus/tcp_frame.h"
 #include "support/daemon_process.h"
 #include "support/raw_client.h"
-#include "tamsel_client.h"
-#include "utility/descriptor.h"
 
 namespace tmsc::test {
 
-/// No byte of an answer, and a plain end.
-inline void ExpectRefused(const Reply& reply) {
-  EXPECT_EQ(reply.bytes.size(), 0U);
-  EXPECT_EQ(reply.end, StreamEnd::kEnd);
-}
-
-/// A response with this type and status, all zero but in the slots of `addresses`.
-inline void ExpectResponse(const ResponseReceiveData& response, int type, int status,
-                           const std::set<int>& addresses = {}) {
-  ResponseReceiveData expected{};
-  expected.header.type = type;
-  expected.receive_data.status = status;
-  for (const int address : addresses) {
-    expected.receive_data.receive_data[address - 1] =
-        response.receive_data.receive_data[address - 1];
-  }
-  EXPECT_EQ(response.header.type, type);
-  EXPECT_EQ(response.receive_data.status, status);
-  EXPECT_EQ(std::memcmp(&response, &expected, sizeof(expected)), 0)
-      << "bytes that nobody asked for";
-}
-
-inline void ExpectResponse(const Reply& reply, int type, int status,
-                           const std::set<int>& addresses = {}) {
-  ASSERT_TRUE(reply.IsResponse()) << reply.bytes.size() << " bytes";
-  EXPECT_NE(reply.end, StreamEnd::kNone);
-  ExpectResponse(reply.Response(), type, status, addresses);
-}
-
+/// A register of the simulated devices, which holds address * 1000 + kRegister.
 constexpr int kRegister = 5;
 
-/// Modbus/TCP framing of what follows the unit.
-inline std::vector<byte> ModbusFrame(int unit, std::initializer_list<int> rest) {
-  std::vector<byte> frame = {0, 1, 0, 0, 0, static_cast<byte>(rest.size() + 1)};
-  frame.push_back(static_cast<byte>(unit));
-  for (const int value : rest) {
-    frame.push_back(static_cast<byte>(value));
-  }
-  return frame;
+inline modbus::Bytes ReadPdu() {
+  return modbus::ReadRegistersPdu(modbus::kReadHoldingRegisters, kRegister, 1);
 }
-
-/// Reads one holding register.
-inline std::vector<byte> ReadFrame(int unit, int start_register = kRegister) {
-  return ModbusFrame(unit, {3, start_register >> 8, start_register, 0, 1});
-}
-
-/// The frame that answers ReadFrame.
-inline std::vector<byte> AnswerFrame(int unit, int value) {
-  return ModbusFrame(unit, {3, 2, value >> 8, value});
-}
-
-/// The answer of the simulated device with the address.
-inline std::vector<byte> AnswerFrame(int address) {
-  return AnswerFrame(address, address * 1000 + kRegister);
+inline modbus::Bytes AnswerPdu(int value) {
+  modbus::Bytes pdu = {modbus::kReadHoldingRegisters, 2};
+  modbus::AppendWord(pdu, value);
+  return pdu;
 }
 
 /// Simulated devices with addresses 1 to `count`, all with one fault, each on a port of its own.
-class Devices {
+class Devices : public simulator::FieldSimulator {
  public:
-  explicit Devices(int count = 1, const simulator::Fault& fault = simulator::FaultKind::kNone,
-                   bool is_gateway = false)
-      : count_(count), simulator_(Config(count, fault, is_gateway)) {
-    simulator_.Start();
+  explicit Devices(int count = 1, const simulator::Fault& fault = simulator::FaultKind::kNone)
+      : FieldSimulator(Config(count, fault)), count_(count) {
+    Start();
   }
 
-  /// Reads one register of every device.
-  TcpIpRequest Request(int channel, int timeout_ms = 300) const {
+  /// Reads the register of every device.
+  TcpIpRequest Request(int channel, int timeout_ms = 1000) const {
     TcpIpRequest request = MakeTcpIpRequest(channel);
     for (int address = 1; address <= count_; ++address) {
-      EXPECT_FALSE(AddTcpIpDevice(request, address, "127.0.0.1", simulator_.Port(address),
-                                  timeout_ms, ReadFrame(address)));
+      EXPECT_FALSE(AddTcpIpDevice(request, address, "127.0.0.1", Port(address), timeout_ms,
+                                  modbus::TcpFrame(1, address, ReadPdu())));
     }
     return request;
   }
 
-  simulator::FieldSimulator* operator->() { return &simulator_; }
-
  private:
-  static simulator::FieldSimulatorConfig Config(int count, const simulator::Fault& fault,
-                                                bool is_gateway) {
+  static simulator::FieldSimulatorConfig Config(int count, const simulator::Fault& fault) {
     simulator::FieldSimulatorConfig config;
-    config.is_same_port = is_gateway;
     for (int address = 1; address <= count; ++address) {
       config.devices.push_back({address, "127.0.0.1", 0, fault});
     }
@@ -111,31 +48,60 @@ class Devices {
   }
 
   int count_;
-  simulator::FieldSimulator simulator_;
 };
 
 /// The exchange of a well-behaved client; the response's status is -100 when there is none.
 template <typename Request>
-ResponseReceiveData Exchange(const DaemonProcess& daemon, const Request& request,
-                             int deadline_ms = 15000) {
-  const ExchangeResult result = TamselClient(daemon.SocketPath()).Exchange(request, deadline_ms);
-  ResponseReceiveData response = result.response;
+ResponseReceiveData Exchange(const DaemonProcess& daemon, const Request& request) {
+  ExchangeResult result = TamselClient(daemon.SocketPath()).Exchange(request, 15000);
   if (result.outcome != Outcome::kAnswered) {
-    response.receive_data.status = -100;
+    result.response.receive_data.status = -100;
   }
-  return response;
+  return result.response;
 }
 
-inline void ExpectAnswered(const ResponseReceiveData& response, int count) {
-  std::set<int> addresses;
-  for (int address = 1; address <= count; ++address) {
-    addresses.insert(address);
-    const auto answer = DeviceAnswer(response, address);
-    ASSERT_TRUE(answer.has_value());
-    EXPECT_EQ(answer->status, 0) << address;
-    EXPECT_EQ(answer->frame, AnswerFrame(address)) << address;
+/// All channels are free, or will be soon.
+inline void ExpectServes(const DaemonProcess& daemon) {
+  for (int channel = 1; channel <= kMaxChannel; ++channel) {
+    EXPECT_TRUE(WaitFor(5000, [&] {
+      return Exchange(daemon, MakeTcpIpRequest(channel)).receive_data.status == 0;
+    })) << channel;
   }
-  ExpectResponse(response, kRequestDataTypeTCPIP, 0, addresses);
+}
+
+/// A response with this type and status, all zero but in the slots of the first `count` devices.
+inline void ExpectResponse(ResponseReceiveData response, int type, int status, int count = 0) {
+  EXPECT_EQ(response.header.type, type);
+  EXPECT_EQ(response.receive_data.status, status);
+  response.header.type = response.receive_data.status = 0;
+  std::fill_n(response.receive_data.receive_data, count, DeviceReceiveData{});
+  const ResponseReceiveData nothing{};
+  EXPECT_EQ(std::memcmp(&response, &nothing, sizeof(nothing)), 0) << "bytes nobody asked for";
+}
+
+/// The answers of the first `count` simulated devices.
+inline void ExpectAnswered(const ResponseReceiveData& response, int count) {
+  ExpectResponse(response, kRequestDataTypeTCPIP, 0, count);
+  for (int address = 1; address <= count; ++address) {
+    const auto [status, frame] = DeviceAnswer(response, address).value_or(DeviceReply{255, {}});
+    EXPECT_EQ(status, 0) << address;
+    EXPECT_EQ(frame, modbus::TcpFrame(1, address, AnswerPdu(address * 1000 + kRegister)));
+  }
+}
+
+/// No byte of an answer, and a plain end.
+inline void ExpectRefused(const Reply& reply) {
+  EXPECT_EQ(reply.bytes.size(), 0U);
+  EXPECT_EQ(reply.end, StreamEnd::kEnd);
+}
+
+/// What the daemon does on SIGTERM or SIGUSR1 within a pass and what the stop itself may take.
+inline void ExpectStops(DaemonProcess& daemon, int signal = SIGTERM, int limit_ms = 500 + 2500) {
+  const Stopwatch watch;
+  daemon.Signal(signal);
+  EXPECT_EQ(daemon.WaitForExit(limit_ms + 5000), 0);
+  EXPECT_LT(watch.Ms(), limit_ms + kSlackMs);
+  EXPECT_TRUE(Contains(daemon.Console(), "Kill comp."));
 }
 
 }  // namespace tmsc::test

@@ -1,134 +1,96 @@
 // The whole way of an RS485 request: client, daemon, serial library, pseudo-terminal, simulated
 // bus.
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <future>
 
 #include "daemon_client.h"
-#include "modbus/crc16.h"
+#include "modbus/rtu_frame.h"
 #include "vlm_rs485.h"
 
 namespace tmsc::test {
 namespace {
 
-using simulator::FaultKind;
-
-constexpr byte kBaudCode = VLM_RS485_BAUD_115200;
-
-std::vector<byte> WithCrc(std::vector<byte> frame) {
-  modbus::AppendCrc(frame);
-  return frame;
+/// Reads the register of the devices with these addresses.
+Rs485Request Request(int channel, int first, int last, int timeout_ms) {
+  Rs485Request request = MakeRs485Request(channel, VLM_RS485_BAUD_115200);
+  for (int address = first; address <= last; ++address) {
+    const SetPortParams params = {
+        static_cast<byte>(address), VLM_RS485_8N1, static_cast<std::int16_t>(timeout_ms), 0, 0, 0};
+    EXPECT_FALSE(AddRs485Device(request, params, modbus::RtuFrame(address, ReadPdu())));
+  }
+  return request;
 }
 
-std::vector<byte> ReadRegister(int address, int start) {
-  return WithCrc({static_cast<byte>(address), 3, static_cast<byte>(start >> 8),
-                  static_cast<byte>(start), 0, 1});
-}
-
-/// A simulated register r of device n holds n * 1000 + r.
-std::vector<byte> RegisterAnswer(int address, int start) {
-  const int value = address * 1000 + start;
-  return WithCrc(
-      {static_cast<byte>(address), 3, 2, static_cast<byte>(value >> 8), static_cast<byte>(value)});
+void ExpectValue(const ResponseReceiveData& response, int address, int value) {
+  EXPECT_EQ(DeviceAnswer(response, address).value_or(DeviceReply{}).frame,
+            modbus::RtuFrame(address, AnswerPdu(value)));
 }
 
 /// Three buses of 31 devices, and a daemon whose channels are connected to them.
 class Rs485 : public ::testing::Test {
  protected:
-  Rs485() {
+  Rs485() : field_(Config()) { field_.Start(); }
+
+  simulator::FieldSimulatorConfig Config() const {
     simulator::FieldSimulatorConfig config;
     for (int channel = 1; channel <= kMaxChannel; ++channel) {
-      simulator::RtuBusConfig bus;
-      bus.path = folder_.Path("bus" + std::to_string(channel));
+      const std::string name = "RS485_PORT_" + std::to_string(channel);
+      config.buses.push_back({folder_.Path(name), {}});
       for (int address = 1; address <= 31; ++address) {
-        bus.devices.push_back({address});
+        config.buses.back().devices.push_back({address});
       }
-      config.buses.push_back(bus);
-      ::setenv(("RS485_PORT_" + std::to_string(channel)).c_str(), bus.path.c_str(), 1);
+      ::setenv(name.c_str(), folder_.Path(name).c_str(), 1);
     }
-    simulator_ = std::make_unique<simulator::FieldSimulator>(config);
-    simulator_->Start();
-    daemon_ = std::make_unique<DaemonProcess>();
+    return config;
   }
 
-  static Rs485Request Request(int channel, const std::vector<int>& addresses, int timeout_ms = 500,
-                              int start = 7) {
-    Rs485Request request = MakeRs485Request(channel, kBaudCode);
-    for (const int address : addresses) {
-      // An answer may come in dribbles: 10 ms of silence end it.
-      const SetPortParams params = {static_cast<byte>(address),
-                                    VLM_RS485_8N1,
-                                    static_cast<std::int16_t>(timeout_ms),
-                                    0,
-                                    10,
-                                    0};
-      EXPECT_FALSE(AddRs485Device(request, params, ReadRegister(address, start)));
-    }
-    return request;
-  }
-  static DeviceReply Reply(const ResponseReceiveData& response, int address) {
-    return DeviceAnswer(response, address).value_or(DeviceReply{255, {}});
-  }
-  ResponseReceiveData Serve(const Rs485Request& request) { return Exchange(*daemon_, request); }
-
-  TempFolder folder_;
-  std::unique_ptr<simulator::FieldSimulator> simulator_;
-  std::unique_ptr<DaemonProcess> daemon_;
+  const TempFolder folder_;
+  simulator::FieldSimulator field_;
 };
 
 TEST_F(Rs485, ThreeChannelsAtOnceAndABroadcast) {
-  std::vector<int> all;
-  for (int address = 1; address <= 31; ++address) {
-    all.push_back(address);
-  }
-  Rs485Request broadcast = MakeRs485Request(1, kBaudCode);
-  const SetPortParams params = {1, VLM_RS485_8N1, 100, 0, 0, 0};
-  ASSERT_FALSE(AddRs485Device(broadcast, params, WithCrc({0, 6, 0, 7, 0x12, 0x34})));
-  EXPECT_TRUE(Reply(Serve(broadcast), 1).frame.empty());
+  const DaemonProcess daemon;
+  Rs485Request broadcast = MakeRs485Request(1, VLM_RS485_BAUD_115200);
+  const modbus::Bytes frame = modbus::RtuFrame(0, {6, 0, kRegister, 0x12, 0x34});
+  ASSERT_FALSE(AddRs485Device(broadcast, {1, VLM_RS485_8N1, 100, 0, 0, 0}, frame));
+  EXPECT_TRUE(DeviceAnswer(Exchange(daemon, broadcast), 1)->frame.empty());
   std::vector<std::future<ResponseReceiveData>> responses;
   for (int channel = 1; channel <= kMaxChannel; ++channel) {
-    responses.push_back(
-        std::async(std::launch::async, [&, channel] { return Serve(Request(channel, all, 500)); }));
+    responses.push_back(std::async(std::launch::async, [&, channel] {
+      return Exchange(daemon, Request(channel, 1, 31, 1000));
+    }));
   }
-  for (int channel = 1; channel <= kMaxChannel; ++channel) {
-    const ResponseReceiveData response = responses[static_cast<std::size_t>(channel - 1)].get();
-    for (const int address : all) {
-      EXPECT_EQ(Reply(response, address).frame,
-                channel == 1 ? WithCrc({static_cast<byte>(address), 3, 2, 0x12, 0x34})
-                             : RegisterAnswer(address, 7))
-          << channel << " " << address;
+  for (auto& future : responses) {
+    const bool is_written = &future == &responses.front();
+    const ResponseReceiveData response = future.get();
+    for (int address = 1; address <= 31; ++address) {
+      ExpectValue(response, address, is_written ? 0x1234 : address * 1000 + kRegister);
     }
   }
 }
 
 TEST_F(Rs485, APulledAdapterFailsAtOnceAndWorksAgainWhenItIsBack) {
-  EXPECT_EQ(Reply(Serve(Request(2, {3})), 3).frame, RegisterAnswer(3, 7));
-  simulator_->Unplug(1);
+  const DaemonProcess daemon;
+  const Rs485Request request = Request(2, 3, 4, 5000);
+  ExpectValue(Exchange(daemon, request), 3, 3000 + kRegister);
+  field_.Unplug(1);
   const Stopwatch time;
-  EXPECT_EQ(Reply(Serve(Request(2, {3, 4}, 5000)), 4).status, VLM_RS485_PORT_GONE);
-  EXPECT_EQ(Serve(Request(2, {3}, 5000)).receive_data.status,
+  EXPECT_EQ(DeviceAnswer(Exchange(daemon, request), 4)->status, VLM_RS485_PORT_GONE);
+  EXPECT_EQ(Exchange(daemon, request).receive_data.status,
             kDeviceCommunicationStatusStartComFailed);
-  EXPECT_LT(time.Ms(), 1000 + kSlackMs);
-  simulator_->Plug(1);
-  EXPECT_EQ(Reply(Serve(Request(2, {3})), 3).frame, RegisterAnswer(3, 7));
+  EXPECT_LT(time.Ms(), 4500);
+  field_.Plug(1);
+  ExpectValue(Exchange(daemon, request), 3, 3000 + kRegister);
 }
 
 TEST_F(Rs485, AStopDuringACycleIsInTime) {
+  DaemonProcess daemon;
   for (int address = 1; address <= 31; ++address) {
-    simulator_->SetFault(0, address, FaultKind::kSilence);
+    field_.SetFault(0, address, simulator::FaultKind::kSilence);
   }
-  std::vector<int> addresses(31);
-  for (int i = 0; i < 31; ++i) {
-    addresses[static_cast<std::size_t>(i)] = i + 1;
-  }
-  const RawClient client(daemon_->SocketPath(), Request(1, addresses, 1000));
-  ASSERT_TRUE(WaitFor(3000, [&] { return simulator_->RequestsReceived(0, 1) == 1; }));
-  const Stopwatch time;
-  daemon_->Signal(SIGTERM);
-  EXPECT_EQ(daemon_->WaitForExit(5000), 0);
-  EXPECT_LT(time.Ms(), 500 + 2500 + kSlackMs);
+  const RawClient client(daemon.SocketPath(), Request(1, 1, 31, 1000));
+  ASSERT_TRUE(WaitFor(5000, [&] { return field_.RequestsReceived(0, 1) == 1; }));
+  ExpectStops(daemon);
 }
 
 }  // namespace

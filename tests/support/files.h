@@ -63,21 +63,16 @@ using Settings = std::map<std::string, std::string>;
 
 /// Settings that put every path into the folder, and do without the waits for which there is no
 /// use; `changes` go over them.
-inline Settings SettingsIn(const TempFolder& folder, const Settings& changes = {}) {
-  Settings settings = {
-      {"ComSocketPath", folder.Path("socket")},
-      {"SdcardPath", folder.Path("card")},
-      {"TamselComWatchdogFilePath", folder.Path("check/tmsc")},
-      {"TcpDrainTimeout", "20"},
-      // An RS485 request that finds no port fails without waits.
-      {"Rs485StartWait", "0"},
-      {"ApiRetryCount", "0"},
-      {"ApiRetryInterval", "0"},
-  };
-  for (const auto& [key, value] : changes) {
-    settings[key] = value;
-  }
-  return settings;
+inline Settings SettingsIn(const TempFolder& folder, Settings changes = {}) {
+  // An RS485 request that finds no port fails without waits.
+  changes.insert({{"ComSocketPath", folder.Path("socket")},
+                  {"SdcardPath", folder.Path("card")},
+                  {"TamselComWatchdogFilePath", folder.Path("check/tmsc")},
+                  {"TcpDrainTimeout", "20"},
+                  {"Rs485StartWait", "0"},
+                  {"ApiRetryCount", "0"},
+                  {"ApiRetryInterval", "0"}});
+  return changes;
 }
 
 /// Where the log is with SettingsIn.
@@ -88,8 +83,7 @@ inline std::string LogPathIn(const TempFolder& folder) {
 inline std::string SettingsXml(const Settings& settings) {
   std::string xml = "<LoggerSetting>\n";
   for (const auto& [key, value] : settings) {
-    xml.append("<").append(key).append(">").append(value);
-    xml.append("</").append(key).append(">\n");
+    xml.append("<" + key + ">" + value + "</" + key + ">\n");
   }
   return xml + "</LoggerSetting>\n";
 }

@@ -26,10 +26,13 @@ struct Reply {
   std::vector<byte> bytes;
   StreamEnd end = StreamEnd::kNone;  // none: the deadline passed first
 
-  bool IsResponse() const { return bytes.size() == sizeof(ResponseReceiveData); }
+  /// Of a type that there is not when these are not the bytes of a response.
   ResponseReceiveData Response() const {
     ResponseReceiveData response{};
-    std::memcpy(&response, bytes.data(), std::min(bytes.size(), sizeof(response)));
+    response.header.type = -100;
+    if (bytes.size() == sizeof(response)) {
+      std::memcpy(&response, bytes.data(), sizeof(response));
+    }
     return response;
   }
 };
@@ -77,12 +80,6 @@ class RawClient {
       reply.bytes.insert(reply.bytes.end(), buffer, buffer + count);
     }
     return reply;
-  }
-
-  /// True when there is something to read, an end included, within the time.
-  bool IsReadable(int limit_ms) const {
-    return WaitForDescriptor(socket_.Get(), POLLIN, Deadline(std::chrono::milliseconds(limit_ms))) >
-           0;
   }
 
  private:

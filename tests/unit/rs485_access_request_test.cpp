@@ -64,9 +64,9 @@ struct ScriptedLibrary {
 
 ScriptedLibrary library;
 
-std::string Text(std::initializer_list<long> numbers) {
+std::string Text(std::initializer_list<long long> numbers) {
   std::string text;
-  for (const long number : numbers) {
+  for (const long long number : numbers) {
     text += " " + std::to_string(number);
   }
   return text;
