@@ -2,21 +2,13 @@
 #define TAMSEL_TESTS_SUPPORT_TCP_LISTENER_H_
 
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdint>
 #include <stdexcept>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "support/failing_memory.h"
-#include "utility/deadline.h"
 #include "utility/descriptor.h"
 
 namespace tmsc::test {
@@ -51,19 +43,14 @@ class Listener {
   int port_ = 0;
 };
 
-/// A device that answers whatever comes with the same bytes, and has no part in failing memory.
+/// A device that answers whatever comes with one register, and has no part in failing memory. To be
+/// destroyed after the connections to it.
 class AnsweringDevice {
  public:
-  explicit AnsweringDevice(std::vector<unsigned char> answer)
-      : answer_(std::move(answer)), thread_([this] { Run(); }) {}
   ~AnsweringDevice() {
-    is_over_ = true;
     listener_.Shutdown();
     thread_.join();
   }
-  AnsweringDevice(const AnsweringDevice&) = delete;
-  AnsweringDevice& operator=(const AnsweringDevice&) = delete;
-
   int Port() const { return listener_.Port(); }
   int Connections() const { return connections_; }
   int Requests() const { return requests_; }
@@ -72,28 +59,21 @@ class AnsweringDevice {
   /// One connection at a time: the next one only when the peer has closed the one before.
   void Run() {
     ExemptThisThread();
+    constexpr unsigned char kAnswer[] = {0, 1, 0, 0, 0, 5, 1, 3, 2, 0, 7};
     for (Descriptor peer = listener_.Accept(); peer.IsOpen(); peer = listener_.Accept()) {
       ++connections_;
       char request[64];
-      while (!is_over_) {
-        if (WaitForDescriptor(peer.Get(), POLLIN, Deadline(std::chrono::milliseconds(20))) == 0) {
-          continue;
-        }
-        if (::recv(peer.Get(), request, sizeof(request), 0) <= 0) {
-          break;
-        }
+      while (::recv(peer.Get(), request, sizeof(request), 0) > 0) {
         ++requests_;
-        ::send(peer.Get(), answer_.data(), answer_.size(), MSG_NOSIGNAL);
+        ::send(peer.Get(), kAnswer, sizeof(kAnswer), MSG_NOSIGNAL);
       }
     }
   }
 
-  const std::vector<unsigned char> answer_;
   Listener listener_;
   std::atomic<int> connections_{0};
   std::atomic<int> requests_{0};
-  std::atomic<bool> is_over_{false};
-  std::thread thread_;
+  std::thread thread_{[this] { Run(); }};
 };
 
 }  // namespace tmsc::test
