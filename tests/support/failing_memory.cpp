@@ -33,20 +33,18 @@ void operator delete(void* memory, std::size_t /*size*/) noexcept {
 
 namespace tmsc::test {
 
-void FailAllocations(int first, int last) {
+bool FailAllocations(int first, int last) {
   is_exempt = true;
+  const bool has_failed = allocation_count >= first_failing;
   last_failing = 0;
   first_failing = first;
   allocation_count = 0;
   last_failing = last;
+  return has_failed;
 }
 
 void ExemptThisThread() {
   is_exempt = true;
-}
-
-bool HasAllocationFailed() {
-  return allocation_count >= first_failing;
 }
 
 }  // namespace tmsc::test

@@ -2,10 +2,10 @@
 #define TAMSEL_TESTS_SUPPORT_TCP_LISTENER_H_
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <atomic>
-#include <stdexcept>
 #include <thread>
 
 #include "support/failing_memory.h"
@@ -18,16 +18,12 @@ class Listener {
  public:
   explicit Listener(int backlog = 100)
       : descriptor_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in endpoint{};
-    endpoint.sin_family = AF_INET;
-    endpoint.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in endpoint{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t length = sizeof(endpoint);
     auto* address = reinterpret_cast<sockaddr*>(&endpoint);
-    if (::bind(descriptor_.Get(), address, length) != 0 ||
-        ::listen(descriptor_.Get(), backlog) != 0 ||
-        ::getsockname(descriptor_.Get(), address, &length) != 0) {
-      throw std::runtime_error("no listener");
-    }
+    EXPECT_TRUE(::bind(descriptor_.Get(), address, length) == 0 &&
+                ::listen(descriptor_.Get(), backlog) == 0 &&
+                ::getsockname(descriptor_.Get(), address, &length) == 0);
     port_ = ntohs(endpoint.sin_port);
   }
 
@@ -45,35 +41,28 @@ class Listener {
 
 /// A device that answers whatever comes with one register, and has no part in failing memory. To be
 /// destroyed after the connections to it.
-class AnsweringDevice {
- public:
+struct AnsweringDevice : Listener {
   ~AnsweringDevice() {
-    listener_.Shutdown();
-    thread_.join();
+    Shutdown();
+    thread.join();
   }
-  int Port() const { return listener_.Port(); }
-  int Connections() const { return connections_; }
-  int Requests() const { return requests_; }
-
- private:
   /// One connection at a time: the next one only when the peer has closed the one before.
   void Run() {
     ExemptThisThread();
     constexpr unsigned char kAnswer[] = {0, 1, 0, 0, 0, 5, 1, 3, 2, 0, 7};
-    for (Descriptor peer = listener_.Accept(); peer.IsOpen(); peer = listener_.Accept()) {
-      ++connections_;
+    for (Descriptor peer = Accept(); peer.IsOpen(); peer = Accept()) {
+      ++connections;
       char request[64];
       while (::recv(peer.Get(), request, sizeof(request), 0) > 0) {
-        ++requests_;
+        ++requests;
         ::send(peer.Get(), kAnswer, sizeof(kAnswer), MSG_NOSIGNAL);
       }
     }
   }
 
-  Listener listener_;
-  std::atomic<int> connections_{0};
-  std::atomic<int> requests_{0};
-  std::thread thread_{[this] { Run(); }};
+  std::atomic<int> connections{0};
+  std::atomic<int> requests{0};
+  std::thread thread{[this] { Run(); }};
 };
 
 }  // namespace tmsc::test

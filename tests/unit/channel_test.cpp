@@ -10,35 +10,30 @@
 namespace tmsc {
 namespace {
 
-using Order = std::shared_ptr<std::vector<int>>;
+using Count = std::shared_ptr<int>;
 
-class Work : public Request {
- public:
-  Work(Order order, int number) : order_(order), number_(number) {}
+struct Work : Request {
+  Work(Count count, int number) : count_(count), number_(number) {}
   void Execute() override {
     test::SleepMs(1);
-    order_->push_back(number_);  // no lock: one worker
+    EXPECT_EQ((*count_)++, number_);  // no lock: one worker
   }
-
- private:
-  const Order order_;
+  const Count count_;
   const int number_;
 };
 
 TEST(ChannelTest, RequestsRunInOrderAndAllRunBeforeTheEnd) {
-  const Order order = std::make_shared<std::vector<int>>();
-  std::vector<int> expected;
+  const Count count = std::make_shared<int>(0);
   {
     Channel channel;
     channel.StartWorkers();
     channel.PutRequest(nullptr);
     for (int i = 0; i < 100; ++i) {
-      expected.push_back(i);
-      channel.PutRequest(new Work(order, i));
+      channel.PutRequest(new Work(count, i));
     }
   }
-  EXPECT_EQ(*order, expected);
-  EXPECT_EQ(order.use_count(), 1) << "requests are left over";
+  EXPECT_EQ(*count, 100);
+  EXPECT_EQ(count.use_count(), 1) << "requests are left over";
 }
 
 TEST(AccessChannelManagerTest, FrontsAndBusyFlags) {
@@ -65,13 +60,10 @@ TEST(ThreadGroupTest, JoinAllWaitsForEveryRunnable) {
     std::atomic<int> count{0};
   } runnable;
   ThreadGroup group;
-  for (int round = 1; round <= 3; ++round) {
-    for (int i = 0; i < 31; ++i) {
-      group.Start(runnable);
-    }
-    group.JoinAll();
-    EXPECT_EQ(runnable.count, 31 * round);
-  }
+  group.Start(runnable);
+  group.Start(runnable);
+  group.JoinAll();
+  EXPECT_EQ(runnable.count, 2);
 }
 
 }  // namespace

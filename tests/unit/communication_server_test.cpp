@@ -69,23 +69,22 @@ TEST_F(CommunicationServerTest, AFailedAllocationEndsOneRequestOnly) {
   ASSERT_FALSE(AddTcpIpDevice(tcp, 1, "127.0.0.1", device_.Port(), 1000,
                               {0, 1, 0, 0, 0, 6, 1, 3, 0, 0, 0, 1}));
   const Rs485Request rs485 = MakeRs485Request(1, 3);
-  for (const std::string& request :
-       {std::string(reinterpret_cast<char*>(&tcp), sizeof(tcp)),
-        std::string(reinterpret_cast<const char*>(&rs485), sizeof(rs485))}) {
-    for (const int row : {1, 1000000}) {
-      bool has_failed = true;
-      for (int first = 1; has_failed; first += row == 1 ? 1 : 7) {
-        test::RawClient client(folder_.Path("socket"));
-        test::FailAllocations(first, first + row - 1);
-        client.Send(request.data(), request.size());
-        EXPECT_NE(client.Read(3000).end, test::StreamEnd::kNone) << "left waiting";
-        has_failed = test::HasAllocationFailed();
-        test::FailAllocations(0, 0);
-        ASSERT_TRUE(test::WaitFor(2000, [&] { return Status(tcp) == 0 && Status(rs485) == 8; }))
-            << first << " and on: " << row;
-      }
+  const auto fail_everywhere = [&](const auto& request, int row, int step) {
+    bool has_failed = true;
+    for (int first = 1; has_failed; first += step) {
+      test::RawClient client(folder_.Path("socket"));
+      test::FailAllocations(first, first + row - 1);
+      client.Send(&request, sizeof(request));
+      EXPECT_NE(client.Read(3000).end, test::StreamEnd::kNone) << "left waiting";
+      has_failed = test::FailAllocations(0, 0);
+      ASSERT_TRUE(test::WaitFor(2000, [&] { return Status(tcp) == 0 && Status(rs485) == 8; }))
+          << first << " and on: " << row;
     }
-  }
+  };
+  fail_everywhere(tcp, 1, 1);
+  fail_everywhere(tcp, 1000000, 7);
+  fail_everywhere(rs485, 1, 1);
+  fail_everywhere(rs485, 1000000, 7);
 }
 
 TEST_F(CommunicationServerTest, ASlowReaderHoldsUpNobodyElse) {

@@ -2,8 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <functional>
-
 #include "log/log_text.h"
 #include "support/log_fixture.h"
 
@@ -23,19 +21,14 @@ std::string All(Manager& m) {
                  m.IsTcpReuseCheck(), " ", m.GetRs485StartWait());
 }
 
-std::string Nested(int depth) {
-  std::string xml;
-  for (int i = 0; i < 2 * depth; ++i) {
-    xml += i < depth ? "<a>" : "</a>";
-  }
-  return xml;
-}
-
 TEST_F(LoggerSettingManagerTest, DefaultsHoldWithoutAUsableFile) {
-  const std::string cases[] = {
-      "", "<LoggerSetting><LogLevel>3", "<Other><LogLevel>3</LogLevel></Other>", Nested(100000),
-      "<LoggerSetting><LogLevel>3</LogLevel>" + Nested(300) + "</LoggerSetting>"};
-  for (const std::string& xml : cases) {
+  std::string deep = "<LoggerSetting><LogLevel>3</LogLevel>";
+  for (int i = 0; i < 600; ++i) {
+    deep += i < 300 ? "<a>" : "</a>";
+  }
+  for (const std::string& xml :
+       {std::string(), std::string("<LoggerSetting><LogLevel>3"),
+        std::string("<Other><LogLevel>3</LogLevel></Other>"), deep + "</LoggerSetting>"}) {
     EXPECT_EQ(All(UseSettingFile(xml)),
               "/mnt/system/tmscom/tamsel.com /mnt/system/check/tmsc "
               "/media/sdcard/velmorahome/Log 500KB 12 30 100 1 1 4096 3 100 -7 0 200")
@@ -56,11 +49,8 @@ TEST_F(LoggerSettingManagerTest, ElementsBecomeSettings) {
 }
 
 TEST_F(LoggerSettingManagerTest, NumbersFallBack) {
-  const struct {
-    const char* key;
-    std::function<int(Manager&)> get;
-    std::vector<std::pair<const char*, int>> values;
-  } rows[] = {
+  using Values = std::vector<std::pair<const char*, int>>;
+  const std::tuple<const char*, std::function<int(Manager&)>, Values> rows[] = {
       {"WatchdogFileUpdateInterval",
        &Manager::GetWatchdogFileUpdateInterval,
        {{"abc", 30}, {" 45", 45}, {"45sec", 45}, {"99999999999", 30}, {"-5", -5}, {"", 30}}},
@@ -70,9 +60,9 @@ TEST_F(LoggerSettingManagerTest, NumbersFallBack) {
       {"Rs485StartWait", &Manager::GetRs485StartWait, {{"-1", 200}, {"0", 0}}},
       {"EnableLogBufferedIO", &Manager::IsEnableLogBufferedIO, {{"0", 0}, {"2", 1}, {"", 1}}},
   };
-  for (const auto& row : rows) {
-    for (const auto& [text, value] : row.values) {
-      EXPECT_EQ(row.get(UseSettings({{row.key, text}})), value) << row.key << " " << text;
+  for (const auto& [key, get, values] : rows) {
+    for (const auto& [text, value] : values) {
+      EXPECT_EQ(get(UseSettings({{key, text}})), value) << key << " " << text;
     }
   }
 }

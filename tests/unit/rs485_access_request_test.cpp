@@ -2,8 +2,6 @@
 
 #include <Poco/AutoPtr.h>
 
-#include <future>
-#include <mutex>
 #include <optional>
 
 #include "support/log_fixture.h"
@@ -14,7 +12,8 @@ namespace {
 /// Stands in for the serial library in this program: writes down each call and fails as told.
 struct ScriptedLibrary {
   std::mutex mutex;
-  std::string calls;               // guarded by mutex
+  std::string calls;  // guarded by mutex
+  std::atomic<int> cycles{0};
   std::mutex gate;                 // held: a cycle does not end
   std::string failing;             // name of the call that fails
   int failures_left = 0;           // so many times
@@ -36,12 +35,6 @@ struct ScriptedLibrary {
   std::string TakeCalls() {
     const std::lock_guard<std::mutex> lock(mutex);
     return std::exchange(calls, "");
-  }
-  bool AwaitCycle() {
-    return tmsc::test::WaitFor(5000, [&] {
-      const std::lock_guard<std::mutex> lock(mutex);
-      return tmsc::test::Contains(calls, "start");
-    });
   }
 };
 
@@ -77,6 +70,7 @@ unsigned char vlm_rs485_setComFlags(int channel, unsigned int flags) {
 }
 unsigned char vlm_rs485_startCom(int channel) {
   const bool is_good = library->Call("start", channel);
+  ++library->cycles;
   const std::lock_guard<std::mutex> lock(library->gate);
   library->listener();
   return is_good ? 2 : 0;
@@ -101,8 +95,6 @@ class RS485AccessRequestTest : public test::LogFixture {
               {"LogLevel", "0"},
               {"TamselComStartComFailedCloseCount", "2"}});
     Cache::Create();
-    payload_.channel = 2;
-    payload_.baud_rate = 7;
     AddDevice(0, 12, {3, 0, 0x11, 0x22, 0x33});
   }
   ~RS485AccessRequestTest() override { Cache::Destroy(); }
@@ -121,8 +113,7 @@ class RS485AccessRequestTest : public test::LogFixture {
   ResponseReceiveData Execute() {
     std::promise<std::shared_ptr<CommunicationResult>> promise;
     DataHeader header{};
-    Poco::AutoPtr<RS485AccessRequest> request(new RS485AccessRequest(&header, &payload_, &promise));
-    request->Execute();
+    Poco::AutoPtr<Request>(new RS485AccessRequest(&header, &payload_, &promise))->Execute();
     return *promise.get_future().get()->ReceiveData();
   }
   int Status() { return Execute().receive_data.status; }
@@ -135,18 +126,11 @@ class RS485AccessRequestTest : public test::LogFixture {
       EXPECT_TRUE(test::Contains(log, text)) << text;
     }
   }
-  DeviceAccessRS485 payload_{};
+  DeviceAccessRS485 payload_{2, 7, {}, {}};
 };
 
 TEST_F(RS485AccessRequestTest, TheLibraryIsCalledInOrderAndThePortStaysOpen) {
-  Answer(12, 438, 9);
-  const ResponseReceiveData response = Execute();
-  EXPECT_EQ(response.header.type, kRequestDataTypeRS485);
-  EXPECT_EQ(response.receive_data.status, 0);
-  const DeviceReceiveData& slot = response.receive_data.receive_data[11];
-  EXPECT_EQ(int{slot.length}, 438);
-  EXPECT_EQ(slot.status, 9);
-  EXPECT_EQ(slot.data[437], 0xa5);
+  EXPECT_EQ(Status(), 0);
   const std::string cycle =
       "params 2 12 1 -2 3 4 5; listen 2; put 2 12 3 17; flags 2 2048; start 2; unlisten 2; "
       "stream 2 0; ";
@@ -161,34 +145,28 @@ TEST_F(RS485AccessRequestTest, TheLibraryIsCalledInOrderAndThePortStaysOpen) {
        "V] 485ARq vlm_485_putOStm start <C2:12> [17]\n", "V] 485ARq vlm_485_putOStm [1] <C2:12>\n",
        "D] 485ARq vlm_485_putOStm [112233]\n", "D] 485ARq vlm_485_setCFlg [1] <C2> [2048]\n",
        "D] 485ARq vlm_485_stCom [1]\n", "V] 485ARq vlm_485_rmListn <C2>\n",
-       "D] 485ARq Rs485ListenerProc\n", "D] 485ARq Rcv dat <C2:12> len:[438] status:[9]\n",
-       "D] 485ARq vlm_485_setPtParam <C2:12>[1][-2][3][4][5]\n"});
+       "D] 485ARq Rs485ListenerProc\n", "D] 485ARq vlm_485_setPtParam <C2:12>[1][-2][3][4][5]\n"});
 }
 
 TEST_F(RS485AccessRequestTest, EachStepIsTriedAgainAndEndsWithItsStatus) {
-  struct Case {
-    const char* failing;
-    int failures;
-    int status;
-    bool is_closed;
-  };
   // Two retries: three attempts, with a pause after each that failed.
-  for (const Case& c :
-       {Case{"open", 99, 8, true}, Case{"open", 2, 0, false}, Case{"put", 2, 0, false},
-        Case{"put", 99, 7, true}, Case{"flags", 2, 0, false}, Case{"flags", 99, 6, true},
-        Case{"start", 2, 0, false}, Case{"start", 99, 5, false}, Case{"start", 99, 5, true},
-        Case{"start", 99, 5, false}, Case{"start", 0, 0, false}, Case{"start", 99, 5, false},
-        Case{"start", 99, 5, true}}) {
-    library->failing = c.failing;
-    library->failures_left = c.failures;
+  using Row = std::tuple<const char*, int, int, bool>;
+  for (const auto& [failing, failures, status, is_closed] :
+       {Row{"open", 99, 8, true}, Row{"open", 2, 0, false}, Row{"put", 2, 0, false},
+        Row{"put", 99, 7, true}, Row{"flags", 2, 0, false}, Row{"flags", 99, 6, true},
+        Row{"start", 2, 0, false}, Row{"start", 99, 5, false}, Row{"start", 99, 5, true},
+        Row{"start", 99, 5, false}, Row{"start", 0, 0, false}, Row{"start", 99, 5, false},
+        Row{"start", 99, 5, true}}) {
+    library->failing = failing;
+    library->failures_left = failures;
     const test::Stopwatch watch;
-    EXPECT_EQ(Status(), c.status) << c.failing;
-    EXPECT_GE(watch.Ms(), 20 + 10 * std::min(c.failures, 3));
+    EXPECT_EQ(Status(), status) << failing;
+    EXPECT_GE(watch.Ms(), 20 + 10 * std::min(failures, 3));
     const std::string calls = library->TakeCalls();
-    EXPECT_EQ(test::CountText(calls, c.failing), std::min(c.failures, 2) + 1) << calls;
-    EXPECT_EQ(test::CountText(calls, "close"), c.is_closed ? 1 : 0) << calls;
+    EXPECT_EQ(test::CountText(calls, failing), std::min(failures, 2) + 1) << calls;
+    EXPECT_EQ(test::CountText(calls, "close"), is_closed ? 1 : 0) << calls;
     EXPECT_EQ(Cache::GetInstance()->CheckVlmOpen(2, false, 7),
-              c.is_closed ? Cache::kStatusClosed : Cache::kStatusOpened);
+              is_closed ? Cache::kStatusClosed : Cache::kStatusOpened);
   }
 }
 
@@ -199,24 +177,27 @@ TEST_F(RS485AccessRequestTest, AnswersAreJudgedOneByOne) {
   AddDevice(4, 32, {1, 0, 0x20});       // no such address
   AddDevice(5, 6, {1, 0, 0x06});
   AddDevice(6, 6, {2, 0, 0x00, 0x01});  // again, now as a broadcast
-  Answer(12, 2);
+  Answer(12, 438, 9);
   Answer(3, 2, 2);
   Answer(4, 439, 1);
   Answer(6, 2);
   const ResponseReceiveData response = Execute();
+  EXPECT_EQ(response.header.type, kRequestDataTypeRS485);
   EXPECT_EQ(response.receive_data.status, 0);
   for (int address = 1; address <= kMaxDeviceCountAtChannel; ++address) {
     const DeviceReceiveData& slot = response.receive_data.receive_data[address - 1];
-    EXPECT_EQ(int{slot.length}, address == 12 ? 2 : 0) << address;
-    EXPECT_EQ(slot.status, address == 3 ? 2 : 0) << address;
+    EXPECT_EQ(int{slot.length}, address == 12 ? 438 : 0) << address;
+    EXPECT_EQ(slot.status, address == 12 ? 9 : address == 3 ? 2 : 0) << address;
   }
+  EXPECT_EQ(response.receive_data.receive_data[11].data[437], 0xa5);
   EXPECT_EQ(response.receive_data.receive_data[2].data[0], 0);
   const std::string calls = library->TakeCalls();
   EXPECT_TRUE(test::Contains(calls, "flags 2 2108;")) << calls;
   EXPECT_FALSE(test::Contains(calls, " 32 ")) << calls;
   library->is_answer_missing = true;
   EXPECT_EQ(Status(), -1);
-  ExpectLogged({"W] 485ARq Rcv dat size too large. <C2:04> len:[439] status:[1]",
+  ExpectLogged({"D] 485ARq Rcv dat <C2:12> len:[438] status:[9]\n",
+                "W] 485ARq Rcv dat size too large. <C2:04> len:[439] status:[1]",
                 "Rcv dat [-]: Rcv dat size is 0 for bc comm.",
                 "vlm_485_putOStm - snd dat to bc addr <C2:03>", "W] 485ARq Dev addr err. <C2:32>",
                 "vlm_485_getRcvStm return NULL"});
@@ -237,27 +218,18 @@ TEST_F(RS485AccessRequestTest, WhatCannotBeRightTouchesNoPort) {
   ExpectLogged({"[W] 485ARq Ch err. ch[4]\n", "485ARqLib SetVlmStartComFailed ch error:4\n"});
 }
 
-// The end of the daemon during a cycle: one that is over in time lets the request finish; another
-// one finds a cache that calls no library any more. Either way the port is closed exactly once.
-TEST_F(RS485AccessRequestTest, TheEndMeetsACycle) {
-  for (const bool is_in_time : {true, false}) {
-    Cache::Create();
-    std::future<int> status;
-    std::unique_lock<std::mutex> hold(library->gate);
-    status = StatusLater();
-    ASSERT_TRUE(library->AwaitCycle());
-    std::future<void> end = std::async(std::launch::async, Cache::Destroy);
-    if (is_in_time) {
-      test::SleepMs(50);
-      hold.unlock();
-    }
-    ASSERT_EQ(end.wait_for(std::chrono::milliseconds(2500)), std::future_status::ready);
-    EXPECT_EQ(test::CountText(library->TakeCalls(), "close 2"), 1) << is_in_time;
-    hold = {};
-    ASSERT_EQ(status.wait_for(std::chrono::seconds(5)), std::future_status::ready);
-    EXPECT_EQ(status.get(), is_in_time ? 0 : -1);
-    EXPECT_EQ(library->TakeCalls(), "") << "the library is left alone";
-  }
+// A cycle that takes too long: its request finds a cache that calls no library any more.
+TEST_F(RS485AccessRequestTest, TheEndDoesNotWaitForever) {
+  std::future<int> status;
+  std::unique_lock<std::mutex> hold(library->gate);
+  status = StatusLater();
+  ASSERT_TRUE(test::WaitFor(5000, [] { return library->cycles > 0; }));
+  std::future<void> end = std::async(std::launch::async, Cache::Destroy);
+  ASSERT_EQ(end.wait_for(std::chrono::milliseconds(2500)), std::future_status::ready);
+  EXPECT_EQ(test::CountText(library->TakeCalls(), "close 2"), 1);
+  hold.unlock();
+  EXPECT_EQ(status.get(), -1);
+  EXPECT_EQ(library->TakeCalls(), "") << "the library is left alone";
 }
 
 // Two clients may name one channel in their payloads while their headers name two.
@@ -266,17 +238,17 @@ TEST_F(RS485AccessRequestTest, OnePortServesOneRequestAtATime) {
   std::future<int> second;
   std::unique_lock<std::mutex> hold(library->gate);
   first = StatusLater();
-  ASSERT_TRUE(library->AwaitCycle());
+  ASSERT_TRUE(test::WaitFor(5000, [] { return library->cycles > 0; }));
   library->TakeCalls();
   second = StatusLater();
   EXPECT_EQ(second.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-  EXPECT_EQ(library->TakeCalls(), "");
   std::future<void> end = std::async(std::launch::async, Cache::Destroy);
   EXPECT_EQ(end.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
   hold.unlock();
   EXPECT_EQ(first.get(), 0);
   EXPECT_EQ(second.get(), 8) << "it has not touched its port when the daemon ends";
   end.get();
+  EXPECT_EQ(library->TakeCalls(), "unlisten 2; stream 2 0; close 2; ");
   EXPECT_EQ(Status(), 8);
 }
 

