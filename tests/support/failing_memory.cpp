@@ -11,18 +11,12 @@ std::atomic<int> last_failing{0};
 std::atomic<int> allocation_count{0};
 thread_local bool is_exempt = false;
 
-bool IsToFail() {
-  if (last_failing == 0 || is_exempt) {
-    return false;
-  }
-  const int number = ++allocation_count;
-  return number >= first_failing && number <= last_failing;
-}
-
 }  // namespace
 
 void* operator new(std::size_t size) {
-  void* const memory = IsToFail() ? nullptr : std::malloc(size > 0 ? size : 1);
+  const int number = is_exempt ? -1 : ++allocation_count;
+  const bool is_to_fail = number >= first_failing && number <= last_failing;
+  void* const memory = is_to_fail ? nullptr : std::malloc(size > 0 ? size : 1);
   if (memory == nullptr) {
     throw std::bad_alloc();
   }
@@ -39,20 +33,18 @@ void operator delete(void* memory, std::size_t /*size*/) noexcept {
 
 namespace tmsc::test {
 
-void FailAllocations(int first, int last) {
+bool FailAllocations(int first, int last) {
   is_exempt = true;
+  const bool has_failed = allocation_count >= first_failing;
   last_failing = 0;
   first_failing = first;
   allocation_count = 0;
   last_failing = last;
+  return has_failed;
 }
 
 void ExemptThisThread() {
   is_exempt = true;
-}
-
-bool HasAllocationFailed() {
-  return allocation_count >= first_failing;
 }
 
 }  // namespace tmsc::test

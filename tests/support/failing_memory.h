@@ -5,13 +5,11 @@ namespace tmsc::test {
 
 /// Makes the allocations `first` to `last`, counted from now on over all threads that are not
 /// exempt, throw std::bad_alloc. With 0 none does. The caller's thread is exempt from then on.
-void FailAllocations(int first, int last);
+/// Returns whether one failed since the call before.
+bool FailAllocations(int first, int last);
 
 /// For threads that play the outside world.
 void ExemptThisThread();
-
-/// Whether one has failed since.
-bool HasAllocationFailed();
 
 }  // namespace tmsc::test
 

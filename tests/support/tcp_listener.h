@@ -2,21 +2,13 @@
 #define TAMSEL_TESTS_SUPPORT_TCP_LISTENER_H_
 
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdint>
-#include <stdexcept>
 #include <thread>
-#include <utility>
-#include <vector>
 
 #include "support/failing_memory.h"
-#include "utility/deadline.h"
 #include "utility/descriptor.h"
 
 namespace tmsc::test {
@@ -26,16 +18,12 @@ class Listener {
  public:
   explicit Listener(int backlog = 100)
       : descriptor_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in endpoint{};
-    endpoint.sin_family = AF_INET;
-    endpoint.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in endpoint{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t length = sizeof(endpoint);
     auto* address = reinterpret_cast<sockaddr*>(&endpoint);
-    if (::bind(descriptor_.Get(), address, length) != 0 ||
-        ::listen(descriptor_.Get(), backlog) != 0 ||
-        ::getsockname(descriptor_.Get(), address, &length) != 0) {
-      throw std::runtime_error("no listener");
-    }
+    EXPECT_TRUE(::bind(descriptor_.Get(), address, length) == 0 &&
+                ::listen(descriptor_.Get(), backlog) == 0 &&
+                ::getsockname(descriptor_.Get(), address, &length) == 0);
     port_ = ntohs(endpoint.sin_port);
   }
 
@@ -51,49 +39,30 @@ class Listener {
   int port_ = 0;
 };
 
-/// A device that answers whatever comes with the same bytes, and has no part in failing memory.
-class AnsweringDevice {
- public:
-  explicit AnsweringDevice(std::vector<unsigned char> answer)
-      : answer_(std::move(answer)), thread_([this] { Run(); }) {}
+/// A device that answers whatever comes with one register, and has no part in failing memory. To be
+/// destroyed after the connections to it.
+struct AnsweringDevice : Listener {
   ~AnsweringDevice() {
-    is_over_ = true;
-    listener_.Shutdown();
-    thread_.join();
+    Shutdown();
+    thread.join();
   }
-  AnsweringDevice(const AnsweringDevice&) = delete;
-  AnsweringDevice& operator=(const AnsweringDevice&) = delete;
-
-  int Port() const { return listener_.Port(); }
-  int Connections() const { return connections_; }
-  int Requests() const { return requests_; }
-
- private:
   /// One connection at a time: the next one only when the peer has closed the one before.
   void Run() {
     ExemptThisThread();
-    for (Descriptor peer = listener_.Accept(); peer.IsOpen(); peer = listener_.Accept()) {
-      ++connections_;
+    constexpr unsigned char kAnswer[] = {0, 1, 0, 0, 0, 5, 1, 3, 2, 0, 7};
+    for (Descriptor peer = Accept(); peer.IsOpen(); peer = Accept()) {
+      ++connections;
       char request[64];
-      while (!is_over_) {
-        if (WaitForDescriptor(peer.Get(), POLLIN, Deadline(std::chrono::milliseconds(20))) == 0) {
-          continue;
-        }
-        if (::recv(peer.Get(), request, sizeof(request), 0) <= 0) {
-          break;
-        }
-        ++requests_;
-        ::send(peer.Get(), answer_.data(), answer_.size(), MSG_NOSIGNAL);
+      while (::recv(peer.Get(), request, sizeof(request), 0) > 0) {
+        ++requests;
+        ::send(peer.Get(), kAnswer, sizeof(kAnswer), MSG_NOSIGNAL);
       }
     }
   }
 
-  const std::vector<unsigned char> answer_;
-  Listener listener_;
-  std::atomic<int> connections_{0};
-  std::atomic<int> requests_{0};
-  std::atomic<bool> is_over_{false};
-  std::thread thread_;
+  std::atomic<int> connections{0};
+  std::atomic<int> requests{0};
+  std::thread thread{[this] { Run(); }};
 };
 
 }  // namespace tmsc::test
