@@ -89,9 +89,8 @@ TEST(FieldSimulatorTest, ABusServesItsDevicesAndTheirFaultsAtThePaceOfTheLine) {
     // The request's 8 characters, 3.5 of silence and the answer's 9.
     EXPECT_GE(time.Ms(), 20.5 * 11000 / 2400 - 1 + fault.Parameter(1));
   }
-  const Bytes write_all = RtuFrame(0, {6, 0, 1, 0x12, 0x34});
-  const Bytes wrong_crc = {2, 3, 0, 0, 0, 2, 9, 9};
-  for (const Bytes& unanswered : {write_all, RtuFrame(0, {3}), wrong_crc, RtuFrame(4, kRead)}) {
+  for (const Bytes& unanswered : {RtuFrame(0, {6, 0, 1, 0x12, 0x34}), RtuFrame(0, {3}),
+                                  Bytes{2, 3, 0, 0, 0, 2, 9, 9}, RtuFrame(4, kRead)}) {
     EXPECT_EQ(Bytes(), Ask(line.Get(), unanswered, 1, 250));
   }
   const Bytes first = RtuFrame(3, {3, 4, 0x0B, 0xB8, 0x12, 0x34});
