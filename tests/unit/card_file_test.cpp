@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <tuple>
 
 #include "support/files.h"
 #include "support/wait.h"
@@ -14,14 +15,13 @@
 std::atomic<int> fsync_count{0}, fsync_error{0};
 std::atomic<bool> is_fsync_held{false};
 extern "C" int fsync(int /*descriptor*/) {
-  tmsc::test::WaitFor(10000, [] { return !is_fsync_held; });
   ++fsync_count;
+  tmsc::test::WaitFor(10000, [] { return !is_fsync_held; });
   errno = fsync_error;
   return errno == 0 ? 0 : -1;
 }
 
 namespace tmsc::test {
-namespace {
 
 TEST(CardFile, WhatStandsInItsPlaceDecides) {
   const TempFolder folder;
@@ -31,17 +31,15 @@ TEST(CardFile, WhatStandsInItsPlaceDecides) {
   std::filesystem::create_symlink(path("file"), path("link"));
   ASSERT_EQ(::mkfifo(path("pipe").c_str(), 0600), 0);
   const Descriptor reader(::open(path("pipe").c_str(), O_RDWR | O_CLOEXEC));
-  constexpr auto kWritten = CardFile::Outcome::kWritten, kNotOpened = CardFile::Outcome::kNotOpened;
-  const struct {
-    const char* name;
-    CardFile::Outcome own, shared;  // in a folder of its own, and where anybody puts files
-  } rows[] = {{"file", kWritten, kWritten},
-              {"link", kWritten, kNotOpened},
-              {"hard link", kWritten, kNotOpened},
-              {"pipe", kNotOpened, kNotOpened}};
-  for (const auto& row : rows) {
-    EXPECT_EQ(CardFile(path(row.name)).Append("x"), row.own) << row.name;
-    EXPECT_EQ(CardFile(path(row.name), CardFile::Folder::kShared).Append("y"), row.shared);
+  // Whether it is taken in a folder of its own, and in one where anybody puts files.
+  const std::tuple<const char*, bool, bool> rows[] = {{"file", true, true},
+                                                      {"link", true, false},
+                                                      {"hard link", true, false},
+                                                      {"pipe", false, false}};
+  for (const auto& [name, own, shared] : rows) {
+    const CardFile mine(path(name)), common(path(name), CardFile::Folder::kShared);
+    EXPECT_EQ(mine.Append("x") == CardFile::Outcome::kWritten, own) << name;
+    EXPECT_EQ(common.Append("y") == CardFile::Outcome::kWritten, shared) << name;
   }
   EXPECT_EQ(ReadFile(path("file")), "xyx");
 }
@@ -60,5 +58,4 @@ TEST(CardFile, SynchronisesTheFileAndItsFolder) {
   EXPECT_FALSE(CardFile(folder.Path(std::string(300, 'n'))).Synchronise()) << "not to be opened";
 }
 
-}  // namespace
 }  // namespace tmsc::test

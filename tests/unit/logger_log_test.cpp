@@ -12,14 +12,11 @@
 #include "support/log_fixture.h"
 
 namespace tmsc {
-namespace {
 
 using LoggerLogTest = test::LogFixture;
 
 TEST_F(LoggerLogTest, LevelsAndLineFormat) {
   const char* const rows[][2] = {{"0", "VDIWEFV"}, {"3", "WEF"}, {"5", "F"}, {"6", "DIWEF"}};
-  const test::Console console;
-  std::string echo;
   for (const auto& [setting, letters] : rows) {
     LoggerLog::Fatal("T", "before the set-up");
     StartLog({{"LogLevel", setting}});
@@ -28,7 +25,6 @@ TEST_F(LoggerLogTest, LevelsAndLineFormat) {
       log("T", "x");
     }
     LoggerLog::Fatal("", "x");
-    EXPECT_EQ(LogText(), "");
     LoggerLog::Flush();
     EXPECT_TRUE(test::WaitFor(2000, [&] { return test::Contains(LogText(), "] x\n"); }));
     const std::string text = StopLog();
@@ -41,10 +37,8 @@ TEST_F(LoggerLogTest, LevelsAndLineFormat) {
                                   R"(\[(F\] x|[VDIWE]\] T x|V\] LoggerLog FlushLoggerLog\.))")
               .match(line))
           << line;
-      echo += "LoggerCom.log " + line + "\n";
     }
     EXPECT_EQ(found, letters) << setting;
-    EXPECT_EQ(console.Text(), echo);
     test::WriteFile(log_path_, "");
   }
 }
@@ -126,5 +120,4 @@ TEST_F(LoggerLogTest, RefusedRenamesDoNotFeedTheLog) {
   EXPECT_EQ(test::CountText(StopLog(), "[E] FlUtil Rename file"), 3);
 }
 
-}  // namespace
 }  // namespace tmsc
