@@ -1,14 +1,14 @@
 #ifndef TAMSEL_FAKE_DAEMON_H_
 #define TAMSEL_FAKE_DAEMON_H_
 
+#include <Poco/HexBinaryDecoder.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstddef>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -21,29 +21,19 @@
 
 namespace tmsc {
 
-/// The bytes that pairs of hexadecimal digits stand for; blanks between them are left out.
-inline std::vector<byte> FromHex(std::string digits) {
-  digits.erase(std::remove(digits.begin(), digits.end(), ' '), digits.end());
-  std::vector<byte> bytes;
-  for (std::size_t at = 0; at < digits.size(); at += 2) {
-    bytes.push_back(static_cast<byte>(std::stoi(digits.substr(at, 2), nullptr, 16)));
-  }
-  return bytes;
+/// The bytes that pairs of hexadecimal digits stand for, with or without blanks between them.
+inline std::vector<byte> FromHex(const std::string& digits) {
+  std::istringstream stream(digits);
+  Poco::HexBinaryDecoder bytes(stream);
+  return {std::istreambuf_iterator<char>(bytes), std::istreambuf_iterator<char>()};
 }
 
-/// A response with a status of the whole request and no device's answer.
-inline ResponseReceiveData Status(int status) {
-  return {{}, {status, {}}};
-}
-
-/// A response with the answer of one device, whose length is stated as `excess` bytes longer.
-inline ResponseReceiveData Answer(int address, int status, const std::string& digits,
-                                  int excess = 0) {
+/// A response with the answer of device 5, whose length is stated as `excess` bytes longer.
+inline ResponseReceiveData Answer(int status, const std::string& digits, int excess = 0) {
   ResponseReceiveData response{};
-  DeviceReceiveData& slot = response.receive_data.receive_data[address - 1];
+  DeviceReceiveData& slot = response.receive_data.receive_data[4];
   const std::vector<byte> frame = FromHex(digits);
-  slot.length = static_cast<std::int16_t>(static_cast<int>(frame.size()) + excess);
-  slot.status = static_cast<byte>(status);
+  slot = {std::int16_t(int(frame.size()) + excess), static_cast<byte>(status), {}};
   std::copy(frame.begin(), frame.end(), slot.data);
   return response;
 }
@@ -56,13 +46,19 @@ class FakeDaemon {
   using Script = std::function<void(int connection)>;
 
   /// Starts to accept connections after `accept_delay_ms`; until then they fill the backlog of one.
-  explicit FakeDaemon(Script script, int accept_delay_ms = 0)
-      : script_(std::move(script)), listener_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  explicit FakeDaemon(const Script& script, int accept_delay_ms = 0) {
     sockaddr_un address{AF_UNIX, {}};
     Path().copy(address.sun_path, sizeof(address.sun_path) - 1);
     ::bind(listener_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
     ::listen(listener_.Get(), 1);
-    thread_ = std::thread([this, accept_delay_ms] { Serve(accept_delay_ms); });
+    thread_ = std::thread([this, script, accept_delay_ms] {
+      // Both waits end at once when the destructor shuts the listener down.
+      WaitForDescriptor(listener_.Get(), 0, Deadline(std::chrono::milliseconds(accept_delay_ms)));
+      for (int peer = 0;
+           (peer = ::accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+        script(Descriptor(peer).Get());
+      }
+    });
   }
   ~FakeDaemon() {
     ::shutdown(listener_.Get(), SHUT_RDWR);
@@ -88,22 +84,8 @@ class FakeDaemon {
   }
 
  private:
-  void Serve(int accept_delay_ms) {
-    // Both waits end at once when the destructor shuts the listener down.
-    pollfd listener{listener_.Get(), 0, 0};
-    bool is_open = ::poll(&listener, 1, accept_delay_ms) == 0;
-    while (is_open) {
-      const Descriptor connection(::accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-      is_open = connection.IsOpen();
-      if (is_open) {
-        script_(connection.Get());
-      }
-    }
-  }
-
-  Script script_;
-  test::TempFolder folder_;
-  Descriptor listener_;
+  const test::TempFolder folder_;
+  const Descriptor listener_{::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
   std::thread thread_;
 };
 
