@@ -38,19 +38,7 @@ struct ScriptedLibrary {
   }
 };
 
-<<<<<<< HEAD
-ScriptedLibrary library;
-
-std::string Text(std::initializer_list<long long> numbers) {
-  std::string text;
-  for (const long long number : numbers) {
-    text += " " + std::to_string(number);
-  }
-  return text;
-}
-=======
 std::optional<ScriptedLibrary> library;  // each test's own
->>>>>>> t2
 
 }  // namespace
 
