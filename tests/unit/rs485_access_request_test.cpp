@@ -14,14 +14,14 @@ struct ScriptedLibrary {
   std::mutex mutex;
   std::string calls;  // guarded by mutex
   std::atomic<int> cycles{0};
-  std::mutex gate;                 // held: a cycle does not end
-  std::string failing;             // name of the call that fails
-  int failures_left = 0;           // so many times
-  bool is_answer_missing = false;  // getReceiveStream gives null
+  std::mutex gates[MAX_CHANNEL + 1];  // held: the channel's cycle does not end
+  std::string failing;                // name of the call that fails
+  int failures_left = 0;              // so many times
+  bool is_answer_missing = false;     // getReceiveStream gives null
   std::vector<unsigned char> bytes = std::vector<unsigned char>(439, 0xa5);  // of every answer
   receive_data answers[RS485_MAX_MC_NUM] = {};
   receive_data_full stream = {};
-  void (*listener)() = nullptr;
+  std::atomic<void (*)()> listener{nullptr};
 
   /// Notes the call; false when it is to fail.
   template <typename... Numbers>
@@ -71,8 +71,8 @@ unsigned char vlm_rs485_setComFlags(int channel, unsigned int flags) {
 unsigned char vlm_rs485_startCom(int channel) {
   const bool is_good = library->Call("start", channel);
   ++library->cycles;
-  const std::lock_guard<std::mutex> lock(library->gate);
-  library->listener();
+  const std::lock_guard<std::mutex> lock(library->gates[channel]);
+  library->listener.load()();
   return is_good ? 2 : 0;
 }
 receive_data_full* vlm_rs485_getReceiveStream(int channel, int reserved) {
@@ -110,15 +110,17 @@ class RS485AccessRequestTest : public test::LogFixture {
     answer = {length, status, library->bytes.data()};
     library->stream.rcv_dt[address - 1] = &answer;
   }
-  ResponseReceiveData Execute() {
+  ResponseReceiveData Execute(int channel = 2) {
+    DeviceAccessRS485 payload = payload_;
+    payload.channel = channel;
     std::promise<std::shared_ptr<CommunicationResult>> promise;
     DataHeader header{};
-    Poco::AutoPtr<Request>(new RS485AccessRequest(&header, &payload_, &promise))->Execute();
+    Poco::AutoPtr<Request>(new RS485AccessRequest(&header, &payload, &promise))->Execute();
     return *promise.get_future().get()->ReceiveData();
   }
-  int Status() { return Execute().receive_data.status; }
-  std::future<int> StatusLater() {
-    return std::async(std::launch::async, [this] { return Status(); });
+  int Status(int channel = 2) { return Execute(channel).receive_data.status; }
+  std::future<int> StatusLater(int channel = 2) {
+    return std::async(std::launch::async, [this, channel] { return Status(channel); });
   }
   void ExpectLogged(const std::vector<std::string>& texts) {
     const std::string log = StopLog();
@@ -126,7 +128,7 @@ class RS485AccessRequestTest : public test::LogFixture {
       EXPECT_TRUE(test::Contains(log, text)) << text;
     }
   }
-  DeviceAccessRS485 payload_{2, 7, {}, {}};
+  DeviceAccessRS485 payload_{0, 7, {}, {}};
 };
 
 TEST_F(RS485AccessRequestTest, TheLibraryIsCalledInOrderAndThePortStaysOpen) {
@@ -183,7 +185,6 @@ TEST_F(RS485AccessRequestTest, AnswersAreJudgedOneByOne) {
   Answer(6, 2);
   const ResponseReceiveData response = Execute();
   EXPECT_EQ(response.header.type, kRequestDataTypeRS485);
-  EXPECT_EQ(response.receive_data.status, 0);
   for (int address = 1; address <= kMaxDeviceCountAtChannel; ++address) {
     const DeviceReceiveData& slot = response.receive_data.receive_data[address - 1];
     EXPECT_EQ(int{slot.length}, address == 12 ? 438 : 0) << address;
@@ -205,15 +206,14 @@ TEST_F(RS485AccessRequestTest, AnswersAreJudgedOneByOne) {
 
 TEST_F(RS485AccessRequestTest, WhatCannotBeRightTouchesNoPort) {
   for (const int channel : {0, 4, -1}) {
-    payload_.channel = channel;
-    EXPECT_EQ(Status(), 9);
+    EXPECT_EQ(Status(channel), 9);
     EXPECT_EQ(Cache::GetInstance()->CheckVlmOpen(channel, false, 7), Cache::kStatusError);
     Cache::GetInstance()->SetVlmStartComFailed(channel);
   }
   EXPECT_EQ(library->TakeCalls(), "");
-  payload_.channel = 2;
   payload_.send_data[0].send_data[0] = 127;
   EXPECT_EQ(Status(), 7);
+  Cache::Destroy();  // finds no open port
   EXPECT_EQ(library->TakeCalls(), "open 2 0 7; params 2 12 1 -2 3 4 5; listen 2; close 2; ");
   ExpectLogged({"[W] 485ARq Ch err. ch[4]\n", "485ARqLib SetVlmStartComFailed ch error:4\n"});
 }
@@ -221,7 +221,7 @@ TEST_F(RS485AccessRequestTest, WhatCannotBeRightTouchesNoPort) {
 // A cycle that takes too long: its request finds a cache that calls no library any more.
 TEST_F(RS485AccessRequestTest, TheEndDoesNotWaitForever) {
   std::future<int> status;
-  std::unique_lock<std::mutex> hold(library->gate);
+  std::unique_lock<std::mutex> hold(library->gates[2]);
   status = StatusLater();
   ASSERT_TRUE(test::WaitFor(5000, [] { return library->cycles > 0; }));
   std::future<void> end = std::async(std::launch::async, Cache::Destroy);
@@ -234,11 +234,12 @@ TEST_F(RS485AccessRequestTest, TheEndDoesNotWaitForever) {
 
 // Two clients may name one channel in their payloads while their headers name two.
 TEST_F(RS485AccessRequestTest, OnePortServesOneRequestAtATime) {
-  std::future<int> first;
-  std::future<int> second;
-  std::unique_lock<std::mutex> hold(library->gate);
+  std::future<int> first, second, other;
+  std::unique_lock<std::mutex> hold(library->gates[2]);
+  std::unique_lock<std::mutex> hold_other(library->gates[3]);
   first = StatusLater();
-  ASSERT_TRUE(test::WaitFor(5000, [] { return library->cycles > 0; }));
+  other = StatusLater(3);
+  ASSERT_TRUE(test::WaitFor(5000, [] { return library->cycles == 2; }));
   library->TakeCalls();
   second = StatusLater();
   EXPECT_EQ(second.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
@@ -247,8 +248,11 @@ TEST_F(RS485AccessRequestTest, OnePortServesOneRequestAtATime) {
   hold.unlock();
   EXPECT_EQ(first.get(), 0);
   EXPECT_EQ(second.get(), 8) << "it has not touched its port when the daemon ends";
-  end.get();
-  EXPECT_EQ(library->TakeCalls(), "unlisten 2; stream 2 0; close 2; ");
+  hold_other.unlock();
+  EXPECT_EQ(other.get(), 0);
+  EXPECT_EQ(end.wait_for(std::chrono::seconds(1)), std::future_status::ready);
+  EXPECT_EQ(library->TakeCalls(),
+            "unlisten 2; stream 2 0; unlisten 3; stream 3 0; close 2; close 3; ");
   EXPECT_EQ(Status(), 8);
 }
 

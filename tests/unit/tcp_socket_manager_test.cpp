@@ -18,7 +18,8 @@ TEST(TcpSocketManagerTest, OneSocketForEachDevice) {
   EXPECT_NE(socket, manager.GetSocket("192.0.2.6", 502, 1));
   EXPECT_NE(socket, manager.GetSocket("192.0.2.5", 50, 201));
   manager.RemoveSocket("192.0.2.5", 502, 9);  // not pooled: nothing happens
-  EXPECT_EQ(socket, manager.GetSocket("192.0.2.5", 502, 1));
+  manager.RemoveSocket("192.0.2.5", 502, 1);
+  EXPECT_NE(socket, manager.GetSocket("192.0.2.5", 502, 1));
 }
 
 // Every third holder removes the socket; nobody else may be using it then, and whoever waited for

@@ -165,7 +165,7 @@ TEST_F(TcpipAccessRequestTest, ConnectionsArePooledUntilAnExchangeFails) {
   Ask(0, 1, 1000);
   Ask(1, 2, 1000);
   for (const auto& [status, reuse_check] :
-       {std::pair(0, "0"), std::pair(16, "0"), std::pair(0, "1"), std::pair(0, "1")}) {
+       {std::pair(0, "0"), std::pair(16, "0"), std::pair(0, "0"), std::pair(0, "1")}) {
     UseSettings({{"TcpReuseCheck", reuse_check}});
     Execute();
     ExpectSlot(1, 0, kUsualAnswer);
@@ -173,7 +173,6 @@ TEST_F(TcpipAccessRequestTest, ConnectionsArePooledUntilAnExchangeFails) {
     ExpectConnections(1);
   }
   EXPECT_EQ(1U, field_->ConnectionsAccepted(1));
-  EXPECT_EQ(3U, field_->ConnectionsAccepted(2));
 }
 
 TEST_F(TcpipAccessRequestTest, DeviceListedTwiceIsAskedOnceAfterTheOther) {
@@ -184,7 +183,6 @@ TEST_F(TcpipAccessRequestTest, DeviceListedTwiceIsAskedOnceAfterTheOther) {
   UseSettings({{"TcpDrainTimeout", "50"}});
   Execute();
   ExpectSlot(1, 0, kUsualAnswer);
-  EXPECT_EQ(1U, field_->ConnectionsAccepted(1));
   EXPECT_EQ(5U, field_->RequestsReceived(1));
   EXPECT_GE(duration_ms_, 5 * 150);
 }
@@ -235,10 +233,10 @@ TEST_F(TcpipAccessRequestTest, AnExceptionForgetsTheConnection) {
   payload_.port_params[0].port = answering_.Port();
   Execute();
   int failures = 0;
-  for (int first = 1; first < 40; ++first) {
+  for (int i = 2; i < 80; ++i) {
     const int connections = answering_.connections;
     const int requests = answering_.requests;
-    test::FailAllocations(first, first);
+    test::FailAllocations(i / 2, i % 2 == 0 ? i / 2 : 1000);  // one, or all from there on
     Execute();
     test::FailAllocations(0, 0);
     const bool is_failed = Slot(1).status != 0;
@@ -247,7 +245,7 @@ TEST_F(TcpipAccessRequestTest, AnExceptionForgetsTheConnection) {
     failures += is_spoilt ? 1 : 0;
     Execute();
     ExpectSlot(1, 0, 11);
-    EXPECT_GE(answering_.connections, connections + (is_spoilt ? 1 : 0)) << first;
+    EXPECT_GE(answering_.connections, connections + (is_spoilt ? 1 : 0)) << i;
   }
   EXPECT_GT(failures, 0);
 }
