@@ -3,6 +3,7 @@
 #include <Poco/Exception.h>
 #include <Poco/Format.h>
 #include <Poco/ScopedLock.h>
+#include <limits.h>
 
 #include <algorithm>
 #include <chrono>
@@ -380,9 +381,9 @@ void LogFileOutput::BeginWithoutCard() {
     is_card_gone_ = true;
   }
   // Kept apart from the other lines: it is not to be among those that are dropped.
-  without_card_line_ =
-      EchoOwnLine(kLogOutputLevelErrorValue, kLogOutputLevelErrorString,
-                  "Card is gone, log lines are kept [" + file_path_ + "] " + refusal_);
+  without_card_line_ = EchoOwnLine(
+      kLogOutputLevelErrorValue, kLogOutputLevelErrorString,
+      "Card is gone, log lines are kept [" + file_path_.substr(0, PATH_MAX) + "] " + refusal_);
 }
 
 std::string LogFileOutput::EndWithoutCard() {
@@ -515,7 +516,8 @@ void LogFileOutput::CreateIoErrorFile() {
   if (is_file_write_error_) {
     return;
   }
-  const CardFile::Outcome outcome = io_error_file_.Append(UtcTimeText() + file_path_ + "\n");
+  const CardFile::Outcome outcome =
+      io_error_file_.Append(UtcTimeText() + file_path_.substr(0, PATH_MAX) + "\n");
   is_file_write_error_ = outcome == CardFile::Outcome::kWritten;
   if (outcome == CardFile::Outcome::kNotWritten) {
     WriteToConsole({"log_file error ", kLoggerIoFileErrorFile, "\n"});

@@ -19,10 +19,7 @@ TEST(Start, PathsThatAreNoneLeaveTheRestRunning) {
       {{{"ComSocketPath", "/tmp/" + std::string(103, 's')}}, "[F] CommSvr bind fail. [-1]\n"},
       {{{"ComSocketPath", taken}},
        "[F] CommSvr bind path[" + taken + "] [Address already in use]\n"},
-      {{{"ComSocketPath", endless},
-        {"TamselComWatchdogFilePath", endless},
-        {"SdcardPath", endless}},
-       "too long for a path"},
+      {{{"ComSocketPath", endless}, {"TamselComWatchdogFilePath", endless}}, "too long for a path"},
   };
   for (const auto& [settings, text] : rows) {
     DaemonProcess daemon(settings, {false});
