@@ -3,10 +3,10 @@
 
 #include <sys/time.h>
 
-#include <mutex>
 #include <string>
 
 #include "utility/descriptor.h"
+#include "utility/timed_mutex.h"
 
 namespace tmsc {
 
@@ -62,7 +62,7 @@ class TCPSocket {
   bool IsReusable() const;
 
   /// Held for the length of an exchange.
-  std::timed_mutex& ExchangeMutex() { return exchange_mutex_; }
+  TimedMutex& ExchangeMutex() { return exchange_mutex_; }
 
   int GetDescriptor() const { return sockfd_.Get(); }
   bool IsSocketCreated() const { return is_socket_created; }
@@ -76,7 +76,7 @@ class TCPSocket {
   timeval read_timeout_{};
   timeval write_timeout_{};
   bool is_socket_created = false;
-  std::timed_mutex exchange_mutex_;
+  TimedMutex exchange_mutex_;
 };
 
 }  // namespace tmsc

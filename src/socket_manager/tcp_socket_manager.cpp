@@ -37,7 +37,7 @@ ExclusiveSocket TCPSocketManager::LockSocket(const std::string& ip_address, int 
                                              const std::optional<Deadline>& deadline) {
   while (true) {
     std::shared_ptr<TCPSocket> socket = GetSocket(ip_address, port, address);
-    std::unique_lock<std::timed_mutex> lock(socket->ExchangeMutex(), std::defer_lock);
+    std::unique_lock<TimedMutex> lock(socket->ExchangeMutex(), std::defer_lock);
     if (!deadline) {
       lock.lock();
     } else if (!lock.try_lock_until(deadline->Moment())) {

@@ -17,7 +17,7 @@ namespace tmsc {
 /// released. Move only.
 struct ExclusiveSocket {
   std::shared_ptr<TCPSocket> socket;
-  std::unique_lock<std::timed_mutex> lock;
+  std::unique_lock<TimedMutex> lock;
 };
 
 /// Keeps the connections to the TCP/IP devices open between exchanges, one for each combination of

@@ -58,7 +58,7 @@ TEST(ClientProtocol, UnknownChannelsAndTypesAreClosedWithoutAnswer) {
                                       {0, 2}, {3, 2}, {kIntMax, 2}, {kIntMin, 2}};
   for (const auto& [type, channel] : rows) {
     SCOPED_TRACE(std::to_string(type) + " " + std::to_string(channel));
-    std::vector<byte> much(20000);  // input left unread would reset the connection
+    std::vector<byte> much(10000);  // input left unread would reset the connection
     TcpIpRequest request = MakeTcpIpRequest(channel);
     request.header.type = type;
     std::memcpy(much.data(), &request, sizeof(request));
