@@ -68,7 +68,7 @@ TEST(Tamselctl, ExitStatusAndTextFollowTheResponse) {
   ExpectOf({Answer(0, "06 0304 1234 FFFF C9F5")}, raw + "050300100002", 5, "answer of device 6");
   ExpectOf({Answer(0, "AB FEFF")}, raw + "F70333", 5, "misfit: no Modbus RTU frame");
   // Not Modbus: one byte, a reserved address, and what are no function codes.
-  ExpectOf({Answer(0, "AB0102")}, raw + "11", 5, "wrong CRC");
+  ExpectOf({Answer(0, "FFFF")}, raw + "11", 5, "wrong CRC");
   for (const char* frame : {"11", "F80333", "110033", "118333"}) {
     ExpectOf({Answer(0, "AB FEFF")}, raw + frame, 0, "answered  AB");
   }
@@ -152,7 +152,6 @@ TEST(Tamselctl, WrongUsageIsRefusedBeforeAnythingIsSent) {
 
 TEST(Tamselctl, OutputThatCannotBeWrittenIsNoSuccess) {
   ExpectRun(kRequest + "--help", 0, "Exit status:\n");
-  ExpectRun(TAMSELCTL_PATH " --version", 0, "tamselctl 1.");
   ExpectRun(TAMSELCTL_PATH " --help > /dev/full", 1, "could not be written");
   ExpectOf({kGoodAnswer}, kRead + ">&-", 1, "could not be written");
   ::signal(SIGPIPE, SIG_DFL);  // a test driver may ignore it; the reader of the pipe has left
