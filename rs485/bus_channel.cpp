@@ -249,7 +249,14 @@ unsigned char BusChannel::Receive(Device& device, Duration timeout) {
     const Clock::time_point now = Clock::now();
     if (!is_timed_out && now >= until) {
       is_timed_out = true;
-      until = now + silence;
+      LineEvent waiting = LineEvent::kReady;
+      while (waiting == LineEvent::kReady && !is_whole && !reader.IsTooLong()) {
+        waiting = TakeInput(reader, is_whole);
+      }
+      until = Clock::now() + silence;
+      if (is_whole) {
+        break;
+      }
     }
     const bool waits_for_silence = reader.IsOpen() && (is_timed_out || device.delimiter == 0);
     const Clock::time_point silent = waits_for_silence ? last_activity_ + silence

@@ -47,8 +47,13 @@ int Bind(const Descriptor& listening_socket, const std::string& path) {
     return -1;
   }
   std::memcpy(address.sun_path, path.c_str(), path.size());
-  ::unlink(path.c_str());
-  return ::bind(listening_socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
+  const int unlink_error = ::unlink(path.c_str()) == 0 ? 0 : errno;
+  const int bound =
+      ::bind(listening_socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
+  if (bound != 0 && errno == EADDRINUSE && unlink_error != 0) {
+    errno = unlink_error;  // what is in the way may not be removed: that is the reason
+  }
+  return bound;
 }
 
 /// Takes what a client has sent besides: a close with input unread would reset the connection, and
@@ -97,10 +102,14 @@ void CommunicationServer::Stop() {
 
 void CommunicationServer::run() {
   LoggerLog::Info(kLogTag, "Start communication svr");
-  try {
-    Serve(Listen());
-  } catch (...) {
-    LogException(kLogTag, "svr exception:");
+  for (bool is_over = false; !is_over;) {
+    try {
+      Serve(Listen());
+      is_over = true;
+    } catch (...) {
+      LogException(kLogTag, "svr exception:");
+      is_over = WaitForDescriptor(stop_event_.Get(), POLLIN, Deadline(kFailurePause)) > 0;
+    }
   }
   silent_clients_.clear();
 }
@@ -242,6 +251,11 @@ void CommunicationServer::HandleConnection(Descriptor connection) {
 
 namespace {
 
+void LogWriteFailure(int sock, int error) {
+  LoggerLog::Error(kLogTag,
+                   LogText("Rq dat type 485, write sock fail. [", error, "] sock[", sock, "]"));
+}
+
 /// Sends all bytes until the deadline; false, with a line in the log, when they did not get
 /// through.
 bool SendAll(int sock, const char* bytes, std::size_t count, const Deadline& deadline) {
@@ -252,8 +266,7 @@ bool SendAll(int sock, const char* bytes, std::size_t count, const Deadline& dea
       bytes += written;
       count -= static_cast<std::size_t>(written);
     } else if (written == 0 || error != EAGAIN || WaitForDescriptor(sock, POLLOUT, deadline) <= 0) {
-      LoggerLog::Error(kLogTag,
-                       LogText("Rq dat type 485, write sock fail. [", error, "] sock[", sock, "]"));
+      LogWriteFailure(sock, error);
       return false;
     }
   }
@@ -278,7 +291,10 @@ const char* SendAllButLastByte(int sock, const char* response, const Deadline& d
     return nullptr;
   }
   // Nobody else sends on the connection, so what there is room for now goes through later.
-  WaitForDescriptor(sock, POLLOUT, deadline);
+  if (WaitForDescriptor(sock, POLLOUT, deadline) <= 0) {
+    LogWriteFailure(sock, EAGAIN);
+    return nullptr;
+  }
   return response + kCount;
 }
 

@@ -9,7 +9,12 @@ namespace tmsc {
 
 namespace {
 const std::string& kLogTag = ConstantString("TMSCommMgr");
-// Made in advance: a notification is not lost for want of memory for its line.
+// Made in advance: neither a notification nor what it asks for is lost for want of memory for a
+// line.
+const std::string& kPowerOffText = ConstantString("PowerOffStateWork");
+const std::string& kPowerOffEndText = ConstantString("PowerOffStateWork end");
+const std::string& kPowerOnText = ConstantString("PowerOnStateWork");
+const std::string& kPowerOnEndText = ConstantString("PowerOnStateWork end");
 const std::string& kOutageText = ConstantString("NotifyOutage");
 const std::string& kRecoveryText = ConstantString("NotifyOutageRecovery");
 constexpr long kComLogFlushInterval = 300000;
@@ -75,12 +80,10 @@ void TamselCommunicationManager::RunPass() {
   if (!is_power_off_state_ && is_outage_) {
     is_outage_ = false;
     PowerOffStateWork();
-    is_power_off_state_ = true;
   }
   if (is_power_off_state_ && is_outage_recovery_) {
     is_outage_recovery_ = false;
     PowerOnStateWork();
-    is_power_off_state_ = false;
   }
 }
 
@@ -107,20 +110,22 @@ void TamselCommunicationManager::ServeSignalsFor(std::chrono::milliseconds durat
 }
 
 void TamselCommunicationManager::PowerOffStateWork() {
-  LoggerLog::Info(kLogTag, "PowerOffStateWork");
+  LoggerLog::Info(kLogTag, kPowerOffText);
   LoggerLog::Verbose(kLogTag, "outage wait in");
   ServeSignalsFor(kOutageWait);
   LoggerLog::Verbose(kLogTag, "outage wait out");
   FileUtil::GetInstance()->SetLogWriteEnable(false);
+  is_power_off_state_ = true;
   LoggerLog::Flush();
-  LoggerLog::Info(kLogTag, "PowerOffStateWork end");
+  LoggerLog::Info(kLogTag, kPowerOffEndText);
 }
 
 void TamselCommunicationManager::PowerOnStateWork() {
   FileUtil::GetInstance()->SetLogWriteEnable(true);
-  LoggerLog::Info(kLogTag, "PowerOnStateWork");
+  is_power_off_state_ = false;
+  LoggerLog::Info(kLogTag, kPowerOnText);
   LoggerLog::Flush();
-  LoggerLog::Info(kLogTag, "PowerOnStateWork end");
+  LoggerLog::Info(kLogTag, kPowerOnEndText);
 }
 
 void TamselCommunicationManager::Kill() {

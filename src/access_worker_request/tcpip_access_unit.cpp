@@ -92,12 +92,12 @@ bool TCPIPAccessUnit::AccessDevice() {
   if (FrameLengthOf(*p_send_data_) == 0 || p_send_data_->address == 0) {
     return true;
   }
-  if (!IsPossible()) {
-    return false;
-  }
   // Outside the try block: the handler removes the socket from the pool under its lock.
   ExclusiveSocket exclusive;
   try {
+    if (!IsPossible()) {
+      return false;
+    }
     LoggerLog::Debug(kLogTag, LogText("[", ip_, "] [", int{p_network_params_->port}, "][",
                                       p_send_data_->address, "]"));
     exclusive = TCPSocketManager::GetInstance()->LockSocket(ip_, p_network_params_->port,

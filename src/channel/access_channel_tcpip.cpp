@@ -12,6 +12,7 @@ namespace {
 const std::string& kLogTag = ConstantString("AChTCPIP");
 // Nothing between the queueing of a request and the wait for it may throw: the promise lives here.
 const std::string& kWaitText = ConstantString(" ft.get() wait");
+const std::string& kWaitOutText = ConstantString(" ft.get() wait out");
 }  // namespace
 
 AccessChannelTCPIP::AccessChannelTCPIP(int channel_index)
@@ -28,7 +29,7 @@ std::shared_ptr<CommunicationResult> AccessChannelTCPIP::TCPAccess(
   worker_channel_->PutRequest(new TCPIPAccessRequest(header, device_access_tcpip, &pr));
   LoggerLog::Verbose(kLogTag, kWaitText);
   std::shared_ptr<CommunicationResult> result = ft.get();
-  LoggerLog::Verbose(kLogTag, " ft.get() wait out");
+  LoggerLog::Verbose(kLogTag, kWaitOutText);
   return result;
 }
 

@@ -85,7 +85,7 @@ void ConsoleOutput::Append(std::initializer_list<std::string_view> parts) {
     }
     // One lost line is followed by others until there is room again, so that the note about them
     // stands where they are missing.
-    if (queued_.size() > kQueuedMax || lost_lines_ > 0) {
+    if (queued_.size() > kQueuedMax || (lost_lines_ > 0 && !queued_.empty())) {
       ++lost_lines_;
       return;
     }

@@ -113,7 +113,10 @@ uint FileUtil::GetSize(const std::string& target) {
 }
 
 void FileUtil::SetLogWriteEnable(bool enable) {
-  LoggerLog::Verbose(kLogTag, LogText("SetLogWriteEnable:", enable));
+  // Made in advance: the switch changes also when there is no memory for its line.
+  static const std::string& on_text = ConstantString("SetLogWriteEnable:1");
+  static const std::string& off_text = ConstantString("SetLogWriteEnable:0");
+  LoggerLog::Verbose(kLogTag, enable ? on_text : off_text);
   is_log_write_enable_ = enable;
 }
 
