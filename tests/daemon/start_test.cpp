@@ -17,8 +17,7 @@ TEST(Start, PathsThatAreNoneLeaveTheRestRunning) {
   }
   const std::pair<Settings, std::string> rows[] = {
       {{{"ComSocketPath", "/tmp/" + std::string(103, 's')}}, "[F] CommSvr bind fail. [-1]\n"},
-      {{{"ComSocketPath", taken}},
-       "[F] CommSvr bind path[" + taken + "] [Is a directory]\n"},
+      {{{"ComSocketPath", taken}}, "[F] CommSvr bind path[" + taken + "] [Is a directory]\n"},
       {{{"ComSocketPath", endless}, {"TamselComWatchdogFilePath", endless}}, "too long for a path"},
   };
   for (const auto& [settings, text] : rows) {
