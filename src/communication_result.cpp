@@ -1,6 +1,7 @@
 #include "communication_result.h"
 
 #include <new>
+#include <utility>
 
 namespace tmsc {
 
@@ -28,7 +29,14 @@ std::shared_ptr<CommunicationResult> CommunicationResult::CreateErrorCommunicati
     int type, int status) {
   auto record = AllocateRecord(type);
   record->receive_data.status = status;
-  return std::make_shared<CommunicationResult>(record.release());
+  return Wrap(std::move(record));
+}
+
+std::shared_ptr<CommunicationResult> CommunicationResult::Wrap(
+    std::unique_ptr<ResponseReceiveData, FreeRecord> record) {
+  auto result = std::make_shared<CommunicationResult>(nullptr);
+  result->p_response_data_ = std::move(record);
+  return result;
 }
 
 }  // namespace tmsc

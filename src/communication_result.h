@@ -26,6 +26,10 @@ class CommunicationResult {
   /// A zero-filled record with the request's type, allocated with malloc. Throws std::bad_alloc.
   static std::unique_ptr<ResponseReceiveData, FreeRecord> AllocateRecord(int type);
 
+  /// A result that owns the record. Throws std::bad_alloc; the record is then freed.
+  static std::shared_ptr<CommunicationResult> Wrap(
+      std::unique_ptr<ResponseReceiveData, FreeRecord> record);
+
   /// A response that reports `status` for the whole request of that type.
   static std::shared_ptr<CommunicationResult> CreateErrorCommunicationResult(int type, int status);
 

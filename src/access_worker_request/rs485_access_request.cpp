@@ -7,6 +7,7 @@
 #include <cstring>
 #include <limits>
 #include <thread>
+#include <utility>
 
 #include "log/log_text.h"
 #include "logger_setting/logger_setting_manager.h"
@@ -242,7 +243,7 @@ std::shared_ptr<CommunicationResult> RS485AccessRequest::CollectAnswers() {
       }
     }
   }
-  return std::make_shared<CommunicationResult>(record.release());
+  return CommunicationResult::Wrap(std::move(record));
 }
 
 void RS485AccessRequest::CollectAnswer(const receive_data& answer, const SendData& entry,

@@ -2,6 +2,8 @@
 
 #include <Poco/Exception.h>
 
+#include <utility>
+
 #include "log/log_text.h"
 #include "utility/constant_string.h"
 #include "worker_thread/thread_group.h"
@@ -46,7 +48,7 @@ std::shared_ptr<CommunicationResult> TCPIPAccessRequest::Perform() {
     }
     slot.status = static_cast<byte>(unit->Status());
   }
-  return std::make_shared<CommunicationResult>(record.release());
+  return CommunicationResult::Wrap(std::move(record));
 }
 
 void TCPIPAccessRequest::RunUnits(const UnitList& access_unit_list) {

@@ -64,8 +64,8 @@ class TcpipAccessRequestTest : public test::LogFixture {
     Poco::AutoPtr<Request>(new TCPIPAccessRequest(&header_, &payload_, &promise))->Execute();
     response_ = *promise.get_future().get()->ReceiveData();
     duration_ms_ = watch.Ms();
-    EXPECT_EQ(kRequestDataTypeTCPIP, response_.header.type);
-    EXPECT_EQ(0, response_.receive_data.status);
+    EXPECT_EQ(kRequestDataTypeTCPIP, int{response_.header.type});
+    EXPECT_EQ(0, int{response_.receive_data.status});
   }
   const DeviceReceiveData& Slot(int device) const {
     return response_.receive_data.receive_data[device - 1];
