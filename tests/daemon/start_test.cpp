@@ -100,6 +100,7 @@ TEST(Start, WithoutStandardStreams) {
 
 TEST(Start, ProgramsThatItStartsInheritNothing) {
   const DaemonProcess daemon;
+  const RawClient silent(daemon.SocketPath());
   const Devices devices(3);
   ExpectAnswered(Exchange(daemon, devices.Request(1)), 3);
   for (const auto& entry : fs::directory_iterator(daemon.ProcPath("fd"))) {
@@ -116,10 +117,12 @@ TEST(Start, ATouchThatHangsHasFreshSignalsAndHoldsUpNothing) {
   if (!HasNamespaces()) {
     GTEST_SKIP() << "this machine gives unprivileged users no mount namespace of their own";
   }
+  // No shell, which would clear the mask that it inherits.
   DaemonProcess daemon(
       {}, {true,
-           "printf \"#!/bin/sh\\ncat /proc/self/status > $F/touched\\nsleep 100\\n\" > $F/touch && "
-           "chmod +x $F/touch && mount --bind $F/touch /usr/bin/touch",
+           "printf \"#!/usr/bin/perl\\nopen(S, '/proc/self/status'); open(T, '>$F/touched'); "
+           "print T <S>; close T; sleep 100\" > $F/touch && chmod +x $F/touch && "
+           "mount --bind $F/touch /usr/bin/touch",
            true});
   const auto touch = [&] { return ReadFile(daemon.Folder().Path("touched")); };
   ASSERT_TRUE(WaitFor(10000, [&] { return Contains(touch(), "SigCgt"); }));

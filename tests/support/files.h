@@ -83,7 +83,8 @@ inline std::string LogPathIn(const TempFolder& folder) {
 inline std::string SettingsXml(const Settings& settings) {
   std::string xml = "<LoggerSetting>\n";
   for (const auto& [key, value] : settings) {
-    xml.append("<" + key + ">" + value + "</" + key + ">\n");
+    xml.append("<").append(key).append(">").append(value);
+    xml.append("</").append(key).append(">\n");
   }
   return xml + "</LoggerSetting>\n";
 }
