@@ -237,6 +237,14 @@ LineEvent BusChannel::TakeInput(AnswerReader& reader, bool& is_whole) {
   return input.event;
 }
 
+/// Hands all that is there to the reader. True when the answer is whole with it.
+bool BusChannel::TakeAllInput(AnswerReader& reader) {
+  bool is_whole = false;
+  while (!is_whole && !reader.IsTooLong() && TakeInput(reader, is_whole) == LineEvent::kReady) {
+  }
+  return is_whole;
+}
+
 /// Receives the device's answer; returns its receive status. What has come by the time-out counts
 /// however late this process looks, and what is open then may still end in the silence behind it.
 unsigned char BusChannel::Receive(Device& device, Duration timeout) {
@@ -249,14 +257,9 @@ unsigned char BusChannel::Receive(Device& device, Duration timeout) {
     const Clock::time_point now = Clock::now();
     if (!is_timed_out && now >= until) {
       is_timed_out = true;
-      LineEvent waiting = LineEvent::kReady;
-      while (waiting == LineEvent::kReady && !is_whole && !reader.IsTooLong()) {
-        waiting = TakeInput(reader, is_whole);
-      }
+      is_whole = TakeAllInput(reader);
       until = Clock::now() + silence;
-      if (is_whole) {
-        break;
-      }
+      continue;
     }
     const bool waits_for_silence = reader.IsOpen() && (is_timed_out || device.delimiter == 0);
     const Clock::time_point silent = waits_for_silence ? last_activity_ + silence

@@ -55,6 +55,7 @@ class BusChannel {
   unsigned char Receive(Device& device, Duration timeout);
   Duration AnswerSilence(const Device& device) const;
   LineEvent TakeInput(AnswerReader& reader, bool& is_whole);
+  bool TakeAllInput(AnswerReader& reader);
   static unsigned char NoAnswer(Device& device, const AnswerReader& reader);
 
   const int channel_;
