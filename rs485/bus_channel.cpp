@@ -254,6 +254,9 @@ unsigned char BusChannel::Receive(Device& device, Duration timeout) {
   bool is_timed_out = false;
   bool is_whole = false;
   while (!is_whole) {
+    if (reader.IsTooLong()) {
+      return VLM_RS485_TOO_LONG;
+    }
     const Clock::time_point now = Clock::now();
     if (!is_timed_out && now >= until) {
       is_timed_out = true;
@@ -276,9 +279,6 @@ unsigned char BusChannel::Receive(Device& device, Duration timeout) {
     }
     if (event == LineEvent::kGone) {
       return VLM_RS485_PORT_GONE;
-    }
-    if (!is_whole && reader.IsTooLong()) {
-      return VLM_RS485_TOO_LONG;
     }
   }
   if (reader.IsDamaged()) {
