@@ -217,6 +217,10 @@ int LoggerSettingManager::GetRs485StartWait() {
   return wait >= 0 ? wait : kDefaultMs;
 }
 
+std::string LoggerSettingManager::GetHealthFilePath() {
+  return Find(kSettingTagHealthFilePath);
+}
+
 void LoggerSettingManager::TestLoggerSetting() {
   const auto log_value = [](const char* label, const auto& value) {
     LoggerLog::Debug(kLogTag, LogText("[", label, "] = [", value, "]"));

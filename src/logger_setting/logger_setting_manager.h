@@ -35,6 +35,7 @@ inline const std::string& kSettingTagApiRetryInterval = ConstantString("ApiRetry
 inline const std::string& kSettingTagTcpDrainTimeout = ConstantString("TcpDrainTimeout");
 inline const std::string& kSettingTagTcpReuseCheck = ConstantString("TcpReuseCheck");
 inline const std::string& kSettingTagRs485StartWait = ConstantString("Rs485StartWait");
+inline const std::string& kSettingTagHealthFilePath = ConstantString("HealthFilePath");
 
 constexpr int kLoggerLogLogLevelDefault = 1;
 constexpr int kTamselComStartComFailedCloseCountInit = 100;
@@ -96,6 +97,8 @@ class LoggerSettingManager : public Singleton<LoggerSettingManager> {
   /// Milliseconds before an RS485 request touches its port; fallback 200, also for a negative
   /// value.
   int GetRs485StartWait();
+  /// File that the health of the devices is kept in; empty when not set: none is kept.
+  std::string GetHealthFilePath();
 
   /// Logs the values of the getters at Debug.
   void TestLoggerSetting();

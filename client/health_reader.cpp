@@ -1,0 +1,184 @@
+#include "health_reader.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+#include <system_error>
+
+namespace tmsc {
+namespace {
+
+struct CauseWords {
+  int cause;
+  const char* name;
+  const char* text;
+  const char* detail;  // where last_detail stands in it: %; null: it says nothing
+};
+
+constexpr CauseWords kCauses[] = {
+    {TAMSEL_CAUSE_NONE, "none", "never asked", nullptr},
+    {TAMSEL_CAUSE_ANSWERED, "answered", "answered", nullptr},
+    {TAMSEL_CAUSE_SENT, "sent", "sent", nullptr},
+    {TAMSEL_CAUSE_NO_ANSWER, "no_answer", "no answer in time", nullptr},
+    {TAMSEL_CAUSE_CONNECT_REFUSED, "connect_refused", "connect refused", nullptr},
+    {TAMSEL_CAUSE_CONNECT_TIMED_OUT, "connect_timed_out", "connect timed out", nullptr},
+    {TAMSEL_CAUSE_UNREACHABLE, "unreachable", "unreachable", nullptr},
+    {TAMSEL_CAUSE_NO_DESCRIPTOR, "no_descriptor", "daemon has no descriptor left", nullptr},
+    {TAMSEL_CAUSE_CONNECT_FAILED, "connect_failed", "connect failed", " (error %)"},
+    {TAMSEL_CAUSE_CONNECTION_IN_USE, "connection_in_use", "connection in use by another exchange",
+     nullptr},
+    {TAMSEL_CAUSE_NOT_TAKEN, "not_taken", "request not taken by the device", nullptr},
+    {TAMSEL_CAUSE_RESET, "reset", "connection reset by the device", nullptr},
+    {TAMSEL_CAUSE_CLOSED, "closed", "connection closed by the device", nullptr},
+    {TAMSEL_CAUSE_CUT_SHORT, "cut_short", "frame cut short", " after % bytes"},
+    {TAMSEL_CAUSE_TOO_LONG, "too_long", "frame too long", " (% bytes)"},
+    {TAMSEL_CAUSE_NOT_ITS_ANSWER, "not_its_answer", "answer of somebody else", nullptr},
+    {TAMSEL_CAUSE_LINE_ERROR, "line_error", "line error", nullptr},
+    {TAMSEL_CAUSE_PORT_GONE, "port_gone", "serial port gone", nullptr},
+    {TAMSEL_CAUSE_PORT_NOT_OPENED, "port_not_opened", "serial port cannot be opened", nullptr},
+    {TAMSEL_CAUSE_NOT_STARTED, "not_started", "serial library refused the cycle",
+     " (request status %)"},
+    {TAMSEL_CAUSE_OTHER_STATUS, "other_status", "status of the board's serial library", " %"},
+    {TAMSEL_CAUSE_BAD_FRAME_LENGTH, "bad_frame_length", "entry refused: frame length", " %"},
+    {TAMSEL_CAUSE_BAD_IP_ADDRESS, "bad_ip_address", "entry refused: IP address", nullptr},
+    {TAMSEL_CAUSE_BAD_PORT, "bad_port", "entry refused: TCP port", " %"},
+    {TAMSEL_CAUSE_DAEMON_FAILURE, "daemon_failure", "failure within the daemon", nullptr},
+};
+static_assert(std::size(kCauses) == TAMSEL_CAUSES_KNOWN);
+
+const CauseWords* FindWords(int cause) {
+  return cause >= 0 && cause < TAMSEL_CAUSES_KNOWN ? &kCauses[cause] : nullptr;
+}
+
+enum class RecordState { kWhole, kEmpty, kDamaged };
+
+template <typename Record>
+bool IsEmpty(const Record& record) {
+  static const Record kEmptyRecord{};
+  return std::memcmp(&record, &kEmptyRecord, sizeof(record)) == 0;
+}
+
+/// Reads a record until it is whole; one that stays otherwise is damaged.
+template <typename Record>
+RecordState ReadRecord(int file, std::size_t offset, Record& record) {
+  constexpr int kAttempts = 100;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    const ssize_t count = ::pread(file, &record, sizeof(record), static_cast<off_t>(offset));
+    if (count >= 0 && count < static_cast<ssize_t>(sizeof(record))) {
+      std::memset(reinterpret_cast<char*>(&record) + count, 0,
+                  sizeof(record) - static_cast<std::size_t>(count));
+    }
+    if (IsEmpty(record)) {
+      return RecordState::kEmpty;
+    }
+    if (tamsel_health_is_whole(&record, sizeof(record)) != 0) {
+      return RecordState::kWhole;
+    }
+  }
+  record = {};
+  return RecordState::kDamaged;
+}
+
+template <typename Record>
+void ReadRecords(int file, std::size_t offset, int count, std::vector<Record>& records,
+                 int& damaged) {
+  for (int index = 0; index < count; ++index) {
+    Record record{};
+    const auto position = offset + static_cast<std::size_t>(index) * sizeof(record);
+    switch (ReadRecord(file, position, record)) {
+      case RecordState::kWhole:
+        records.push_back(record);
+        break;
+      case RecordState::kDamaged:
+        ++damaged;
+        break;
+      case RecordState::kEmpty:
+        break;
+    }
+  }
+}
+
+std::string SystemError(int error) {
+  return std::generic_category().message(error);
+}
+
+/// What keeps the open file from being read as a health file; empty: nothing.
+std::string FindObstacle(int file) {
+  struct stat status {};
+  if (::fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
+    return "is no regular file";
+  }
+  tamsel_health_header header{};
+  if (::pread(file, &header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header)) ||
+      std::memcmp(header.magic, TAMSEL_HEALTH_MAGIC, sizeof(header.magic)) != 0) {
+    return "is no health file";
+  }
+  if (header.byte_order != 0x01020304) {
+    return "comes from a machine with another byte order";
+  }
+  if (header.version != TAMSEL_HEALTH_VERSION || header.file_size != sizeof(tamsel_health_file)) {
+    return "has layout version " + std::to_string(header.version) + ", this program knows " +
+           std::to_string(TAMSEL_HEALTH_VERSION);
+  }
+  return {};
+}
+
+/// Closes the file in the end.
+struct File {
+  int descriptor;
+  ~File() {
+    if (descriptor >= 0) {
+      ::close(descriptor);
+    }
+  }
+};
+
+}  // namespace
+
+HealthReading ReadHealth(const std::string& path) {
+  const File file{::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
+  if (file.descriptor < 0) {
+    return {std::nullopt, path + " cannot be read: " + SystemError(errno)};
+  }
+  if (const std::string obstacle = FindObstacle(file.descriptor); !obstacle.empty()) {
+    return {std::nullopt, path + " " + obstacle};
+  }
+  HealthSnapshot snapshot;
+  if (ReadRecord(file.descriptor, offsetof(tamsel_health_file, process), snapshot.process) ==
+      RecordState::kDamaged) {
+    ++snapshot.damaged_records;
+  }
+  ReadRecords(file.descriptor, offsetof(tamsel_health_file, channels), TAMSEL_HEALTH_CHANNELS,
+              snapshot.channels, snapshot.damaged_records);
+  ReadRecords(file.descriptor, offsetof(tamsel_health_file, devices), TAMSEL_HEALTH_DEVICES,
+              snapshot.devices, snapshot.damaged_records);
+  return {std::move(snapshot), {}};
+}
+
+std::string HealthCauseText(int cause) {
+  const CauseWords* words = FindWords(cause);
+  return words != nullptr ? words->text : "cause " + std::to_string(cause);
+}
+
+std::string HealthCauseName(int cause) {
+  const CauseWords* words = FindWords(cause);
+  return words != nullptr ? words->name : "cause_" + std::to_string(cause);
+}
+
+std::string HealthCauseText(int cause, int detail) {
+  const CauseWords* words = FindWords(cause);
+  std::string text = HealthCauseText(cause);
+  if (words != nullptr && words->detail != nullptr && detail != 0) {
+    std::string addition = words->detail;
+    addition.replace(addition.find('%'), 1, std::to_string(detail));
+    text += addition;
+  }
+  return text;
+}
+
+}  // namespace tmsc
