@@ -2,6 +2,7 @@
 #include <csignal>
 #include <iostream>
 
+#include "health/health_command.h"
 #include "request/request_command.h"
 #include "shared/command_line.h"
 #include "shared/exit_code.h"
@@ -11,6 +12,7 @@ namespace tmsc::ctl {
 namespace {
 
 constexpr void (*kAddCommands[])(CLI::App& app, int& exit_code) = {
+    AddHealthCommand,
     AddRequestCommand,
 };
 

@@ -18,9 +18,10 @@ constexpr int kExitInterrupted = 128;
 constexpr const char* kExitCodeHelp =
     "Exit status:\n"
     "  0    every device answered, or the broadcast was sent\n"
-    "  1    standard output could not be written\n"
+    "  1    the output could not be written\n"
     "  2    wrong usage; nothing was sent\n"
-    "  3    the daemon cannot be reached, or did not answer in time\n"
+    "  3    the daemon cannot be reached, did not answer in time, or there is no health\n"
+    "       file to be read\n"
     "  4    the channel is busy\n"
     "  5    a device failed, gave no answer, answered with a Modbus exception, or its\n"
     "       answer does not fit the frame; the answers are printed all the same\n"
