@@ -1,6 +1,7 @@
 #include "health/health_text.h"
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <ostream>
 #include <tuple>
@@ -180,24 +181,6 @@ void PrintSilent(std::ostream& output, const SilentGroups& groups) {
            << " " << TransportText(transport) << ": " << RangesText(addresses) << " ("
            << HealthCauseText(cause) << "; up to " << group.most_exchanges << " exchanges each)\n";
   }
-}
-
-std::string SummaryText(const HealthView& view) {
-  const auto failing = std::count_if(view.devices.begin(), view.devices.end(),
-                                     [](const auto& device) { return device.IsFailing(); });
-  const auto count = static_cast<std::ptrdiff_t>(view.devices.size());
-  if (count == 0) {
-    return view.selection.is_failing_only ? "No device fails."
-           : view.selection.channel || !view.selection.addresses.empty()
-               ? "No device of this selection has been asked yet."
-               : "No device has been asked yet.";
-  }
-  const std::string devices = count == 1 ? " device" : " devices";
-  if (failing == 0) {
-    return std::to_string(count) + devices + (count == 1 ? " answers." : ", all answer.");
-  }
-  return std::to_string(count) + devices + ", " + std::to_string(failing) +
-         (failing == 1 ? " does not answer." : " do not answer.");
 }
 
 }  // namespace

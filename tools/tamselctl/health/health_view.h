@@ -81,6 +81,8 @@ HealthView MakeHealthView(const std::string& path, const HealthSnapshot& snapsho
                           const HealthSelection& selection, const DeviceNamer& namer,
                           std::int64_t now_ms);
 
+/// How many of the devices answer, in a sentence.
+std::string SummaryText(const HealthView& view);
 /// "RS485", "TCP/IP".
 std::string TransportText(int transport);
 /// The same as one word for programs, "rs485", "tcpip".
