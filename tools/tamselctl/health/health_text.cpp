@@ -70,7 +70,7 @@ void PrintDaemon(std::ostream& output, const HealthView& view) {
          << coloured(DaemonText(view), ToneOf(view.daemon_state));
   if (view.daemon_state != DaemonState::kUnknown) {
     const std::uint32_t restarts = process.starts == 0 ? 0 : process.starts - 1;
-    output << ", " << restarts << (restarts == 1 ? " restart, " : " restarts, ")
+    output << "\n        " << restarts << (restarts == 1 ? " restart, " : " restarts, ")
            << coloured("power " + PowerText(process),
                        process.power == TAMSEL_POWER_ON ? Tone::kPlain : Tone::kBad)
            << ", "

@@ -66,7 +66,7 @@ std::string InPlace(const std::string& picture) {
   std::istringstream lines(picture);
   int row = 1;
   for (std::string line; std::getline(lines, line) && (!has_size || row < size.ws_row); ++row) {
-    result += line + kClearLine + "\r\n";
+    result += line + kClearLine + "\n";
   }
   return result + kClearRest + kWrap;
 }
