@@ -66,8 +66,11 @@ TEST(TamselctlHealth, EveryFormSaysWhoFailsSinceWhenAndWhy) {
   ExpectHealth(file, "health", 5, {"stopped 20", "1 d 2 h ago"});
   process.stopped_ms = 0;
   ExpectHealth(file, "health", 5, {"has not written since 20", "a process 1\n"});
-  ExpectHealth(file, "health --watch 100ms & sleep 0.35; kill $!; wait $!", 5,
-               {"daemon", "daemon", "daemon"});
+  ExpectHealth(
+      file,
+      "health --watch 100ms >out & until [ $(grep -c daemon out) = 3 ]; do sleep 0.02; done; "
+      "kill $!; wait $!",
+      5, {});
   ExpectHealth(file, "none", 3, {"none cannot be read: No such file"});
   ExpectHealth(file, "--settings health", 3, {"the settings name no HealthFilePath"});
   ExpectHealth(file, "health --output .", 1, {". cannot be written: it is no regular file"});
