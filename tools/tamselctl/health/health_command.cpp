@@ -172,7 +172,7 @@ void AddHealthCommand(CLI::App& app, int& exit_code) {
       ->type_name("");
   AddSelection(command, *options);
   AddForms(command, *options);
-  AddSettingsOption(command, options->daemon);
+  AddSettingsOption(command, options->daemon.settings_path);
   command.callback([options, &exit_code] { exit_code = RunHealth(*options); });
 }
 
