@@ -46,7 +46,8 @@ TEST(TamselctlHealth, EveryFormSaysWhoFailsSinceWhenAndWhy) {
                 "5  answered", "earlier: no answer in time (3)", "12    12    12", "20 %  33 %",
                 "192.0.2.7:502", "never answered on channel 2 RS485: 4, 5, 7 (serial port cannot"});
   ExpectHealth(file, "health --device 1-5 --channel 1", 0, {"1 device answers."});
-  ExpectHealth(file, "health --failing", 5, {"17  fails", "4  never answered in 5 exchanges"});
+  ExpectHealth(file, "health --failing", 5,
+               {"4 devices, 4 do not", "17  fails", "4  never answered in 5 exchanges"});
   ExpectHealth(
       file, "health --json", 5,
       {R"("ok":false,"cause":"cut_short","cause_code":13,"detail":7)",
