@@ -18,7 +18,8 @@ int main(int argc, char** argv) {
         std::string("192.168.100.100").copy(device.ip_address, 15);
         device.port = transport == 1 ? 4 : 50200;
         device.response_count += is_good && transport == 2 ? 1 : 0;
-        device.response_total_us += (device.response_most_us = 4000U * unsigned(address));
+        device.response_most_us = 4000U * unsigned(address);
+        device.response_total_us = device.response_count * device.response_most_us / 2;
         device.response_last_us = device.response_least_us = 900U * unsigned(address);
       }
     }

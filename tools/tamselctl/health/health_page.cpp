@@ -54,8 +54,9 @@ void PrintHeader(std::ostream& output, const HealthView& view) {
   const tamsel_health_process& process = view.process;
   output << "<header>\n<h1>" << Html(SummaryText(view)) << "</h1>\n";
   const bool is_running = view.daemon_state == DaemonState::kRunning;
-  output << "<p>Daemon " << Html(view.version) << ": <span class=\""
-         << (is_running ? "good" : "bad") << "\">" << Html(DaemonText(view)) << "</span></p>\n";
+  output << "<p>Daemon" << (view.version.empty() ? "" : " ") << Html(view.version)
+         << ": <span class=\"" << (is_running ? "good" : "bad") << "\">" << Html(DaemonText(view))
+         << "</span></p>\n";
   if (view.daemon_state != DaemonState::kUnknown) {
     output << "<p class=\"faint\">"
            << Html(std::to_string(std::max(process.starts, 1U) - 1) + " restarts, power " +

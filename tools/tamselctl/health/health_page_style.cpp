@@ -30,7 +30,7 @@ footer { color: var(--faint); padding-bottom: 2rem; font-size: .85rem; }
 .good { color: var(--good); }
 .warn { color: var(--warn); }
 .bad { color: var(--bad); font-weight: 600; }
-.row { display: grid; grid-template-columns: 15rem minmax(0, 1fr) 4.5rem; gap: 0 .7rem;
+.row { display: grid; grid-template-columns: 18rem minmax(0, 1fr) 4.5rem; gap: 0 .7rem;
   align-items: center; padding: .12rem 0; break-inside: avoid; }
 .row .value { text-align: right; font-variant-numeric: tabular-nums; white-space: nowrap; }
 .row small { color: var(--faint); }
@@ -61,7 +61,7 @@ ul.rows { list-style: none; margin: 0; padding: 0; }
   min-width: 2px; border-radius: .2rem; }
 .bar b { position: absolute; top: 0; bottom: 0; width: 3px; margin-left: -1px;
   background: var(--accent); }
-.times .row { grid-template-columns: 15rem minmax(0, 1fr) 11rem; }
+.times .row { grid-template-columns: 18rem minmax(0, 1fr) 11rem; }
 table { border-collapse: collapse; width: 100%; font-size: .9rem; }
 caption { text-align: left; color: var(--faint); padding-bottom: .4rem; }
 th, td { text-align: left; padding: .3rem .5rem; border-bottom: 1px solid var(--line);
@@ -79,7 +79,7 @@ td.number { white-space: nowrap; }
   td::before { content: attr(data-label); color: var(--faint); }
   td:empty { display: none; }
 }
-@media (max-width: 44rem) {
+@media screen and (max-width: 56rem) {
   header, main, footer { padding-left: .6rem; padding-right: .6rem; }
   section { padding: .7rem .6rem; }
   .row, .rows .row, .times .row { grid-template-columns: minmax(0, 1fr) auto; padding: .3rem 0; }
@@ -98,7 +98,8 @@ td.number { white-space: nowrap; }
   tr { break-inside: avoid; }
   table { font-size: 7.5pt; }
   th, td { padding: .15rem .25rem; }
-  .row, .times .row { grid-template-columns: 11rem minmax(0, 1fr) auto; }
+  .row { grid-template-columns: 15rem minmax(0, 1fr) 4rem; }
+  .times .row { grid-template-columns: 15rem minmax(0, 1fr) 11rem; }
   .hours i, .hours i:nth-child(6n) { color: #000; border: 1px solid #bbb;
     border-width: 1px 0 1px 1px; font-size: 7pt; }
   .hours .x { font-weight: 900; }
