@@ -24,7 +24,7 @@ constexpr CauseWords kCauses[] = {
     {TAMSEL_CAUSE_NONE, "none", "never asked", nullptr},
     {TAMSEL_CAUSE_ANSWERED, "answered", "answered", nullptr},
     {TAMSEL_CAUSE_SENT, "sent", "sent", nullptr},
-    {TAMSEL_CAUSE_NO_ANSWER, "no_answer", "no answer in time", nullptr},
+    {TAMSEL_CAUSE_NO_ANSWER, "no_answer", "no answer in time", " (status %)"},
     {TAMSEL_CAUSE_CONNECT_REFUSED, "connect_refused", "connect refused", nullptr},
     {TAMSEL_CAUSE_CONNECT_TIMED_OUT, "connect_timed_out", "connect timed out", nullptr},
     {TAMSEL_CAUSE_UNREACHABLE, "unreachable", "unreachable", nullptr},
@@ -37,13 +37,13 @@ constexpr CauseWords kCauses[] = {
     {TAMSEL_CAUSE_CLOSED, "closed", "connection closed by the device", nullptr},
     {TAMSEL_CAUSE_CUT_SHORT, "cut_short", "frame cut short", " after % bytes"},
     {TAMSEL_CAUSE_TOO_LONG, "too_long", "frame too long", " (% bytes)"},
-    {TAMSEL_CAUSE_NOT_ITS_ANSWER, "not_its_answer", "answer of somebody else", nullptr},
-    {TAMSEL_CAUSE_LINE_ERROR, "line_error", "line error", nullptr},
-    {TAMSEL_CAUSE_PORT_GONE, "port_gone", "serial port gone", nullptr},
+    {TAMSEL_CAUSE_NOT_ITS_ANSWER, "not_its_answer", "answer of somebody else", " (status %)"},
+    {TAMSEL_CAUSE_LINE_ERROR, "line_error", "line error", " (status %)"},
+    {TAMSEL_CAUSE_PORT_GONE, "port_gone", "serial port gone", " (status %)"},
     {TAMSEL_CAUSE_PORT_NOT_OPENED, "port_not_opened", "serial port cannot be opened", nullptr},
-    {TAMSEL_CAUSE_NOT_STARTED, "not_started", "serial library refused the cycle",
+    {TAMSEL_CAUSE_NOT_STARTED, "not_started", "serial library did not run the cycle",
      " (request status %)"},
-    {TAMSEL_CAUSE_OTHER_STATUS, "other_status", "status of the board's serial library", " %"},
+    {TAMSEL_CAUSE_OTHER_STATUS, "other_status", "status of the serial library", " %"},
     {TAMSEL_CAUSE_BAD_FRAME_LENGTH, "bad_frame_length", "entry refused: frame length", " %"},
     {TAMSEL_CAUSE_BAD_IP_ADDRESS, "bad_ip_address", "entry refused: IP address", nullptr},
     {TAMSEL_CAUSE_BAD_PORT, "bad_port", "entry refused: TCP port", " %"},
@@ -63,45 +63,52 @@ bool IsEmpty(const Record& record) {
   return std::memcmp(&record, &kEmptyRecord, sizeof(record)) == 0;
 }
 
-/// Reads a record until it is whole; one that stays otherwise is damaged.
-template <typename Record>
-RecordState ReadRecord(int file, std::size_t offset, Record& record) {
-  constexpr int kAttempts = 100;
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    const ssize_t count = ::pread(file, &record, sizeof(record), static_cast<off_t>(offset));
-    if (count >= 0 && count < static_cast<ssize_t>(sizeof(record))) {
-      std::memset(reinterpret_cast<char*>(&record) + count, 0,
-                  sizeof(record) - static_cast<std::size_t>(count));
-    }
-    if (IsEmpty(record)) {
-      return RecordState::kEmpty;
-    }
-    if (tamsel_health_is_whole(&record, sizeof(record)) != 0) {
-      return RecordState::kWhole;
-    }
-  }
-  record = {};
-  return RecordState::kDamaged;
-}
+/// Reads records of an open file. One that stays neither whole nor empty is damaged; one that is
+/// just being written is waited for, by all calls together 200 ms at most.
+class RecordReader {
+ public:
+  explicit RecordReader(int file) : file_(file) {}
 
-template <typename Record>
-void ReadRecords(int file, std::size_t offset, int count, std::vector<Record>& records,
-                 int& damaged) {
-  for (int index = 0; index < count; ++index) {
-    Record record{};
-    const auto position = offset + static_cast<std::size_t>(index) * sizeof(record);
-    switch (ReadRecord(file, position, record)) {
-      case RecordState::kWhole:
+  template <typename Record>
+  RecordState Read(std::size_t offset, Record& record) {
+    constexpr int kAttemptsAtOnce = 10;
+    for (int attempt = 1; attempt <= kAttemptsAtOnce || pauses_left_ > 0; ++attempt) {
+      if (attempt > kAttemptsAtOnce) {
+        ::usleep(1000);  // the writer may wait for this processor
+        --pauses_left_;
+      }
+      const ssize_t count = ::pread(file_, &record, sizeof(record), static_cast<off_t>(offset));
+      const std::size_t taken = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+      std::memset(reinterpret_cast<char*>(&record) + taken, 0, sizeof(record) - taken);
+      if (IsEmpty(record)) {
+        return RecordState::kEmpty;
+      }
+      if (tamsel_health_is_whole(&record, sizeof(record)) != 0) {
+        return RecordState::kWhole;
+      }
+    }
+    record = {};
+    return RecordState::kDamaged;
+  }
+
+  /// Appends those of `count` records from `offset` on that are whole.
+  template <typename Record>
+  void ReadAll(std::size_t offset, int count, std::vector<Record>& records, int& damaged) {
+    for (int index = 0; index < count; ++index) {
+      Record record{};
+      const RecordState state =
+          Read(offset + static_cast<std::size_t>(index) * sizeof(record), record);
+      damaged += state == RecordState::kDamaged ? 1 : 0;
+      if (state == RecordState::kWhole) {
         records.push_back(record);
-        break;
-      case RecordState::kDamaged:
-        ++damaged;
-        break;
-      case RecordState::kEmpty:
-        break;
+      }
     }
   }
-}
+
+ private:
+  const int file_;
+  int pauses_left_ = 200;
+};
 
 std::string SystemError(int error) {
   return std::generic_category().message(error);
@@ -149,14 +156,16 @@ HealthReading ReadHealth(const std::string& path) {
     return {std::nullopt, path + " " + obstacle};
   }
   HealthSnapshot snapshot;
-  if (ReadRecord(file.descriptor, offsetof(tamsel_health_file, process), snapshot.process) ==
+  RecordReader reader(file.descriptor);
+  int& damaged = snapshot.damaged_records;
+  if (reader.Read(offsetof(tamsel_health_file, process), snapshot.process) ==
       RecordState::kDamaged) {
-    ++snapshot.damaged_records;
+    ++damaged;
   }
-  ReadRecords(file.descriptor, offsetof(tamsel_health_file, channels), TAMSEL_HEALTH_CHANNELS,
-              snapshot.channels, snapshot.damaged_records);
-  ReadRecords(file.descriptor, offsetof(tamsel_health_file, devices), TAMSEL_HEALTH_DEVICES,
-              snapshot.devices, snapshot.damaged_records);
+  reader.ReadAll(offsetof(tamsel_health_file, channels), TAMSEL_HEALTH_CHANNELS, snapshot.channels,
+                 damaged);
+  reader.ReadAll(offsetof(tamsel_health_file, devices), TAMSEL_HEALTH_DEVICES, snapshot.devices,
+                 damaged);
   return {std::move(snapshot), {}};
 }
 
@@ -174,7 +183,9 @@ std::string HealthCauseText(int cause, int detail) {
   const CauseWords* words = FindWords(cause);
   std::string text = HealthCauseText(cause);
   if (words != nullptr && words->detail != nullptr && detail != 0) {
-    std::string addition = words->detail;
+    // A length below that of any answer is the status that the serial library gave.
+    std::string addition =
+        cause == TAMSEL_CAUSE_TOO_LONG && detail <= UINT8_MAX ? " (status %)" : words->detail;
     addition.replace(addition.find('%'), 1, std::to_string(detail));
     text += addition;
   }
