@@ -152,7 +152,8 @@ TEST(TamselClient, ReadsTheHealthOfOneDevice) {
   EXPECT_EQ(read("whole", 7), TAMSEL_OK);
   EXPECT_EQ(read("whole", 8), TAMSEL_HEALTH_DAMAGED);
   EXPECT_EQ(read("whole", 9), TAMSEL_HEALTH_NEVER);
-  test::WriteFile(folder.Path("other"), TAMSEL_HEALTH_MAGIC + std::string(100, '\0'));
+  ++file->header.version;
+  test::WriteFile(folder.Path("other"), {reinterpret_cast<const char*>(file.get()), sizeof(*file)});
   EXPECT_EQ(read("other", 7), TAMSEL_HEALTH_OTHER_LAYOUT);
 }
 
