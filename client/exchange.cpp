@@ -173,7 +173,9 @@ int tamsel_exchange(const char* socket_path, const void* request, size_t size, i
   const tmsc::ExchangeEnd end =
       tmsc::ExchangeRecords(socket_path != nullptr ? socket_path : TAMSEL_DEFAULT_SOCKET_PATH,
                             request, size, deadline_ms, busy_ms, *response);
-  errno = end.error;
+  if (end.result != TAMSEL_OK) {
+    errno = end.error;
+  }
   return end.result;
 }
 

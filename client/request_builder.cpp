@@ -64,7 +64,7 @@ std::string Range(int least, int most) {
   return " is not " + std::to_string(least) + " to " + std::to_string(most);
 }
 
-/// What is wrong with the device, of which all transports have these two.
+/// What is wrong with the device, as far as it does not depend on the transport.
 BuildError ErrorOf(int result, int address, std::size_t frame_length) {
   switch (result) {
     case TAMSEL_OK:
