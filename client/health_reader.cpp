@@ -10,6 +10,8 @@
 #include <iterator>
 #include <system_error>
 
+#include "utility/descriptor.h"
+
 namespace tmsc {
 namespace {
 
@@ -54,6 +56,8 @@ static_assert(std::size(kCauses) == TAMSEL_CAUSES_KNOWN);
 const CauseWords* FindWords(int cause) {
   return cause >= 0 && cause < TAMSEL_CAUSES_KNOWN ? &kCauses[cause] : nullptr;
 }
+
+constexpr std::uint32_t kByteOrder = 0x01020304;
 
 enum class RecordState { kWhole, kEmpty, kDamaged };
 
@@ -114,49 +118,60 @@ std::string SystemError(int error) {
   return std::generic_category().message(error);
 }
 
+bool IsRegular(int file) {
+  struct stat status {};
+  return ::fstat(file, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+int CheckHeader(int file, tamsel_health_header& header) {
+  if (!IsRegular(file) ||
+      ::pread(file, &header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header)) ||
+      std::memcmp(header.magic, TAMSEL_HEALTH_MAGIC, sizeof(header.magic)) != 0) {
+    return TAMSEL_HEALTH_OTHER_FILE;
+  }
+  return header.byte_order == kByteOrder && header.version == TAMSEL_HEALTH_VERSION &&
+                 header.file_size == sizeof(tamsel_health_file)
+             ? TAMSEL_OK
+             : TAMSEL_HEALTH_OTHER_LAYOUT;
+}
+
 /// What keeps the open file from being read as a health file; empty: nothing.
 std::string FindObstacle(int file) {
-  struct stat status {};
-  if (::fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
+  if (!IsRegular(file)) {
     return "is no regular file";
   }
   tamsel_health_header header{};
-  if (::pread(file, &header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header)) ||
-      std::memcmp(header.magic, TAMSEL_HEALTH_MAGIC, sizeof(header.magic)) != 0) {
-    return "is no health file";
+  switch (CheckHeader(file, header)) {
+    case TAMSEL_OK:
+      return {};
+    case TAMSEL_HEALTH_OTHER_FILE:
+      return "is no health file";
+    default:
+      break;
   }
-  if (header.byte_order != 0x01020304) {
+  if (header.byte_order != kByteOrder) {
     return "comes from a machine with another byte order";
   }
-  if (header.version != TAMSEL_HEALTH_VERSION || header.file_size != sizeof(tamsel_health_file)) {
-    return "has layout version " + std::to_string(header.version) + ", this program knows " +
-           std::to_string(TAMSEL_HEALTH_VERSION);
-  }
-  return {};
+  return "has layout version " + std::to_string(header.version) + ", this program knows " +
+         std::to_string(TAMSEL_HEALTH_VERSION);
 }
 
-/// Closes the file in the end.
-struct File {
-  int descriptor;
-  ~File() {
-    if (descriptor >= 0) {
-      ::close(descriptor);
-    }
-  }
-};
+Descriptor OpenToRead(const char* path) {
+  return Descriptor(::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+}
 
 }  // namespace
 
 HealthReading ReadHealth(const std::string& path) {
-  const File file{::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
-  if (file.descriptor < 0) {
+  const Descriptor file = OpenToRead(path.c_str());
+  if (!file.IsOpen()) {
     return {std::nullopt, path + " cannot be read: " + SystemError(errno)};
   }
-  if (const std::string obstacle = FindObstacle(file.descriptor); !obstacle.empty()) {
+  if (const std::string obstacle = FindObstacle(file.Get()); !obstacle.empty()) {
     return {std::nullopt, path + " " + obstacle};
   }
   HealthSnapshot snapshot;
-  RecordReader reader(file.descriptor);
+  RecordReader reader(file.Get());
   int& damaged = snapshot.damaged_records;
   if (reader.Read(offsetof(tamsel_health_file, process), snapshot.process) ==
       RecordState::kDamaged) {
@@ -193,3 +208,36 @@ std::string HealthCauseText(int cause, int detail) {
 }
 
 }  // namespace tmsc
+
+int tamsel_health_read_device(const char* path, int channel, int transport, int address,
+                              tamsel_health_device* device) {
+  *device = {};
+  if (channel < 1 || channel > TAMSEL_HEALTH_CHANNELS || transport < 1 ||
+      transport > TAMSEL_HEALTH_TRANSPORTS || address < 1 || address > TAMSEL_HEALTH_ADDRESSES) {
+    return TAMSEL_BAD_VALUE;
+  }
+  const tmsc::Descriptor file = tmsc::OpenToRead(path);
+  if (!file.IsOpen()) {
+    return TAMSEL_HEALTH_NOT_READ;
+  }
+  tamsel_health_header header{};
+  if (const int error = tmsc::CheckHeader(file.Get(), header)) {
+    return error;
+  }
+  const std::size_t index = tamsel_health_device_index(channel, transport, address);
+  switch (tmsc::RecordReader(file.Get())
+              .Read(offsetof(tamsel_health_file, devices) + index * sizeof(*device), *device)) {
+    case tmsc::RecordState::kWhole:
+      return TAMSEL_OK;
+    case tmsc::RecordState::kEmpty:
+      return TAMSEL_HEALTH_NEVER;
+    case tmsc::RecordState::kDamaged:
+      break;
+  }
+  return TAMSEL_HEALTH_DAMAGED;
+}
+
+const char* tamsel_health_cause_text(int cause) {
+  const tmsc::CauseWords* words = tmsc::FindWords(cause);
+  return words != nullptr ? words->text : nullptr;
+}

@@ -165,9 +165,9 @@ static inline size_t tamsel_health_device_index(int channel, int transport, int 
 /* The check sum of a record of `size` bytes: FNV-1a over its 32-bit words but the first. */
 static inline uint32_t tamsel_health_checksum(const void* record, size_t size) {
   uint32_t sum = 2166136261u;
-  size_t offset;
-  for (offset = sizeof(uint32_t); offset < size; offset += sizeof(uint32_t)) {
-    uint32_t word;
+  size_t offset = sizeof(uint32_t);
+  for (; offset < size; offset += sizeof(uint32_t)) {
+    uint32_t word = 0;
     memcpy(&word, (const unsigned char*)record + offset, sizeof(word));
     sum = (sum ^ word) * 16777619u;
   }
@@ -176,7 +176,7 @@ static inline uint32_t tamsel_health_checksum(const void* record, size_t size) {
 
 /* Whether a record of `size` bytes is as the daemon wrote it. One that was never written is not. */
 static inline int tamsel_health_is_whole(const void* record, size_t size) {
-  uint32_t checksum;
+  uint32_t checksum = 0;
   memcpy(&checksum, record, sizeof(checksum));
   return checksum == tamsel_health_checksum(record, size);
 }
