@@ -207,6 +207,16 @@ int RunLog(LogOptions options) {
   }
   const InterruptNotice notice("");
   LogFiles log = OpenLog(options.places);
+  while (options.is_following && log.files.empty()) {
+    const std::vector<std::string> told = log.mistakes;
+    for (const std::string& mistake : told) {
+      std::cerr << "tamselctl: " << mistake << "; waiting for it\n";
+    }
+    while (log.files.empty() && log.mistakes == told) {
+      std::this_thread::sleep_for(kFollowInterval);
+      log = OpenLog(options.places);
+    }
+  }
   for (const std::string& mistake : log.mistakes) {
     std::cerr << "tamselctl: " << mistake << '\n';
   }

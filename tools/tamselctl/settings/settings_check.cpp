@@ -138,8 +138,7 @@ Findings CheckPath(const SettingKey& key, const std::string& path, const DaemonU
   }
   if (path != StringUtil::Trim(path)) {
     add("blanks or line ends around a path belong to it: " + Quoted(path));
-  }
-  if (path.front() != '/') {
+  } else if (path.front() != '/') {
     add(path + " is relative to the folder that the daemon is started in");
   }
   constexpr std::size_t kLongestSocketPath = sizeof(sockaddr_un::sun_path) - 1;

@@ -1,5 +1,6 @@
 #include "settings/settings_file.h"
 
+#include <Poco/SAX/Attributes.h>
 #include <Poco/SAX/DefaultHandler.h>
 #include <Poco/SAX/LexicalHandler.h>
 #include <Poco/SAX/Locator.h>
@@ -163,6 +164,8 @@ SettingsFile ReadSettingsFile(const std::string& path) {
     const auto* const place = dynamic_cast<const Poco::XML::SAXParseException*>(&failure);
     Mistake mistake{place != nullptr ? place->getLineNumber() : 0,
                     place != nullptr ? place->getColumnNumber() + 1 : 0, "", failure.message()};
+    // It says again where, counting columns from 0.
+    mistake.text.erase(std::min(mistake.text.find(" in line "), mistake.text.size()));
     try {
       file = ParseSettings(text, "UTF-8");
       mistake.text = "cannot be read in the encoding that it declares; read as UTF-8";

@@ -1,6 +1,6 @@
 #include "settings/settings_print.h"
 
-#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
@@ -98,7 +98,7 @@ void PrintOutlook(std::ostream& output, const LogOutlook& outlook, const Poll& p
   output << "\nA poll of " << poll.devices << (poll.is_rs485 ? " RS485" : " TCP/IP")
          << " devices every " << DurationText(poll.every_ms) << ", " << poll.registers
          << " registers each, with " << outlook.Copies() << " copies of "
-         << SizeText(outlook.FileSize()) << ":\n";
+         << outlook.FileSize() << " bytes:\n";
   Table table({"LogLevel", ">lines a poll", ">bytes a poll", ">a day", ">reaches back",
                ">all silent: a day", ">reaches back"});
   for (int level = 0; level < kLevels; ++level) {
@@ -138,9 +138,9 @@ Json OutlookJson(const LogOutlook& outlook, const Poll& poll) {
       const LogCost cost = CostOf(poll, level, are_silent);
       const auto reach_ms = outlook.Reach(level, are_silent);
       of_level[are_silent ? "all_silent" : "all_answer"] = {
-          {"lines_a_poll", cost.lines},
-          {"bytes_a_poll", cost.bytes},
-          {"bytes_a_day", outlook.ADay(level, are_silent)},
+          {"lines_a_poll", std::llround(cost.lines)},
+          {"bytes_a_poll", std::llround(cost.bytes)},
+          {"bytes_a_day", std::llround(outlook.ADay(level, are_silent))},
           {"reach_ms", reach_ms ? Json(*reach_ms) : Json()}};
     }
     json["levels"].push_back(std::move(of_level));
