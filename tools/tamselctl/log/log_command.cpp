@@ -123,10 +123,19 @@ class LogPrinter {
     tracker_.TakeEnded();
     if (is_in_time && IsWanted(line, owners)) {
       Print(line, owners);
+      has_printed_ = true;
     }
   }
 
-  bool HasLines() const { return has_lines_; }
+  /// Says so when there is nothing to see.
+  void TellIfEmpty() const {
+    const bool is_empty = options_.is_summary ? summary_.Lines() == 0 : !has_printed_;
+    if (is_empty) {
+      std::cerr << (has_lines_      ? "tamselctl: no line is in the time or of the kind asked for\n"
+                    : damaged_ == 0 ? "tamselctl: the log is empty\n"
+                                    : "tamselctl: none of that is a line of the log\n");
+    }
+  }
 
   void End() {
     if (options_.is_summary) {
@@ -176,6 +185,7 @@ class LogPrinter {
   std::uint32_t devices_;
   bool has_colour_;
   bool has_lines_ = false;
+  bool has_printed_ = false;
   std::uint64_t damaged_ = 0;
   ExchangeTracker tracker_;
   LogSummary summary_;
@@ -252,8 +262,8 @@ int RunLog(LogOptions options) {
     }
   }
   printer.End();
-  if (!log.files.empty() && !printer.HasLines()) {
-    std::cerr << "tamselctl: the log is empty\n";
+  if (!log.files.empty()) {
+    printer.TellIfEmpty();
   }
   return exit_code;
 }

@@ -18,7 +18,7 @@ constexpr int kExitInterrupted = 128;
 /// For the end of the help text.
 constexpr const char* kExitCodeHelp =
     "Exit status:\n"
-    "  0    every device answered, or the broadcast was sent\n"
+    "  0    done; of a request: every device answered, or the broadcast was sent\n"
     "  1    standard output could not be written, a log or settings file could not be\n"
     "       read, or the settings have a mistake\n"
     "  2    wrong usage; nothing was sent\n"
