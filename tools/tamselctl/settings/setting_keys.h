@@ -13,7 +13,8 @@ enum class SettingKind {
   kFlag,  // a number that is 0 or 1
   kSize,  // a size text; its value is bytes
   kSocket,
-  kFile,    // a file that the daemon makes
+  kFile,    // a file that the daemon makes, with its folder
+  kFileIn,  // the same in a folder that has to be there
   kFolder,  // a folder that has to be there
 };
 

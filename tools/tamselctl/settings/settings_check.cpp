@@ -119,10 +119,14 @@ std::string WhyNotUsable(const SettingKey& key, const std::string& path, const D
     }
     return user.WhyNoFolder(path + "/velmorahome/Log");
   }
+  std::string folder = FileUtil::GetDirectory(path);
+  folder = folder.empty() ? "." : folder;
   // A socket that is there is replaced.
   if (key.kind == SettingKind::kSocket && is_there && !S_ISDIR(status.st_mode)) {
-    const std::string folder = FileUtil::GetDirectory(path);
-    return user.WhyNoFolder(folder.empty() ? "." : folder);
+    return user.WhyNoFolder(folder);
+  }
+  if (key.kind == SettingKind::kFileIn && ::stat(folder.c_str(), &status) != 0) {
+    return folder + " does not exist, and the daemon does not make it";
   }
   return user.WhyNoFile(path);
 }

@@ -97,8 +97,8 @@ std::string ReachText(const std::optional<std::int64_t>& reach_ms) {
 void PrintOutlook(std::ostream& output, const LogOutlook& outlook, const Poll& poll) {
   output << "\nA poll of " << poll.devices << (poll.is_rs485 ? " RS485" : " TCP/IP")
          << " devices every " << DurationText(poll.every_ms) << ", " << poll.registers
-         << " registers each, with " << outlook.Copies() << " copies of "
-         << outlook.FileSize() << " bytes:\n";
+         << " registers each, with " << outlook.Copies() << " copies of " << outlook.FileSize()
+         << " bytes:\n";
   Table table({"LogLevel", ">lines a poll", ">bytes a poll", ">a day", ">reaches back",
                ">all silent: a day", ">reaches back"});
   for (int level = 0; level < kLevels; ++level) {
