@@ -123,8 +123,9 @@ TEST(TamselctlLog, FollowsAcrossRotationsWithoutLossOrDouble) {
   for (int second = 10; second < 50; ++second) {
     const std::string line = Lines(std::to_string(second) + " I TMSCommMgr NotifyOutage");
     all += line;
-    std::ofstream(log, std::ios::app) << line.substr(0, 30) << std::flush << line.substr(30);
+    std::ofstream(log, std::ios::app) << line.substr(0, 30);
     SleepMs(second < 30 ? 30 : 0);
+    std::ofstream(log, std::ios::app) << line.substr(30);
     if (second % 5 == 2) {
       RunShell("sh -c 'cd " + folder.Path() +
                "; for i in 9 8 7 6 5 4 3 2 1 0; do mv LoggerCom.log.$i "
