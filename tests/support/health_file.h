@@ -63,6 +63,7 @@ class HealthFile {
       {TAMSEL_HEALTH_MAGIC, TAMSEL_HEALTH_VERSION, 0x01020304, sizeof(contents), {}},
       {0, 0x7FFFFFFF, "1.2.3", Ago(3600), now_ms_, 0, 0, 3, 37, 1024, 0, 0, {}},
       {},
+      {},
       {}};
 };
 

@@ -3,7 +3,9 @@
 #include <iostream>
 
 #include "health/health_command.h"
+#include "log/log_command.h"
 #include "request/request_command.h"
+#include "settings/settings_command.h"
 #include "shared/command_line.h"
 #include "shared/exit_code.h"
 #include "shared/standard_streams.h"
@@ -13,7 +15,9 @@ namespace {
 
 constexpr void (*kAddCommands[])(CLI::App& app, int& exit_code) = {
     AddHealthCommand,
+    AddLogCommand,
     AddRequestCommand,
+    AddSettingsCommand,
 };
 
 int Run(int argc, char** argv) {
