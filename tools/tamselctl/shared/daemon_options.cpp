@@ -28,6 +28,14 @@ void RequireReadable(const std::string& path) {
   }
 }
 
+// Makes the settings that are loaded from now on those of the file that was given.
+void UseSettings(const DaemonOptions& options) {
+  if (!options.settings_path.empty()) {
+    RequireReadable(options.settings_path);
+    ::setenv(kLoggerSettingFileVariable.c_str(), options.settings_path.c_str(), 1);
+  }
+}
+
 }  // namespace
 
 void AddDaemonOptions(CLI::App& command, DaemonOptions& options) {
@@ -35,6 +43,10 @@ void AddDaemonOptions(CLI::App& command, DaemonOptions& options) {
       .add_option("--socket", options.socket_path,
                   "Socket of the daemon (default: ComSocketPath of the settings)")
       ->type_name("PATH");
+  AddSettingsOption(command, options);
+}
+
+void AddSettingsOption(CLI::App& command, DaemonOptions& options) {
   command
       .add_option("--settings", options.settings_path,
                   "Settings file of the daemon (default: " + kLoggerSettingFileVariable +
@@ -46,11 +58,13 @@ std::string SocketPath(const DaemonOptions& options) {
   if (!options.socket_path.empty()) {
     return options.socket_path;
   }
-  if (!options.settings_path.empty()) {
-    RequireReadable(options.settings_path);
-    ::setenv(kLoggerSettingFileVariable.c_str(), options.settings_path.c_str(), 1);
-  }
+  UseSettings(options);
   return LoggerSettingManager().GetComSocketPath();
+}
+
+std::string HealthFilePath(const DaemonOptions& options) {
+  UseSettings(options);
+  return LoggerSettingManager().GetHealthFilePath();
 }
 
 }  // namespace tmsc::ctl

@@ -24,6 +24,23 @@ const std::vector<SerialCode> kLines = {
     {"7O1", VLM_RS485_7O1}, {"7N2", VLM_RS485_7N2}, {"7E2", VLM_RS485_7E2}, {"7O2", VLM_RS485_7O2},
 };
 
+std::optional<SerialCode> Find(const std::vector<SerialCode>& codes, const std::string& name) {
+  for (const SerialCode& code : codes) {
+    if (name == code.name) {
+      return code;
+    }
+  }
+  return std::nullopt;
+}
+
+std::string Names(const std::vector<SerialCode>& codes) {
+  std::string names;
+  for (const SerialCode& code : codes) {
+    names += (names.empty() ? "" : ", ") + std::string(code.name);
+  }
+  return names;
+}
+
 template <typename Target>
 CLI::Option* AddSerialCode(CLI::App& command, const std::string& name,
                            const std::vector<SerialCode>& codes, Target& target,
@@ -31,20 +48,32 @@ CLI::Option* AddSerialCode(CLI::App& command, const std::string& name,
   return command.add_option_function<std::string>(
       name,
       [name, &codes, &target](const std::string& text) {
-        std::string names;
-        for (const SerialCode& code : codes) {
-          if (text == code.name) {
-            target = code;
-            return;
-          }
-          names += (names.empty() ? "" : ", ") + std::string(code.name);
+        const auto code = Find(codes, text);
+        if (!code) {
+          ThrowUsage(name, text + " is not one of " + Names(codes));
         }
-        ThrowUsage(name, text + " is not one of " + names);
+        target = *code;
       },
       description);
 }
 
 }  // namespace
+
+std::optional<SerialCode> FindSpeed(const std::string& name) {
+  return Find(kSpeeds, name);
+}
+
+std::optional<SerialCode> FindLineFormat(const std::string& name) {
+  return Find(kLines, name);
+}
+
+std::string SpeedNames() {
+  return Names(kSpeeds);
+}
+
+std::string LineFormatNames() {
+  return Names(kLines);
+}
 
 CLI::Option* AddLineOptions(CLI::App& command, const char* baud_description,
                             std::optional<SerialCode>& baud, SerialCode& line) {
