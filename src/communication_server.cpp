@@ -14,10 +14,12 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <system_error>
 
 #include "channel/access_channel_manager.h"
+#include "health/health_keeper.h"
 #include "log/log_text.h"
 #include "logger_setting/logger_setting_manager.h"
 #include "utility/constant_string.h"
@@ -231,6 +233,7 @@ void CommunicationServer::HandleConnection(Descriptor connection) {
   AccessChannelManager* channels = AccessChannelManager::GetInstance();
   if (channels->GetUsedState(channel_index)) {
     LoggerLog::Debug(kLogTag, LogText("Busy ch[", channel_index, "] "));
+    HealthKeeper::ReportBusy(channel_index);
     DiscardInput(sock);
     work->WriteResponseData(sock, CommunicationResult::CreateErrorCommunicationResult(
                                       header.type, kDeviceCommunicationChannelBusyError));
@@ -318,6 +321,11 @@ void CommSocketWork::Execute() {
   } catch (...) {
     LogException(kLogTag, "Exec exception:");
   }
+  HealthKeeper::ReportRequest(header_.channel_index,
+                              is_answered && result
+                                  ? std::optional<int>(result->ReceiveData()->receive_data.status)
+                                  : std::nullopt,
+                              begin_);
   HandBack(is_answered, result);
 }
 

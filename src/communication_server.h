@@ -4,6 +4,7 @@
 #include <Poco/Runnable.h>
 #include <poll.h>
 
+#include <chrono>
 #include <deque>
 #include <memory>
 #include <string>
@@ -93,6 +94,7 @@ class CommSocketWork : public Request {
 
   Descriptor sock_;
   DataHeader header_;
+  const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
 };
 
 }  // namespace tmsc

@@ -9,6 +9,7 @@
 
 #include "access_worker_request/rs485_access_request_libcache.h"
 #include "channel/access_channel_manager.h"
+#include "health/health_keeper.h"
 #include "log/logger_log.h"
 #include "logger_setting/logger_setting_manager.h"
 #include "signal_pipe.h"
@@ -107,7 +108,9 @@ int main(int argc, char** argv) {
   tmsc::AccessChannelManager::Create();
   tmsc::TCPSocketManager::Create();
   tmsc::FileUtil::Create();
+  tmsc::HealthKeeper::Create();
   TamselCommunicationManager::GetInstance()->Start();
+  tmsc::HealthKeeper::ReportStop();
   tmsc::LoggerLog::Shutdown();
   // Not return: worker threads still run, and nothing that they use may be destroyed under them.
   ::_exit(0);

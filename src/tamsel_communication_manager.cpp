@@ -1,6 +1,7 @@
 #include "tamsel_communication_manager.h"
 
 #include "access_worker_request/rs485_access_request_libcache.h"
+#include "health/health_keeper.h"
 #include "log/log_text.h"
 #include "utility/constant_string.h"
 #include "utility/file_util.h"
@@ -75,6 +76,7 @@ void TamselCommunicationManager::RunPass() {
   if (is_outage_ && is_outage_recovery_) {
     is_outage_ = false;
     is_outage_recovery_ = false;
+    HealthKeeper::ReportPower(is_power_off_state_ ? TAMSEL_POWER_OFF : TAMSEL_POWER_ON);
     return;
   }
   if (!is_power_off_state_ && is_outage_) {
@@ -116,6 +118,7 @@ void TamselCommunicationManager::PowerOffStateWork() {
   LoggerLog::Verbose(kLogTag, "outage wait out");
   FileUtil::GetInstance()->SetLogWriteEnable(false);
   is_power_off_state_ = true;
+  HealthKeeper::ReportPower(TAMSEL_POWER_OFF);
   LoggerLog::Flush();
   LoggerLog::Info(kLogTag, kPowerOffEndText);
 }
@@ -123,6 +126,7 @@ void TamselCommunicationManager::PowerOffStateWork() {
 void TamselCommunicationManager::PowerOnStateWork() {
   FileUtil::GetInstance()->SetLogWriteEnable(true);
   is_power_off_state_ = false;
+  HealthKeeper::ReportPower(TAMSEL_POWER_ON);
   LoggerLog::Info(kLogTag, kPowerOnText);
   LoggerLog::Flush();
   LoggerLog::Info(kLogTag, kPowerOnEndText);
@@ -148,6 +152,7 @@ void TamselCommunicationManager::NotifyOutage() {
   LoggerLog::Info(kLogTag, kOutageText);
   is_outage_ = true;
   is_outage_recovery_ = false;
+  HealthKeeper::ReportPower(is_power_off_state_ ? TAMSEL_POWER_OFF : TAMSEL_POWER_OUTAGE);
 }
 
 void TamselCommunicationManager::NotifyOutageRecovery() {

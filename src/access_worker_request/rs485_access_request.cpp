@@ -36,6 +36,27 @@ bool IsBroadcast(const SendData& entry) {
   return *FrameOf(entry) == 0;
 }
 
+/// How an exchange ended that the serial library gave `status`, in the words of its own header; a
+/// status of another library stays a number.
+HealthEnd EndOf(byte status) {
+  switch (status) {
+    case VLM_RS485_ANSWERED:
+      return {TAMSEL_CAUSE_ANSWERED};
+    case VLM_RS485_NO_ANSWER:
+      return {TAMSEL_CAUSE_NO_ANSWER};
+    case VLM_RS485_LINE_ERROR:
+      return {TAMSEL_CAUSE_LINE_ERROR};
+    case VLM_RS485_TOO_LONG:
+      return {TAMSEL_CAUSE_TOO_LONG};
+    case VLM_RS485_PORT_GONE:
+      return {TAMSEL_CAUSE_PORT_GONE};
+    case VLM_RS485_NOT_ITS_ANSWER:
+      return {TAMSEL_CAUSE_NOT_ITS_ANSWER};
+    default:
+      return {TAMSEL_CAUSE_OTHER_STATUS, status};
+  }
+}
+
 std::string HexText(byte* bytes, int count) {
   return StringUtil::BytesToHexString(bytes, static_cast<unsigned int>(count));
 }
@@ -71,6 +92,7 @@ std::shared_ptr<CommunicationResult> RS485AccessRequest::Perform() {
   if (status == kDeviceCommunicationStatusNoError) {
     return CollectAnswers();
   }
+  ReportFailure(status);
   return CommunicationResult::CreateErrorCommunicationResult(kRequestDataTypeRS485, status);
 }
 
@@ -200,7 +222,11 @@ int RS485AccessRequest::RunCycle(unsigned int flags) {
   }
   LoggerLog::Verbose(kLogTag, "vlm_485_stCom start");
   const bool is_started = TryRepeatedly([&] {
+    const auto begin = std::chrono::steady_clock::now();
     const bool is_over = p_port_->StartCom() != 0;
+    if (is_over) {
+      HealthKeeper::ReportCycle(channel_, begin);
+    }
     LoggerLog::Debug(kLogTag, LogText("vlm_485_stCom [", is_over, "]"));
     return is_over;
   });
@@ -230,6 +256,7 @@ std::shared_ptr<CommunicationResult> RS485AccessRequest::CollectAnswers() {
   if (stream == nullptr) {
     LoggerLog::Debug(kLogTag, "vlm_485_getRcvStm return NULL");
     record->receive_data.status = kDeviceCommunicationStatusOtherError;
+    ReportFailure(kDeviceCommunicationStatusOtherError);
   } else {
     for (const SendData& entry : p_device_access_rs485->send_data) {
       if (entry.address == 0 || entry.address > kMaxDeviceCountAtChannel) {
@@ -238,34 +265,71 @@ std::shared_ptr<CommunicationResult> RS485AccessRequest::CollectAnswers() {
       const int index = entry.address - 1;
       DeviceReceiveData& slot = record->receive_data.receive_data[index];
       slot.length = 0;  // an entry before may have had the same address
-      if (const receive_data* answer = stream->rcv_dt[index]) {
-        CollectAnswer(*answer, entry, slot);
-      }
+      ReportHealth(entry, CollectAnswer(stream->rcv_dt[index], entry, slot));
     }
   }
   return CommunicationResult::Wrap(std::move(record));
 }
 
-void RS485AccessRequest::CollectAnswer(const receive_data& answer, const SendData& entry,
-                                       DeviceReceiveData& slot) {
-  const int length = answer.rcv_da_len;
+/// Puts a device's answer, null: none, into its slot.
+HealthEnd RS485AccessRequest::CollectAnswer(const receive_data* answer, const SendData& entry,
+                                            DeviceReceiveData& slot) {
+  if (answer == nullptr) {
+    return {TAMSEL_CAUSE_NO_ANSWER};
+  }
+  const int length = answer->rcv_da_len;
   const std::string values = Poco::format("<C%d:%02d> len:[%d] status:[%d]", channel_,
-                                          int{entry.address}, length, int{answer.rcv_status});
+                                          int{entry.address}, length, int{answer->rcv_status});
   if (length > kDeviceCommunicationReceiveDataBuffSize) {
     LoggerLog::Warn(kLogTag, LogText("Rcv dat size too large. ", values));
-    return;
+    return {TAMSEL_CAUSE_TOO_LONG, length};
   }
-  slot.status = answer.rcv_status;
+  slot.status = answer->rcv_status;
   LoggerLog::Debug(kLogTag, LogText("Rcv dat ", values));
   if (IsBroadcast(entry)) {
     LoggerLog::Debug(kLogTag, "Rcv dat [-]: Rcv dat size is 0 for bc comm.");
-    return;
+    return slot.status == VLM_RS485_ANSWERED ? HealthEnd{TAMSEL_CAUSE_SENT} : EndOf(slot.status);
   }
   if (length > 0) {
     slot.length = static_cast<std::int16_t>(length);
-    std::memcpy(slot.data, answer.rcv_da, static_cast<std::size_t>(length));
+    std::memcpy(slot.data, answer->rcv_da, static_cast<std::size_t>(length));
   }
   LoggerLog::Debug(kLogTag, LogText("Rcv dat [", HexText(slot.data, length), "]"));
+  return EndOf(slot.status);
+}
+
+void RS485AccessRequest::ReportHealth(const SendData& entry, const HealthEnd& end) const {
+  const auto* const params = std::find_if(
+      std::begin(p_device_access_rs485->port_params), std::end(p_device_access_rs485->port_params),
+      [&](const SetPortParams& line) { return line.address == entry.address; });
+  const bool has_line = params != std::end(p_device_access_rs485->port_params);
+  HealthKeeper::ReportExchange({channel_,
+                                kRequestDataTypeRS485,
+                                entry.address,
+                                {},
+                                p_device_access_rs485->baud_rate,
+                                has_line ? params->databits : 0u},
+                               end);
+}
+
+/// No device was asked: the request as a whole ended with `status`.
+void RS485AccessRequest::ReportFailure(int status) const {
+  if (p_port_->IsReleased() || !p_port_->IsBegun()) {
+    return;  // the daemon is ending; that says nothing about the field
+  }
+  for (const SendData& entry : p_device_access_rs485->send_data) {
+    const int length = FrameLengthOf(entry);
+    if (entry.address == 0) {
+      continue;
+    }
+    if (length > kMaxSendFrameLength) {
+      ReportHealth(entry, {TAMSEL_CAUSE_BAD_FRAME_LENGTH, length});
+    } else if (status == kDeviceCommunicationStatusOpenFailed) {
+      ReportHealth(entry, {TAMSEL_CAUSE_PORT_NOT_OPENED});
+    } else {
+      ReportHealth(entry, {TAMSEL_CAUSE_NOT_STARTED, status});
+    }
+  }
 }
 
 /// Makes attempts until one succeeds; a pause follows each that failed, the last one too.

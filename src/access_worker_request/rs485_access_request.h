@@ -8,6 +8,7 @@
 #include "access_worker_request/access_request.h"
 #include "access_worker_request/rs485_port_use.h"
 #include "communication_common.h"
+#include "health/health_keeper.h"
 #include "vlm_rs485.h"
 
 namespace tmsc {
@@ -35,7 +36,10 @@ class RS485AccessRequest : public AccessRequest {
   int RunCycle(unsigned int flags);
   int StartFailed();
   std::shared_ptr<CommunicationResult> CollectAnswers();
-  void CollectAnswer(const receive_data& answer, const SendData& entry, DeviceReceiveData& slot);
+  HealthEnd CollectAnswer(const receive_data* answer, const SendData& entry,
+                          DeviceReceiveData& slot);
+  void ReportHealth(const SendData& entry, const HealthEnd& end) const;
+  void ReportFailure(int status) const;
 
   template <typename Attempt>
   bool TryRepeatedly(Attempt attempt);

@@ -28,8 +28,8 @@ std::shared_ptr<CommunicationResult> TCPIPAccessRequest::Perform() {
   for (int i = 0; i < kMaxDeviceCountAtChannel; ++i) {
     NetworkParams* network_params = &p_device_access_tcpip_->port_params[i];
     if (network_params->address != 0) {
-      access_unit_list.push_back(
-          std::make_shared<TCPIPAccessUnit>(network_params, &p_device_access_tcpip_->send_data[i]));
+      access_unit_list.push_back(std::make_shared<TCPIPAccessUnit>(
+          network_params, &p_device_access_tcpip_->send_data[i], int{p_header_->channel_index}));
     }
   }
   RunUnits(access_unit_list);
@@ -58,6 +58,7 @@ void TCPIPAccessRequest::RunUnits(const UnitList& access_unit_list) {
       threads.Start(*unit);
     } catch (const Poco::Exception& failure) {
       LoggerLog::Error(kLogTag, LogText("thread start exception:", failure.displayText()));
+      unit->ReportHealth({TAMSEL_CAUSE_DAEMON_FAILURE});
     }
   }
   LoggerLog::Debug(kLogTag, "joinAll wait");

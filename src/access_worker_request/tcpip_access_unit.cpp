@@ -5,6 +5,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <exception>
@@ -56,10 +57,56 @@ std::string DisplayText(const std::exception& failure) {
   return poco_failure != nullptr ? poco_failure->displayText() : failure.what();
 }
 
+/// Why a connect ended with `result`, a value of TCPSocket::Connect; errno is still its own.
+HealthEnd ConnectEnd(int result) {
+  if (result == TCPSocket::kNoDescriptor) {
+    return {TAMSEL_CAUSE_NO_DESCRIPTOR};
+  }
+  const int error = result == TCPSocket::kConnectFailed ? errno : result;
+  switch (error) {
+    case TCPSocket::kConnectTimeout:
+    case ETIMEDOUT:
+      return {TAMSEL_CAUSE_CONNECT_TIMED_OUT};
+    case ECONNREFUSED:
+      return {TAMSEL_CAUSE_CONNECT_REFUSED};
+    case EHOSTUNREACH:
+    case ENETUNREACH:
+    case EHOSTDOWN:
+    case ENETDOWN:
+      return {TAMSEL_CAUSE_UNREACHABLE, error};
+    default:
+      return {TAMSEL_CAUSE_CONNECT_FAILED, error};
+  }
+}
+
+/// Why a send took `sent` bytes only, -1 with the send's errno for none.
+HealthEnd SendEnd(int sent) {
+  const int error = sent < 0 ? errno : 0;
+  return error == ECONNRESET || error == EPIPE ? HealthEnd{TAMSEL_CAUSE_RESET}
+                                               : HealthEnd{TAMSEL_CAUSE_NOT_TAKEN, error};
+}
+
+/// Why a receive gave `count`, 0 or -1 with its errno, behind `received` bytes of the frame.
+HealthEnd ReceiveEnd(int count, int received) {
+  if (count < 0 && errno == ECONNRESET) {
+    return {TAMSEL_CAUSE_RESET};
+  }
+  if (count < 0 && (errno == EHOSTUNREACH || errno == ENETUNREACH)) {
+    return {TAMSEL_CAUSE_UNREACHABLE, errno};
+  }
+  if (received > 0) {
+    return {TAMSEL_CAUSE_CUT_SHORT, received};
+  }
+  return {count == 0 ? TAMSEL_CAUSE_CLOSED : TAMSEL_CAUSE_NO_ANSWER};
+}
+
 }  // namespace
 
-TCPIPAccessUnit::TCPIPAccessUnit(NetworkParams* network_params, SendData* send_data)
-    : p_network_params_(network_params), p_send_data_(send_data), ip_(IpText(*network_params)) {}
+TCPIPAccessUnit::TCPIPAccessUnit(NetworkParams* network_params, SendData* send_data, int channel)
+    : p_network_params_(network_params),
+      p_send_data_(send_data),
+      channel_(channel),
+      ip_(IpText(*network_params)) {}
 
 TCPIPAccessUnit::~TCPIPAccessUnit() = default;
 
@@ -83,6 +130,7 @@ void TCPIPAccessUnit::run() {
       static_cast<DeviceReceiveData*>(std::calloc(1, receive_buffer_size)));
   if (!p_device_receive_data_) {
     status_ |= kTCPIPUnitStatusException;
+    ReportHealth({TAMSEL_CAUSE_DAEMON_FAILURE});
     return;
   }
   AccessDevice();
@@ -103,11 +151,13 @@ bool TCPIPAccessUnit::AccessDevice() {
     exclusive = TCPSocketManager::GetInstance()->LockSocket(ip_, p_network_params_->port,
                                                             p_send_data_->address, LockDeadline());
     if (!exclusive.socket) {
-      return Refuse(kTCPIPUnitStatusConnectError, LogText("Con in use [", ip_, "]"));
+      return Refuse(kTCPIPUnitStatusConnectError, {TAMSEL_CAUSE_CONNECTION_IN_USE},
+                    LogText("Con in use [", ip_, "]"));
     }
     return Exchange(*exclusive.socket);
   } catch (const std::exception& failure) {
     status_ |= kTCPIPUnitStatusException;
+    ReportHealth({TAMSEL_CAUSE_DAEMON_FAILURE});
     HandleException(failure, exclusive.socket.get());
     return false;
   }
@@ -145,17 +195,19 @@ bool TCPIPAccessUnit::IsPossible() {
   const int length = FrameLengthOf(*p_send_data_);
   const int port = p_network_params_->port;
   if (address > kMaxDeviceCountAtChannel) {
-    return Refuse(kTCPIPUnitStatusConnectError, LogText("Dev addr err. dev[", address, "]"));
+    return Refuse(kTCPIPUnitStatusConnectError, {},  // no such device: no health of it
+                  LogText("Dev addr err. dev[", address, "]"));
   }
   if (length > kMaxSendFrameLength) {
-    return Refuse(kTCPIPUnitStatusSendReceiveError,
+    return Refuse(kTCPIPUnitStatusSendReceiveError, {TAMSEL_CAUSE_BAD_FRAME_LENGTH, length},
                   LogText("Snd dat len err. dev[", address, "] len[", length, "]"));
   }
   if (!IsDottedIpv4(ip_)) {
-    return Refuse(kTCPIPUnitStatusConnectError, LogText("IP addr err. dev[", address, "]"));
+    return Refuse(kTCPIPUnitStatusConnectError, {TAMSEL_CAUSE_BAD_IP_ADDRESS},
+                  LogText("IP addr err. dev[", address, "]"));
   }
   if (port < 1 || port > kHighestPort) {
-    return Refuse(kTCPIPUnitStatusConnectError,
+    return Refuse(kTCPIPUnitStatusConnectError, {TAMSEL_CAUSE_BAD_PORT, port},
                   LogText("Port err. dev[", address, "] port[", port, "]"));
   }
   return true;
@@ -172,12 +224,15 @@ bool TCPIPAccessUnit::Exchange(TCPSocket& socket) {
   LoggerLog::Debug(kLogTag,
                    LogText("Dat Len [", ip_, "][", data_length, "][", data_header_size, "]"));
   if (data_length > kDeviceCommunicationReceiveDataBuffSize) {
-    return Fail(socket, kTCPIPUnitStatusSendReceiveError, LoggerLog::Info,
-                LogText("Rcv dat size too large.[", ip_, "]"));
+    return Fail(socket, kTCPIPUnitStatusSendReceiveError, {TAMSEL_CAUSE_TOO_LONG, data_length},
+                LoggerLog::Info, LogText("Rcv dat size too large.[", ip_, "]"));
   }
   if (!ReceiveBody(socket, data_length)) {
     return false;
   }
+  ReportHealth(
+      {TAMSEL_CAUSE_ANSWERED, 0,
+       std::chrono::duration_cast<std::chrono::microseconds>(Deadline::Clock::now() - sent_at_)});
   p_device_receive_data_->length = static_cast<std::int16_t>(data_length);
   LoggerLog::Debug(kLogTag, LogText("rcvBytes [", ip_, "][", HexText(data, data_length), "]"));
   if (!Drain(socket)) {
@@ -196,7 +251,7 @@ bool TCPIPAccessUnit::Connect(TCPSocket& socket) {
   const int read_write_timeout = p_network_params_->timeout;
   const int result = socket.Connect(read_write_timeout);
   if (result != 0) {
-    return Fail(socket, kTCPIPUnitStatusConnectError, LoggerLog::Debug,
+    return Fail(socket, kTCPIPUnitStatusConnectError, ConnectEnd(result), LoggerLog::Debug,
                 LogText("Con err.  [", ip_, "][", result, "]"));
   }
   socket.SetReadWriteTimeout(read_write_timeout, read_write_timeout);
@@ -208,9 +263,11 @@ bool TCPIPAccessUnit::Send(TCPSocket& socket) {
   byte* const frame = p_send_data_->send_data + kSendFrameOffset;
   LoggerLog::Debug(kLogTag,
                    LogText("sendBytes [", ip_, "][", HexText(frame, send_data_length), "]"));
+  // Before the send: a device nearby may have answered when it returns.
+  sent_at_ = Deadline::Clock::now();
   const int sent_size = socket.SendBytes(frame, send_data_length);
   if (sent_size != send_data_length) {
-    return Fail(socket, kTCPIPUnitStatusSendReceiveError, LoggerLog::Info,
+    return Fail(socket, kTCPIPUnitStatusSendReceiveError, SendEnd(sent_size), LoggerLog::Info,
                 LogText("Could not snd dat [", ip_, "][", sent_size, "]"));
   }
   return true;
@@ -222,8 +279,8 @@ bool TCPIPAccessUnit::ReceiveHeader(TCPSocket& socket) {
     const int read_size = socket.ReceiveBytes(p_device_receive_data_->data + receive_size,
                                               data_header_size - receive_size);
     if (read_size <= 0) {
-      return Fail(socket, kTCPIPUnitStatusSendReceiveError, LoggerLog::Info,
-                  LogText("Read dat err.[", ip_, "] size[", read_size, "]"));
+      return Fail(socket, kTCPIPUnitStatusSendReceiveError, ReceiveEnd(read_size, receive_size),
+                  LoggerLog::Info, LogText("Read dat err.[", ip_, "] size[", read_size, "]"));
     }
     receive_size += read_size;
   }
@@ -236,8 +293,8 @@ bool TCPIPAccessUnit::ReceiveBody(TCPSocket& socket, int data_length) {
     const int read_size = socket.ReceiveBytes(p_device_receive_data_->data + receive_size,
                                               data_length - receive_size);
     if (read_size <= 0) {
-      return Fail(socket, kTCPIPUnitStatusSendReceiveError, LoggerLog::Info,
-                  LogText("Read dat err.[", ip_, "]"));
+      return Fail(socket, kTCPIPUnitStatusSendReceiveError, ReceiveEnd(read_size, receive_size),
+                  LoggerLog::Info, LogText("Read dat err.[", ip_, "]"));
     }
     receive_size += read_size;
     LoggerLog::Debug(kLogTag,
@@ -283,15 +340,24 @@ bool TCPIPAccessUnit::Drain(TCPSocket& socket) const {
   return false;
 }
 
-bool TCPIPAccessUnit::Refuse(int status, const std::string& text) {
+void TCPIPAccessUnit::ReportHealth(const HealthEnd& end) const {
+  HealthKeeper::ReportExchange({channel_, kRequestDataTypeTCPIP, p_send_data_->address, ip_,
+                                static_cast<std::uint32_t>(int{p_network_params_->port})},
+                               end);
+}
+
+bool TCPIPAccessUnit::Refuse(int status, const HealthEnd& end, const std::string& text) {
   LoggerLog::Warn(kLogTag, text);
   status_ |= status;
+  ReportHealth(end);
   return false;
 }
 
-bool TCPIPAccessUnit::Fail(TCPSocket& socket, int status, LogCall log, const std::string& text) {
+bool TCPIPAccessUnit::Fail(TCPSocket& socket, int status, const HealthEnd& end, LogCall log,
+                           const std::string& text) {
   log(kLogTag, text);
   status_ |= status;
+  ReportHealth(end);
   Forget(socket);
   return false;
 }

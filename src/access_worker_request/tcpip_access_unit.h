@@ -11,6 +11,7 @@
 #include <string>
 
 #include "communication_common.h"
+#include "health/health_keeper.h"
 #include "socket_manager/tcp_socket.h"
 #include "utility/deadline.h"
 
@@ -22,14 +23,18 @@ namespace tmsc {
 /// it.
 class TCPIPAccessUnit : public Poco::Runnable {
  public:
-  /// Both records stay the caller's own and outlive the unit.
-  TCPIPAccessUnit(NetworkParams* network_params, SendData* send_data);
+  /// Both records stay the caller's own and outlive the unit. Health is kept for the device on
+  /// `channel`, 0: for none.
+  TCPIPAccessUnit(NetworkParams* network_params, SendData* send_data, int channel = 0);
   ~TCPIPAccessUnit() override;
 
   void run() override;
 
   /// One exchange; true when it succeeded or there was nothing to send.
   bool AccessDevice();
+
+  /// Keeps how the exchange ended as the health of the device.
+  void ReportHealth(const HealthEnd& end) const;
 
   /// 0, or the kTCPIPUnitStatus values of what failed.
   int Status();
@@ -52,15 +57,18 @@ class TCPIPAccessUnit : public Poco::Runnable {
   bool ReceiveBody(TCPSocket& socket, int data_length);
   std::chrono::milliseconds DrainSilence() const;
   bool Drain(TCPSocket& socket) const;
-  bool Refuse(int status, const std::string& text);
-  bool Fail(TCPSocket& socket, int status, LogCall log, const std::string& text);
+  bool Refuse(int status, const HealthEnd& end, const std::string& text);
+  bool Fail(TCPSocket& socket, int status, const HealthEnd& end, LogCall log,
+            const std::string& text);
   void Forget(TCPSocket& socket);
   void HandleException(const std::exception& failure, TCPSocket* socket) noexcept;
 
   NetworkParams* p_network_params_;
   SendData* p_send_data_;
   std::unique_ptr<DeviceReceiveData, FreeBuffer> p_device_receive_data_;
+  const int channel_;
   int status_ = 0;
+  std::chrono::steady_clock::time_point sent_at_;
   const std::string ip_;  // the address text; empty when it does not end within its field
 };
 

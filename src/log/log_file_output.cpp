@@ -15,6 +15,7 @@
 
 #include "common/time_stamp.h"
 #include "log/console_output.h"
+#include "log/log_condition.h"
 #include "utility/file_util.h"
 
 namespace tmsc {
@@ -261,6 +262,7 @@ void LogFileOutput::DropOldestLines() {
     }
     buffer_[i].erase(buffer_[i].begin(), buffer_[i].begin() + count);
     dropped_lines_ += dropped[i];
+    log_condition.lines_lost += static_cast<std::uint32_t>(dropped[i]);
   }
   log_size_ = 0;
   log_line_ = 0;
@@ -379,6 +381,7 @@ void LogFileOutput::BeginWithoutCard() {
       return;
     }
     is_card_gone_ = true;
+    log_condition.is_card_gone = true;
   }
   // Kept apart from the other lines: it is not to be among those that are dropped.
   without_card_line_ = EchoOwnLine(
@@ -393,6 +396,7 @@ std::string LogFileOutput::EndWithoutCard() {
       return {};
     }
     is_card_gone_ = false;
+    log_condition.is_card_gone = false;
   }
   return EchoOwnLine(kLogOutputLevelWarnValue, kLogOutputLevelWarnString,
                      "Card is back [" + file_path_ + "]");

@@ -17,9 +17,10 @@ class Singleton {
   Singleton& operator=(const Singleton&) = delete;
 
   /// Makes the instance when there is none; keeps an existing one.
-  static void Create() {
+  template <typename... Arguments>
+  static void Create(const Arguments&... arguments) {
     if (GetInstance() == nullptr) {
-      p_instance_.store(new T(), std::memory_order_release);
+      p_instance_.store(new T(arguments...), std::memory_order_release);
     }
   }
 

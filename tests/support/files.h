@@ -14,8 +14,9 @@ namespace tmsc::test {
 /// A folder of the test's own, removed with everything in it at the end.
 class TempFolder {
  public:
-  TempFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "tamsel-test-XXXXXX").string();
+  explicit TempFolder(
+      const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
+    std::string name = (parent / "tamsel-test-XXXXXX").string();
     if (::mkdtemp(name.data()) == nullptr) {
       throw std::runtime_error("no folder " + name);
     }

@@ -1,0 +1,134 @@
+#include "health/health_file.h"
+
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <iterator>
+#include <system_error>
+#include <utility>
+
+#include "tamsel_health.h"
+
+namespace tmsc {
+
+namespace {
+
+constexpr int kOpenFlags = O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+
+std::string ErrorText() {
+  return std::generic_category().message(errno);
+}
+
+tamsel_health_header MakeHeader() {
+  tamsel_health_header header{};
+  std::memcpy(header.magic, TAMSEL_HEALTH_MAGIC, sizeof(header.magic));
+  header.version = TAMSEL_HEALTH_VERSION;
+  header.byte_order = 0x01020304;
+  header.file_size = sizeof(tamsel_health_file);
+  return header;
+}
+
+bool HasRightHeader(int file) {
+  const tamsel_health_header right = MakeHeader();
+  tamsel_health_header header{};
+  return ::pread(file, &header, sizeof(header), 0) == static_cast<ssize_t>(sizeof(header)) &&
+         std::memcmp(&header, &right, sizeof(header)) == 0;
+}
+
+/// Whether the file is a health file, of whatever version, or what is left of one that was cut.
+bool MayBeTakenOver(int file) {
+  char begin[sizeof(tamsel_health_header::magic)] = {};
+  const ssize_t count = ::pread(file, begin, sizeof(begin), 0);
+  const bool has_text =
+      std::any_of(std::begin(begin), std::end(begin), [](char byte) { return byte != 0; });
+  return count >= 0 && (!has_text || std::memcmp(begin, TAMSEL_HEALTH_MAGIC,
+                                                 static_cast<std::size_t>(count)) == 0);
+}
+
+bool IsSame(const struct stat& one, const struct stat& other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+bool IsSameFile(int file, int other_file) {
+  struct stat status {};
+  struct stat other {};
+  return ::fstat(file, &status) == 0 && ::fstat(other_file, &other) == 0 && IsSame(status, other);
+}
+
+bool IsMemoryFileSystem(int file) {
+  struct statfs system {};
+  return ::fstatfs(file, &system) == 0 &&
+         (system.f_type == TMPFS_MAGIC || system.f_type == RAMFS_MAGIC);
+}
+
+}  // namespace
+
+HealthFile::HealthFile(std::string path)
+    : path_(std::move(path)), file_(::open("/dev/null", O_RDWR | O_CLOEXEC)) {}
+
+std::string HealthFile::Open() {
+  struct stat status {};
+  if (::stat(path_.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+    return "no regular file";
+  }
+  std::error_code no_matter;  // the open tells
+  std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), no_matter);
+  Descriptor file(::open(path_.c_str(), kOpenFlags | O_CREAT, 0644));
+  if (!file.IsOpen()) {
+    return ErrorText();
+  }
+  if (!IsSameFile(file.Get(), file_.Get())) {
+    if (!MayBeTakenOver(file.Get())) {
+      return "a file that is no health file";
+    }
+    // Keeps a second daemon away; the system gives the lock back with the last descriptor.
+    if (::flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
+      return "used by another daemon";
+    }
+    if (::dup3(file.Get(), file_.Get(), O_CLOEXEC) < 0) {
+      return ErrorText();
+    }
+  }
+  if (!HasRightHeader(file_.Get())) {
+    static_cast<void>(::ftruncate(file_.Get(), 0) == 0);
+  }
+  is_in_memory_ = IsMemoryFileSystem(file_.Get());
+  WriteHeader();
+  return {};
+}
+
+bool HealthFile::IsIntact() const {
+  struct stat named {};
+  struct stat open {};
+  return ::stat(path_.c_str(), &named) == 0 && ::fstat(file_.Get(), &open) == 0 &&
+         IsSame(named, open) && open.st_size == static_cast<off_t>(sizeof(tamsel_health_file)) &&
+         HasRightHeader(file_.Get());
+}
+
+void HealthFile::WriteHeader() {
+  const tamsel_health_header header = MakeHeader();
+  Write(0, &header, sizeof(header));
+  // Records that were never written read as zeros and cost no memory.
+  static_cast<void>(::ftruncate(file_.Get(), sizeof(tamsel_health_file)) == 0);
+}
+
+bool HealthFile::Write(std::size_t offset, const void* record, std::size_t size) const {
+  return ::pwrite(file_.Get(), record, size, static_cast<off_t>(offset)) ==
+         static_cast<ssize_t>(size);
+}
+
+void HealthFile::Read(std::size_t offset, void* record, std::size_t size) const {
+  const ssize_t count = ::pread(file_.Get(), record, size, static_cast<off_t>(offset));
+  const std::size_t taken = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+  std::memset(static_cast<char*>(record) + taken, 0, size - taken);
+}
+
+}  // namespace tmsc

@@ -1,0 +1,386 @@
+#include "health/health_keeper.h"
+
+#include <dirent.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <exception>
+
+#include "common/time_of_day.h"
+#include "log/log_condition.h"
+#include "log/log_text.h"
+#include "logger_setting/logger_setting_manager.h"
+#include "utility/constant_string.h"
+
+namespace tmsc {
+
+namespace {
+
+const std::string& kLogTag = ConstantString("Health");
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kPassTime{1};
+constexpr int kPassesPerRenewal = 10;
+constexpr int kPassesPerInspection = 30;
+constexpr std::int64_t kHourMs = 3600 * 1000;
+constexpr std::uint32_t kHourOf2020 = 438288;  // before that the clock has not been set
+
+std::int64_t NowMs() {
+  return MicrosecondsSinceEpoch() / 1000;
+}
+
+std::uint32_t Microseconds(std::chrono::nanoseconds time) {
+  const auto count = std::chrono::duration_cast<std::chrono::microseconds>(time).count();
+  return static_cast<std::uint32_t>(std::clamp<long long>(count, 0, UINT32_MAX));
+}
+
+bool IsWithin(int number, int most) {
+  return number >= 1 && number <= most;
+}
+
+/// Makes the cell of `hour` one of the last 48.
+void AdvanceTo(tamsel_health_device& device, std::uint32_t hour) {
+  const bool is_clock_set_back = hour + TAMSEL_HEALTH_HOURS <= device.newest_hour;
+  if (is_clock_set_back || hour >= device.newest_hour + TAMSEL_HEALTH_HOURS) {
+    std::memset(device.hours, 0, sizeof(device.hours));
+    device.newest_hour = hour;
+  }
+  while (device.newest_hour < hour) {
+    device.hours[++device.newest_hour % TAMSEL_HEALTH_HOURS] = {};
+  }
+}
+
+void CountHour(tamsel_health_device& device, std::int64_t now_ms, bool is_answered) {
+  const auto hour = static_cast<std::uint32_t>(now_ms / kHourMs);
+  if (hour >= kHourOf2020) {
+    AdvanceTo(device, hour);
+    tamsel_health_hour& cell = device.hours[hour % TAMSEL_HEALTH_HOURS];
+    ++(is_answered ? cell.answered : cell.failed);
+  }
+}
+
+void CountResponse(tamsel_health_device& device, std::uint32_t time_us) {
+  device.response_last_us = time_us;
+  device.response_least_us =
+      device.response_count == 0 ? time_us : std::min(device.response_least_us, time_us);
+  device.response_most_us = std::max(device.response_most_us, time_us);
+  device.response_total_us += time_us;
+  ++device.response_count;
+}
+
+void SetPlace(tamsel_health_device& device, const HealthPlace& place) {
+  device.channel = static_cast<std::uint8_t>(place.channel);
+  device.transport = static_cast<std::uint8_t>(place.transport);
+  device.address = static_cast<std::uint8_t>(place.address);
+  std::memset(device.ip_address, 0, sizeof(device.ip_address));
+  place.ip_address.copy(device.ip_address, sizeof(device.ip_address) - 1);
+  device.port = place.port;
+  device.line = place.line;
+}
+
+void CountEnd(tamsel_health_device& device, const HealthEnd& end) {
+  const std::int64_t now_ms = NowMs();
+  const bool is_answered = end.cause == TAMSEL_CAUSE_ANSWERED || end.cause == TAMSEL_CAUSE_SENT;
+  device.first_ms = device.exchanges == 0 ? now_ms : device.first_ms;
+  ++device.exchanges;
+  ++device.ends[end.cause];
+  device.last_cause = static_cast<std::uint8_t>(end.cause);
+  device.last_detail = end.detail;
+  device.last_ms = now_ms;
+  if (is_answered) {
+    device.failures_in_a_row = 0;
+    device.failing_since_ms = 0;
+    device.last_answer_ms = now_ms;
+  } else if (device.failures_in_a_row++ == 0) {
+    device.failing_since_ms = now_ms;
+  }
+  CountHour(device, now_ms, is_answered);
+  if (end.response_time) {
+    CountResponse(device, Microseconds(*end.response_time));
+  }
+}
+
+bool IsOfPlace(const tamsel_health_device& device, std::size_t index) {
+  return IsWithin(device.channel, TAMSEL_HEALTH_CHANNELS) &&
+         IsWithin(device.transport, TAMSEL_HEALTH_TRANSPORTS) &&
+         IsWithin(device.address, TAMSEL_HEALTH_ADDRESSES) &&
+         tamsel_health_device_index(device.channel, device.transport, device.address) == index;
+}
+
+std::uint32_t CountDescriptors() {
+  std::uint32_t count = 0;
+  if (DIR* directory = ::opendir("/proc/self/fd")) {
+    while (const dirent* entry = ::readdir(directory)) {
+      count += entry->d_name[0] != '.' ? 1 : 0;
+    }
+    ::closedir(directory);
+    --count;  // the directory's own
+  }
+  return count;
+}
+
+std::uint32_t DescriptorLimit() {
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  return static_cast<std::uint32_t>(std::min<rlim_t>(limit.rlim_cur, UINT32_MAX));
+}
+
+}  // namespace
+
+void HealthKeeper::Create() {
+  const std::string path = LoggerSettingManager::GetInstance()->GetHealthFilePath();
+  if (path.empty()) {
+    return;
+  }
+  try {
+    Singleton<HealthKeeper>::Create(path);
+  } catch (const std::exception& failure) {  // no memory or no thread
+    LoggerLog::Warn(kLogTag, LogText("No health is kept [", failure.what(), "]"));
+  }
+}
+
+HealthKeeper::HealthKeeper(const std::string& path)
+    : file_(path), records_(std::make_unique<Records>()) {
+  records_->process.offset = offsetof(tamsel_health_file, process);
+  for (std::size_t i = 0; i < TAMSEL_HEALTH_CHANNELS; ++i) {
+    records_->channels[i].offset =
+        offsetof(tamsel_health_file, channels) + i * sizeof(tamsel_health_channel);
+  }
+  for (std::size_t i = 0; i < TAMSEL_HEALTH_DEVICES; ++i) {
+    records_->devices[i].offset =
+        offsetof(tamsel_health_file, devices) + i * sizeof(tamsel_health_device);
+  }
+  OpenFile();
+  TakeOver();
+  UpdateProcess(true);
+  RunPass(true);
+  thread_ = std::thread([this] { Run(); });
+}
+
+HealthKeeper::~HealthKeeper() {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    is_ending_ = true;
+  }
+  end_came_.notify_one();
+  thread_.join();
+}
+
+/// Goes on with what the file has. Nobody else uses the records yet.
+void HealthKeeper::TakeOver() {
+  VisitRecords([this](auto& kept) {
+    auto record = kept.record;
+    file_.Read(kept.offset, &record, sizeof(record));
+    if (tamsel_health_is_whole(&record, sizeof(record)) != 0) {
+      kept.record = record;
+    }
+  });
+  for (std::size_t index = 0; index < TAMSEL_HEALTH_DEVICES; ++index) {
+    tamsel_health_device& device = records_->devices[index].record;
+    if (!IsOfPlace(device, index)) {
+      device = {};
+    }
+  }
+  tamsel_health_process& process = records_->process.record;
+  const std::uint32_t starts = process.starts;
+  process = {};
+  process.starts = starts + 1;
+  process.pid = static_cast<std::uint32_t>(::getpid());
+  process.started_ms = NowMs();
+  kAppVersion.copy(process.version, sizeof(process.version) - 1);
+}
+
+template <typename Visit>
+void HealthKeeper::VisitRecords(Visit visit) {
+  visit(records_->process);
+  for (auto& channel : records_->channels) {
+    visit(channel);
+  }
+  for (auto& device : records_->devices) {
+    visit(device);
+  }
+}
+
+/// Changes a record and writes it, now or in the next pass.
+template <typename Record, typename Change>
+void HealthKeeper::Update(Kept<Record>& kept, Change change) noexcept {
+  const std::lock_guard<std::mutex> lock(kept.mutex);
+  change(kept.record);
+  kept.record.checksum = tamsel_health_checksum(&kept.record, sizeof(Record));
+  kept.is_written = false;
+  if (file_.IsInMemory()) {
+    Write(kept);
+  }
+}
+
+/// The caller holds the record's lock.
+template <typename Record>
+void HealthKeeper::Write(Kept<Record>& kept) noexcept {
+  kept.is_written = file_.Write(kept.offset, &kept.record, sizeof(Record));
+}
+
+/// Writes a record that the file does not have; `is_inspection`: looks whether it has.
+template <typename Record>
+void HealthKeeper::WriteLate(Kept<Record>& kept, bool is_inspection) {
+  std::unique_lock<std::mutex> lock(kept.mutex);
+  const Record record = kept.record;
+  bool is_written = kept.is_written;
+  kept.is_written = true;
+  if (!file_.IsInMemory()) {
+    lock.unlock();  // the file may take its time, and nobody else writes to it
+  }
+  if (is_inspection) {
+    Record in_file;
+    file_.Read(kept.offset, &in_file, sizeof(in_file));
+    is_written = std::memcmp(&in_file, &record, sizeof(record)) == 0;
+  }
+  if (!is_written && !file_.Write(kept.offset, &record, sizeof(record))) {
+    if (!lock.owns_lock()) {
+      lock.lock();
+    }
+    kept.is_written = false;
+  }
+}
+
+void HealthKeeper::ReportExchange(const HealthPlace& place, const HealthEnd& end) noexcept {
+  HealthKeeper* keeper = GetInstance();
+  if (keeper == nullptr || !IsWithin(place.channel, TAMSEL_HEALTH_CHANNELS) ||
+      !IsWithin(place.address, TAMSEL_HEALTH_ADDRESSES)) {
+    return;
+  }
+  const std::size_t index =
+      tamsel_health_device_index(place.channel, place.transport, place.address);
+  keeper->Update(keeper->records_->devices[index], [&](tamsel_health_device& device) {
+    SetPlace(device, place);
+    CountEnd(device, end);
+  });
+}
+
+template <typename Change>
+void HealthKeeper::UpdateChannel(int channel, Change change) noexcept {
+  HealthKeeper* keeper = GetInstance();
+  if (keeper == nullptr || !IsWithin(channel, TAMSEL_HEALTH_CHANNELS)) {
+    return;
+  }
+  keeper->Update(keeper->records_->channels[channel - 1], [&](tamsel_health_channel& record) {
+    record.channel = static_cast<std::uint32_t>(channel);
+    change(record);
+  });
+}
+
+void HealthKeeper::ReportRequest(int channel, std::optional<int> status,
+                                 Clock::time_point begin) noexcept {
+  UpdateChannel(channel, [&](tamsel_health_channel& record) {
+    const std::uint32_t time_ms = Microseconds(Clock::now() - begin) / 1000;
+    record.last_request_ms = NowMs();
+    ++record.requests;
+    if (record.requests == 1 || time_ms > record.longest_ms) {
+      record.longest_ms = time_ms;
+      record.longest_at_ms = record.last_request_ms;
+    }
+    if (!status) {
+      ++record.unanswered;
+    } else if (*status >= -1 && *status < TAMSEL_HEALTH_STATUSES - 1) {
+      ++record.statuses[*status + 1];
+    }
+  });
+}
+
+void HealthKeeper::ReportBusy(int channel) noexcept {
+  UpdateChannel(channel, [](tamsel_health_channel& record) { ++record.busy_refusals; });
+}
+
+void HealthKeeper::ReportCycle(int channel, Clock::time_point begin) noexcept {
+  UpdateChannel(channel, [&](tamsel_health_channel& record) {
+    const std::uint32_t time_us = Microseconds(Clock::now() - begin);
+    record.cycle_last_us = time_us;
+    record.cycle_least_us = record.cycles == 0 ? time_us : std::min(record.cycle_least_us, time_us);
+    record.cycle_most_us = std::max(record.cycle_most_us, time_us);
+    record.cycle_total_us += time_us;
+    ++record.cycles;
+  });
+}
+
+void HealthKeeper::ReportPower(std::uint32_t power) noexcept {
+  if (HealthKeeper* keeper = GetInstance()) {
+    keeper->power_ = power;
+  }
+}
+
+void HealthKeeper::ReportStop() noexcept {
+  if (HealthKeeper* keeper = GetInstance()) {
+    keeper->Update(keeper->records_->process,
+                   [](tamsel_health_process& record) { record.stopped_ms = NowMs(); });
+    keeper->RunPass(false);
+  }
+}
+
+void HealthKeeper::Run() {
+  const auto is_ending = [this] { return is_ending_; };
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (int pass = 1; !end_came_.wait_for(lock, kPassTime, is_ending); ++pass) {
+    lock.unlock();
+    try {
+      UpdateProcess(pass % kPassesPerRenewal == 0);
+      RunPass(pass % kPassesPerInspection == 0);
+    } catch (...) {
+      LogException(kLogTag, "health exception:");
+    }
+    lock.lock();
+  }
+}
+
+void HealthKeeper::RunPass(bool is_inspection) {
+  if (is_inspection && !file_.IsIntact()) {
+    OpenFile();
+  }
+  VisitRecords([&](auto& kept) { WriteLate(kept, is_inspection); });
+}
+
+/// Opens the file, or the file that is to take its place; one line at each end of a time without.
+void HealthKeeper::OpenFile() {
+  const std::string obstacle = file_.Open();
+  if (obstacle.empty() != obstacle_.empty()) {
+    LoggerLog::Warn(kLogTag, obstacle.empty()
+                                 ? LogText("Health file is kept again [", file_.Path(), "]")
+                                 : LogText("No health file [", file_.Path(), "] ", obstacle));
+  }
+  obstacle_ = obstacle;
+}
+
+/// Takes over what the daemon's condition is; `is_renewal`: also what is costly to find out.
+void HealthKeeper::UpdateProcess(bool is_renewal) {
+  const bool is_card_gone = log_condition.is_card_gone;
+  if (is_card_gone != (card_gone_since_ms_ != 0)) {
+    card_gone_since_ms_ = is_card_gone ? NowMs() : 0;
+  }
+  if (is_renewal) {
+    updated_ms_ = NowMs();
+    descriptors_in_use_ = CountDescriptors();
+  }
+  const auto change = [&](tamsel_health_process& record) {
+    record.card_gone_since_ms = card_gone_since_ms_;
+    record.power = power_;
+    record.log_lines_lost = log_condition.lines_lost;
+    record.updated_ms = updated_ms_;
+    record.descriptors_in_use = descriptors_in_use_;
+    record.descriptor_limit = DescriptorLimit();
+  };
+  tamsel_health_process changed{};
+  bool is_changed = false;
+  {
+    const std::lock_guard<std::mutex> lock(records_->process.mutex);
+    changed = records_->process.record;
+    change(changed);
+    is_changed = std::memcmp(&changed, &records_->process.record, sizeof(changed)) != 0;
+  }
+  if (is_changed) {
+    Update(records_->process, change);
+  }
+}
+
+}  // namespace tmsc

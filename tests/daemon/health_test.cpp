@@ -1,0 +1,174 @@
+// The health of the devices, from the exchange to the file.
+
+#include <sys/wait.h>
+
+#include <future>
+
+#include "daemon_client.h"
+#include "health_reader.h"
+#include "modbus/rtu_frame.h"
+#include "vlm_rs485.h"
+
+namespace tmsc::test {
+namespace {
+
+using simulator::FaultKind;
+
+/// A daemon that keeps health in memory.
+class Health : public ::testing::Test {
+ protected:
+  Settings Changes() const { return {{"HealthFilePath", path_}}; }
+
+  HealthSnapshot Read() const {
+    HealthReading reading = ReadHealth(path_);
+    EXPECT_EQ(reading.error, "");
+    return reading.snapshot.value_or(HealthSnapshot{});
+  }
+
+  /// The device's record; all zero when there is none.
+  tamsel_health_device Device(int channel, int transport, int address) const {
+    for (const auto& device : Read().devices) {
+      if (device.channel == channel && device.transport == transport && device.address == address) {
+        return device;
+      }
+    }
+    return {};
+  }
+
+  const TempFolder folder_{"/dev/shm"};
+  const std::string path_ = folder_.Path("health");
+};
+
+struct FaultCase {
+  simulator::Fault fault;
+  int cause;
+  int detail;
+};
+
+TEST_F(Health, EachTcpFaultIsKnownByItsCause) {
+  const FaultCase cases[] = {{FaultKind::kNone, TAMSEL_CAUSE_ANSWERED, 0},
+                             {FaultKind::kSilence, TAMSEL_CAUSE_NO_ANSWER, 0},
+                             {FaultKind::kRefuse, TAMSEL_CAUSE_CONNECT_REFUSED, 0},
+                             {FaultKind::kCloseBefore, TAMSEL_CAUSE_CLOSED, 0},
+                             {FaultKind::kCloseMidFrame, TAMSEL_CAUSE_CUT_SHORT, 0},
+                             {FaultKind::kWrongLength, TAMSEL_CAUSE_CUT_SHORT, 11},
+                             {FaultKind::kTooLong, TAMSEL_CAUSE_TOO_LONG, 439},
+                             {{FaultKind::kSplitHeader, 50}, TAMSEL_CAUSE_ANSWERED, 0}};
+  Devices devices(12);
+  int address = 0;
+  for (const FaultCase& row : cases) {
+    devices.SetFault(++address, row.fault);
+  }
+  DaemonProcess daemon(Changes());
+  TcpIpRequest request = devices.Request(3, 500);
+  request.payload.port_params[8].port = 0;                                     // address 9
+  request.payload.port_params[9].ip_address[0] = 'x';                          // 10
+  request.payload.send_data[10].send_data[0] = 127;                            // 11
+  std::strcpy(request.payload.port_params[11].ip_address, "255.255.255.255");  // 12
+  constexpr std::uint32_t kRounds = 3;
+  for (std::uint32_t round = 0; round < kRounds; ++round) {
+    Exchange(daemon, request);
+  }
+  address = 0;
+  for (const FaultCase& row : cases) {
+    const tamsel_health_device device = Device(3, TAMSEL_HEALTH_TCPIP, ++address);
+    EXPECT_EQ(device.ends[row.cause], kRounds) << address << " " << int{device.last_cause};
+    EXPECT_EQ(device.exchanges, kRounds) << address;
+    EXPECT_EQ(device.last_cause, row.cause) << address;
+    EXPECT_TRUE(row.detail == 0 || device.last_detail == row.detail) << device.last_detail;
+    EXPECT_EQ(device.failing_since_ms == 0, row.cause == TAMSEL_CAUSE_ANSWERED) << address;
+    EXPECT_EQ(device.port, devices.Port(address));
+    const auto& hour = device.hours[device.newest_hour % TAMSEL_HEALTH_HOURS];
+    EXPECT_EQ(hour.answered + hour.failed, kRounds);
+  }
+  const tamsel_health_device slow = Device(3, TAMSEL_HEALTH_TCPIP, address);
+  EXPECT_GE(slow.response_least_us, 50000u);
+  EXPECT_LT(slow.response_most_us, 450000u);
+  for (const auto& [refused, cause] : {std::pair(9, TAMSEL_CAUSE_BAD_PORT),
+                                       {10, TAMSEL_CAUSE_BAD_IP_ADDRESS},
+                                       {11, TAMSEL_CAUSE_BAD_FRAME_LENGTH}}) {
+    EXPECT_EQ(Device(3, TAMSEL_HEALTH_TCPIP, refused).ends[cause], kRounds) << refused;
+  }
+  const auto unreachable = Device(3, TAMSEL_HEALTH_TCPIP, 12);
+  EXPECT_EQ(
+      unreachable.ends[TAMSEL_CAUSE_UNREACHABLE] + unreachable.ends[TAMSEL_CAUSE_CONNECT_FAILED],
+      kRounds);
+  ExpectStops(daemon);
+  EXPECT_NE(Read().process.stopped_ms, 0);
+}
+
+TEST_F(Health, EachRs485FaultIsKnownByItsCauseAndOutlivesTheDaemon) {
+  const FaultCase cases[] = {{FaultKind::kNone, TAMSEL_CAUSE_ANSWERED, 0},
+                             {FaultKind::kSilence, TAMSEL_CAUSE_NO_ANSWER, 0},
+                             {{FaultKind::kGarbage, 450}, TAMSEL_CAUSE_TOO_LONG, 0},
+                             {FaultKind::kOtherAddress, TAMSEL_CAUSE_NOT_ITS_ANSWER, 0}};
+  simulator::FieldSimulatorConfig config;
+  config.buses.push_back({folder_.Path("bus"), {{1}, {2}, {3}, {4}}});
+  for (std::size_t i = 0; i < 4; ++i) {
+    config.buses[0].devices[i].fault = cases[i].fault;
+  }
+  simulator::FieldSimulator field(config);
+  field.Start();
+  ::setenv("RS485_PORT_1", folder_.Path("bus").c_str(), 1);
+  ::setenv("RS485_PORT_2", folder_.Path("nowhere").c_str(), 1);
+  Rs485Request request = MakeRs485Request(1, VLM_RS485_BAUD_115200);
+  for (byte address = 1; address <= 4; ++address) {
+    EXPECT_FALSE(AddRs485Device(request, {address, VLM_RS485_8N1, 300, 0, 0, 0},
+                                modbus::RtuFrame(address, ReadPdu())));
+  }
+  Rs485Request elsewhere = request;
+  elsewhere.header.channel_index = elsewhere.payload.channel = 2;
+  for (std::uint32_t life = 1; life <= 2; ++life) {
+    DaemonProcess daemon(Changes());
+    EXPECT_EQ(Exchange(daemon, request).receive_data.status, 0);
+    EXPECT_EQ(Exchange(daemon, elsewhere).receive_data.status, 8);
+    daemon.Signal(SIGKILL);
+    daemon.WaitForExit(5000);
+    for (int address = 1; address <= 4; ++address) {
+      const FaultCase& row = cases[address - 1];
+      const tamsel_health_device device = Device(1, TAMSEL_HEALTH_RS485, address);
+      EXPECT_EQ(device.ends[row.cause], life) << address << " " << int{device.last_cause};
+      EXPECT_EQ(device.port, std::uint32_t{VLM_RS485_BAUD_115200});
+      EXPECT_EQ(Device(2, TAMSEL_HEALTH_RS485, address).ends[TAMSEL_CAUSE_PORT_NOT_OPENED], life);
+    }
+    const HealthSnapshot snapshot = Read();
+    EXPECT_EQ(snapshot.process.starts, life);
+    EXPECT_EQ(snapshot.channels[0].cycles, life);
+    EXPECT_GE(snapshot.channels[0].cycle_least_us, 300000u);
+    EXPECT_EQ(snapshot.channels[1].statuses[8 + 1], life);
+    EXPECT_GE(snapshot.channels[0].longest_ms, 300u);
+  }
+}
+
+TEST_F(Health, AReaderNeverSeesHalfARecordAndHoldsNobodyUp) {
+  const DaemonProcess daemon(Changes());
+  Devices devices(31);
+  std::atomic<bool> is_over{false};
+  std::vector<std::future<int>> requests;
+  for (int channel = 1; channel <= kMaxChannel; ++channel) {
+    requests.push_back(std::async(std::launch::async, [&, channel] {
+      int answered = 0;
+      for (int round = 0; round < 10; ++round) {
+        answered += Exchange(daemon, devices.Request(channel)).receive_data.status == 0 ? 1 : 0;
+      }
+      return answered;
+    }));
+  }
+  auto reader = std::async(std::launch::async, [&] {
+    int damaged = 0;
+    while (!is_over) {
+      damaged += Read().damaged_records;
+    }
+    return damaged;
+  });
+  for (auto& answered : requests) {
+    EXPECT_EQ(answered.get(), 10);
+  }
+  is_over = true;
+  EXPECT_EQ(reader.get(), 0);
+  EXPECT_EQ(Read().devices.size(), 93u);
+  EXPECT_EQ(Device(2, TAMSEL_HEALTH_TCPIP, 31).ends[TAMSEL_CAUSE_ANSWERED], 10u);
+}
+
+}  // namespace
+}  // namespace tmsc::test

@@ -1,0 +1,122 @@
+#include "health/health_keeper.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "common/time_of_day.h"
+#include "health_reader.h"
+#include "support/files.h"
+#include "support/shell.h"
+#include "support/wait.h"
+
+namespace tmsc::test {
+namespace {
+
+const HealthPlace kDevice{2, TAMSEL_HEALTH_TCPIP, 17, "192.0.2.17", 502};
+
+/// Reports `count` exchanges of the device that ended without an answer.
+void Report(int count) {
+  for (int i = 0; i < count; ++i) {
+    HealthKeeper::ReportExchange(kDevice, {TAMSEL_CAUSE_NO_ANSWER});
+  }
+}
+
+/// The file is whole and holds the device with so many exchanges.
+void ExpectWhole(const std::string& path, std::uint32_t exchanges, const std::string& what) {
+  const HealthReading reading = ReadHealth(path);
+  ASSERT_TRUE(reading.snapshot) << what << ": " << reading.error;
+  EXPECT_EQ(reading.snapshot->damaged_records, 0) << what;
+  ASSERT_EQ(reading.snapshot->devices.size(), 1u) << what;
+  EXPECT_EQ(reading.snapshot->devices[0].exchanges, exchanges) << what;
+  EXPECT_EQ(reading.snapshot->process.pid, static_cast<std::uint32_t>(::getpid())) << what;
+}
+
+// On a file system in memory and, where the temporary folder is none, on a card, where the keeper's
+// thread does the writing.
+TEST(HealthKeeper, MendsWhateverIsDoneToTheFile) {
+  for (const char* const root : {"/dev/shm", "/tmp"}) {
+    const TempFolder folder(root);
+    const std::string path = folder.Path("run/health");
+    const auto do_harm = [&](const std::string& harm) {
+      const auto run =
+          RunShell("env D=" + folder.Path("run") + " H=" + path + " sh -c '" + harm + "'");
+      ASSERT_EQ(run.exit_code, 0) << harm << ": " << run.output;
+    };
+    Singleton<HealthKeeper>::Create(path);
+    std::uint32_t exchanges = 0;
+    for (const char* const harm :
+         {"true", "rm $H", "truncate -s 0 $H", "truncate -s 300 $H", "truncate -s 1M $H",
+          "rm -r $D", "dd if=/dev/zero of=$H bs=1 seek=8 count=4 conv=notrunc",
+          "dd if=/dev/urandom of=$H bs=1000 seek=1 conv=notrunc count=118"}) {
+      do_harm(harm);
+      Report(1);
+      HealthKeeper::GetInstance()->RunPass(true);
+      ExpectWhole(path, ++exchanges, harm);
+    }
+    // What cannot be taken over stays as it is until it is gone.
+    for (const char* const harm : {"mkdir $H", "mkfifo $H", "echo something else > $H",
+                                   "ln -s /dev/full $H", "ln -s /proc/nowhere/x $H"}) {
+      do_harm(std::string("rm -r $H; ") + harm);
+      const Stopwatch time;
+      Report(1);
+      HealthKeeper::GetInstance()->RunPass(true);
+      EXPECT_LT(time.Ms(), kSlackMs) << harm;
+      EXPECT_NE(ReadHealth(path).error, "") << harm;
+      do_harm("rm -r $H");
+      HealthKeeper::GetInstance()->RunPass(true);
+      ExpectWhole(path, ++exchanges, harm);
+    }
+    // A second keeper leaves a file in use alone; a later one goes on with it.
+    { const HealthKeeper second(path); }
+    ExpectWhole(path, exchanges, "second");
+    Singleton<HealthKeeper>::Destroy();
+    Singleton<HealthKeeper>::Create(path);
+    Report(1);
+    HealthKeeper::GetInstance()->RunPass(false);
+    ExpectWhole(path, exchanges + 1, "restart");
+    EXPECT_EQ(ReadHealth(path).snapshot->process.starts, 2u);
+    Singleton<HealthKeeper>::Destroy();
+  }
+}
+
+TEST(HealthKeeper, KeepsTheHoursThatAreStillValid) {
+  const TempFolder folder;
+  const std::string path = folder.Path("health");
+  const auto now = static_cast<std::uint32_t>(MicrosecondsSinceEpoch() / 3600000000LL);
+  // The newest hour of the file is so many hours before now, and every cell says 1.
+  for (const auto& [age, kept] :
+       {std::pair(0, 48), {1, 47}, {47, 1}, {48, 0}, {500, 0}, {-5, 48}, {-48, 0}}) {
+    Singleton<HealthKeeper>::Create(path);
+    Report(1);
+    HealthKeeper::ReportStop();
+    Singleton<HealthKeeper>::Destroy();
+    tamsel_health_device device = ReadHealth(path).snapshot->devices[0];
+    device.newest_hour = now - static_cast<std::uint32_t>(age);
+    std::fill(std::begin(device.hours), std::end(device.hours), tamsel_health_hour{1, 0});
+    device.checksum = tamsel_health_checksum(&device, sizeof(device));
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(static_cast<std::streamoff>(
+        offsetof(tamsel_health_file, devices) +
+        sizeof(device) * tamsel_health_device_index(2, TAMSEL_HEALTH_TCPIP, 17)));
+    file.write(reinterpret_cast<const char*>(&device), sizeof(device));
+    file.close();
+
+    Singleton<HealthKeeper>::Create(path);
+    Report(1);
+    HealthKeeper::ReportStop();
+    Singleton<HealthKeeper>::Destroy();
+    device = ReadHealth(path).snapshot->devices[0];
+    const auto old = std::count_if(std::begin(device.hours), std::end(device.hours),
+                                   [](const auto& cell) { return cell.answered == 1; });
+    EXPECT_EQ(old, kept) << age;
+    EXPECT_EQ(device.hours[now % TAMSEL_HEALTH_HOURS].failed, 1u) << age;
+    ::unlink(path.c_str());
+  }
+}
+
+}  // namespace
+}  // namespace tmsc::test
