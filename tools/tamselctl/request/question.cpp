@@ -37,7 +37,7 @@ void TakeValues(const Question& question, modbus::AnswerCheck& answer, DeviceRep
   for (const bool bit : answer.bits) {
     report.values.emplace_back(bit);
   }
-  if (question.type) {
+  if (question.type && !answer.registers.empty()) {
     for (const auto& value : DecodeValues(answer.registers, *question.type, question.word_order)) {
       report.values.push_back(Scaled(value, question.scale));
     }
@@ -94,10 +94,10 @@ std::optional<RequestReport> Ask(Exchanger& exchanger, const Batch& batch) {
   RequestReport report;
   report.bus = batch.bus;
   report.begin_ms = NowMs();
-  const auto exchange = exchanger.Run(batch.bus, devices,
-                                      "channel " + std::to_string(batch.bus.channel) + ": " +
-                                          std::to_string(devices.size()) +
-                                          (devices.size() == 1 ? " device asked" : " devices asked"));
+  const auto exchange = exchanger.Run(
+      batch.bus, devices,
+      "channel " + std::to_string(batch.bus.channel) + ": " + std::to_string(devices.size()) +
+          (devices.size() == 1 ? " device asked" : " devices asked"));
   if (!exchange) {
     return std::nullopt;
   }

@@ -118,29 +118,15 @@ void SetRawFrames(std::vector<Device>& devices, const Options& options) {
   }
 }
 
-std::vector<byte> ReadPdu(const std::string& option, byte function, const std::string& text,
-                          const Options& options) {
-  const bool is_bits = modbus::IsBitRead(function);
-  const int most = is_bits ? modbus::kMaxReadBits : modbus::kMaxReadRegisters;
-  const auto numbers = ParseNumberList(text);
-  if (!numbers || numbers->size() != 2) {
-    ThrowUsage(option, text + " is not START,COUNT");
-  }
-  const int start = numbers->at(0);
-  const int count = numbers->at(1);
-  const std::string things = is_bits ? " bits" : " registers";
-  if (count < 1 || count > most || start + count > kAfterLastPlace) {
-    ThrowUsage(option, "1 to " + std::to_string(most) + things + ", none above 65535, can be read");
-  }
-  if (is_bits && options.type) {
+void CheckType(const Read& read, const Options& options) {
+  const int size = RegistersOf(options.type.value_or(ValueType::kU16));
+  if (modbus::IsBitRead(read.function) && options.type) {
     ThrowUsage("--type", "coils and discrete inputs have none");
   }
-  const int size = RegistersOf(options.type.value_or(ValueType::kU16));
-  if (size > 1 && count % size != 0) {
+  if (size > 1 && read.count % size != 0) {
     ThrowUsage("--type", "a value takes " + std::to_string(size) + " registers, and COUNT is " +
-                             std::to_string(count));
+                             std::to_string(read.count));
   }
-  return modbus::ReadRegistersPdu(function, start, count);
 }
 
 // What stands before the first comma and behind it.
@@ -156,8 +142,7 @@ std::pair<int, std::string> SplitStart(const std::string& option, const std::str
 
 void CheckWrite(const std::string& option, int start, std::size_t count, int most,
                 const std::string& things, bool is_rs485) {
-  if (count > static_cast<std::size_t>(most) ||
-      start + static_cast<int>(count) > kAfterLastPlace) {
+  if (count > static_cast<std::size_t>(most) || start + static_cast<int>(count) > kAfterLastPlace) {
     ThrowUsage(option, "1 to " + std::to_string(most) + things +
                            ", none above 65535, can be written in a frame of at most " +
                            std::to_string(is_rs485 ? kMaxRtuFrameLength : kMaxSendFrameLength) +
@@ -208,20 +193,9 @@ std::vector<byte> WriteCoils(const std::string& option, const std::string& given
 
 // Empty when nothing is said to be sent.
 std::vector<byte> MakePdu(const Options& options) {
-  const struct {
-    const char* option;
-    byte function;
-    const std::string& text;
-  } reads[] = {
-      {"--read-holding", modbus::kReadHoldingRegisters, options.read_holding},
-      {"--read-input", modbus::kReadInputRegisters, options.read_input},
-      {"--read-coils", modbus::kReadCoils, options.read_coils},
-      {"--read-discrete", modbus::kReadDiscreteInputs, options.read_discrete},
-  };
-  for (const auto& read : reads) {
-    if (!read.text.empty()) {
-      return ReadPdu(read.option, read.function, read.text, options);
-    }
+  if (const auto read = ParseRead(options.reads)) {
+    CheckType(*read, options);
+    return modbus::ReadRegistersPdu(read->function, read->start, read->count);
   }
   if (!options.write_registers.empty()) {
     return WriteRegisters("--write-registers", options);
@@ -240,12 +214,13 @@ void SetModbusFrames(std::vector<Device>& devices, const Options& options) {
   }
   const std::vector<byte> pdu = MakePdu(options);
   if (pdu.empty()) {
-    ThrowUsage("--read-holding", "nothing is said to be sent: one of the options of frame is "
-                                 "required");
+    ThrowUsage("--read-holding",
+               "nothing is said to be sent: one of the options of frame is "
+               "required");
   }
-  if (options.is_broadcast && (modbus::IsBitRead(pdu[0]) ||
-                               pdu[0] == modbus::kReadHoldingRegisters ||
-                               pdu[0] == modbus::kReadInputRegisters)) {
+  if (options.is_broadcast &&
+      (modbus::IsBitRead(pdu[0]) || pdu[0] == modbus::kReadHoldingRegisters ||
+       pdu[0] == modbus::kReadInputRegisters)) {
     ThrowUsage("--broadcast", "nothing can be read from all devices at once");
   }
   int transaction = 0;

@@ -3,7 +3,6 @@
 #include <CLI/CLI.hpp>
 #include <limits>
 
-#include "modbus/pdu.h"
 #include "request/frame_limits.h"
 #include "shared/address_ranges.h"
 #include "shared/number_option.h"
@@ -20,30 +19,19 @@ void AddFrameOptions(CLI::App& command, Options& options) {
                    "Bytes to send as they are, to all devices or, as ADDRESS:HEX, to one; "
                    "repeatable. When they are Modbus/TCP, the answer is checked against them")
       ->type_name("HEX");
+  AddReadOptions(*frame, options.reads);
   const struct {
     const char* name;
     std::string& target;
     std::string description;
     const char* type_name;
   } kinds[] = {
-      {"--read-holding", options.read_holding,
-       "Read holding registers (function 3), at most " + std::to_string(modbus::kMaxReadRegisters),
-       "START,COUNT"},
-      {"--read-input", options.read_input,
-       "Read input registers (function 4), at most " + std::to_string(modbus::kMaxReadRegisters),
-       "START,COUNT"},
-      {"--read-coils", options.read_coils,
-       "Read coils (function 1), at most " + std::to_string(modbus::kMaxReadBits), "START,COUNT"},
-      {"--read-discrete", options.read_discrete,
-       "Read discrete inputs (function 2), at most " + std::to_string(modbus::kMaxReadBits),
-       "START,COUNT"},
       {"--write-registers", options.write_registers,
        "Write registers (function 16), at most " + std::to_string(kMaxTcpWriteRegisters) +
            ", on RS485 " + std::to_string(kMaxRtuWriteRegisters) + "; values are of --type",
        "START,VALUE[,VALUE...]"},
       {"--write-coil", options.write_coil, "Switch one coil (function 5)", "COIL,0|1"},
-      {"--write-coils", options.write_coils, "Switch coils (function 15)",
-       "START,0|1[,0|1...]"},
+      {"--write-coils", options.write_coils, "Switch coils (function 15)", "START,0|1[,0|1...]"},
   };
   for (const auto& kind : kinds) {
     frame->add_option(kind.name, kind.target, kind.description)->type_name(kind.type_name);

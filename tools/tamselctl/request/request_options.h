@@ -8,6 +8,7 @@
 
 #include "shared/bus.h"
 #include "shared/daemon_options.h"
+#include "shared/read_options.h"
 #include "shared/value_type.h"
 
 namespace CLI {
@@ -25,10 +26,7 @@ struct Options {
 
   // What to send: exactly one of these is given.
   std::vector<std::string> frames;
-  std::string read_holding;
-  std::string read_input;
-  std::string read_coils;
-  std::string read_discrete;
+  ReadOptions reads;
   std::string write_registers;
   std::string write_coil;
   std::string write_coils;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <iostream>
 #include <utility>
@@ -159,8 +160,12 @@ class Exchanger::HealthProbe {
       return end;
     }
     const tamsel_health_channel channel = Channel(*now_.snapshot, bus.channel);
-    if (is_alone && is_answered && channel.cycles == Channel(before_, bus.channel).cycles + 1) {
-      end.response_ms = channel.cycle_last_us / kMicroseconds;
+    if (is_alone && channel.cycles == Channel(before_, bus.channel).cycles + 1) {
+      if (is_answered) {
+        end.response_ms = channel.cycle_last_us / kMicroseconds;
+      } else {
+        end.took_ms = std::llround(channel.cycle_last_us / kMicroseconds);
+      }
     }
     return end;
   }

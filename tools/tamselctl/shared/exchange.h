@@ -18,10 +18,11 @@ namespace tmsc::ctl {
 struct DeviceEnd {
   int cause = 0;   // tamsel_health_cause
   int detail = 0;  // as tamsel_health_device.last_detail
-  /// From the last byte of the frame to the last of the answer, in ms; on RS485 the time of the
-  /// whole cycle, when the device was the only one. Nothing when there was no answer.
+  /// From the last byte of the frame to the last of the answer, in ms; nothing without an answer.
+  /// On RS485 the time of the cycle, known when the device was the only one in it.
   std::optional<double> response_ms;
-  /// From the begin of the request to the end of the device's exchange; over TCP/IP only.
+  /// From the begin of the request to the end of the device's exchange, in ms; on RS485 the time of
+  /// a cycle without an answer, as above.
   std::optional<long long> took_ms;
 };
 
@@ -42,8 +43,8 @@ struct Exchange {
 /// Sends requests to a daemon, one after the other. Main thread.
 class Exchanger {
  public:
-  /// `busy_wait_ms`: how long a busy channel is tried again. `deadline_ms`: of one exchange; nothing:
-  /// as DeadlineMs says. Throws as SocketPath.
+  /// `busy_wait_ms`: how long a busy channel is tried again. `deadline_ms`: of one exchange;
+  /// nothing: as DeadlineMs says. Throws as SocketPath.
   Exchanger(const DaemonOptions& daemon, int busy_wait_ms, std::optional<int> deadline_ms,
             const Interruption& interruption, Progress& progress);
   ~Exchanger();
