@@ -107,8 +107,8 @@ AnswerCheck CheckPdu(const Bytes& pdu, const Bytes& answer) {
   if (answer[kFunction] != function) {
     return Misfit("wrong function");
   }
-  const bool is_read = IsBitRead(function) || function == kReadHoldingRegisters ||
-                       function == kReadInputRegisters;
+  const bool is_read =
+      IsBitRead(function) || function == kReadHoldingRegisters || function == kReadInputRegisters;
   if (is_read && pdu.size() == kStartAndCountLength) {
     return CheckReadAnswer(pdu, answer);
   }
@@ -116,8 +116,8 @@ AnswerCheck CheckPdu(const Bytes& pdu, const Bytes& answer) {
   // the request.
   const bool is_one = function == kWriteSingleCoil || function == kWriteSingleRegister;
   const bool is_block = function == kWriteMultipleCoils || function == kWriteMultipleRegisters;
-  const bool is_whole = is_one ? pdu.size() == kStartAndCountLength
-                               : is_block && pdu.size() > kStartAndCountLength;
+  const bool is_whole =
+      is_one ? pdu.size() == kStartAndCountLength : is_block && pdu.size() > kStartAndCountLength;
   if (is_whole && !(answer.size() == kStartAndCountLength &&
                     std::equal(answer.begin(), answer.end(), pdu.begin()))) {
     const bool is_coil = function == kWriteSingleCoil || function == kWriteMultipleCoils;

@@ -57,8 +57,8 @@ Bytes WriteCoilsPdu(int start, const std::vector<bool>& values);
 /// What an answer says about the frame it answers.
 struct AnswerCheck {
   bool is_good = true;
-  std::string text;            // what is wrong; empty when good
-  std::vector<int> registers;  // of a good answer to functions 3 and 4
+  std::string text;             // what is wrong; empty when good
+  std::vector<int> registers;   // of a good answer to functions 3 and 4
   std::vector<bool> bits = {};  // of a good answer to functions 1 and 2
   int exception = 0;            // code of the Modbus exception that was answered; 0: none
 };

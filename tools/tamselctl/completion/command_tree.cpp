@@ -54,7 +54,10 @@ bool IsAny(const CLI::App* app) {
 // A group of options is an app without a name below its command.
 void AddOptions(const CLI::App& app, std::vector<CompletedOption>& options) {
   for (const CLI::Option* option : app.get_options()) {
-    options.push_back(Complete(*option));
+    // Each group has the command's --help once more.
+    if (option != app.get_help_ptr() || !app.get_name().empty() || app.get_parent() == nullptr) {
+      options.push_back(Complete(*option));
+    }
   }
   for (const CLI::App* group : app.get_subcommands(IsAny)) {
     if (group->get_name().empty()) {

@@ -41,11 +41,11 @@ struct DeviceReport {
   std::string label;
   std::string place;
   bool is_good = false;
-  std::string status;          // in plain words
-  int code = 0;                // the device's status byte
-  int exception = 0;           // of Modbus; 0: none
-  std::vector<byte> answer;    // the answer frame as it came
-  std::vector<int> registers;  // of an answer that carries some
+  std::string status;                          // in plain words
+  int code = 0;                                // the device's status byte
+  int exception = 0;                           // of Modbus; 0: none
+  std::vector<byte> answer;                    // the answer frame as it came
+  std::vector<int> registers;                  // of an answer that carries some
   std::vector<nlohmann::ordered_json> values;  // of registers with a type, scaled, and of bits
   bool is_bits = false;
   std::string unit;  // of the values
@@ -58,9 +58,9 @@ struct RequestReport {
   long long begin_ms = 0;
   long long elapsed_ms = 0;  // of the exchange with the daemon
   int exit_code = 0;
-  int status = 0;         // of the response
-  std::string error;      // why there are no devices, for people; empty: there are
-  std::string outcome;    // of the exchange with the daemon, for programs
+  int status = 0;       // of the response
+  std::string error;    // why there are no devices, for people; empty: there are
+  std::string outcome;  // of the exchange with the daemon, for programs
   std::vector<DeviceReport> devices;
 };
 

@@ -56,9 +56,9 @@ class RequestRun {
         return false;
       }
       progress_.Clear();
-      const auto print = options_.is_json           ? PrintJson
+      const auto print = options_.is_json        ? PrintJson
                          : options_.site.empty() ? PrintTable
-                                                    : PrintNamed;
+                                                 : PrintNamed;
       print(std::cout, *report);
       statistics_.Add(*report);
       exit_code_ = report->exit_code == kExitOk ? exit_code_ : report->exit_code;
@@ -116,7 +116,12 @@ void AddRequestCommand(CLI::App& app, int& exit_code) {
       "request", "Send one request to devices of a channel and print their answers");
   command.footer(std::string(kExamples) + kExitCodeHelp);
   AddRequestOptions(command, *options);
-  command.callback([options, &exit_code] { exit_code = RequestRun(*options).Run(); });
+  command.callback([options, &command, &exit_code] {
+    if (!options->site.empty()) {
+      CheckSiteOptions(command);
+    }
+    exit_code = RequestRun(*options).Run();
+  });
 }
 
 }  // namespace tmsc::ctl

@@ -67,7 +67,7 @@ void AddTypeOptions(CLI::App& command, Options& options) {
       ->type_name("big|little");
 }
 
-CLI::Option* AddSiteOptions(CLI::App& command, Options& options) {
+void AddSiteOptions(CLI::App& command, Options& options) {
   CLI::Option* site =
       command
           .add_option("--site", options.site,
@@ -83,17 +83,6 @@ CLI::Option* AddSiteOptions(CLI::App& command, Options& options) {
                   "Only this register of each device; repeatable (default: all)")
       ->type_name("NAME")
       ->needs(site);
-  return site;
-}
-
-// A site file says all of that itself.
-void ExcludeFromSite(CLI::App& command, CLI::Option* site) {
-  for (const char* name :
-       {"--channel", "--device", "--frame", "--read-holding", "--read-input", "--read-coils",
-        "--read-discrete", "--write-registers", "--write-coil", "--write-coils", "--type",
-        "--word-order", "--unit", "--timeout", "--baud", "--broadcast"}) {
-    site->excludes(command.get_option(name));
-  }
 }
 
 void AddOutputOptions(CLI::App& command, Options& options) {
@@ -131,7 +120,7 @@ void AddOutputOptions(CLI::App& command, Options& options) {
 
 void AddRequestOptions(CLI::App& command, Options& options) {
   constexpr int kLongestMs = std::numeric_limits<int>::max();
-  CLI::Option* site = AddSiteOptions(command, options);
+  AddSiteOptions(command, options);
   command
       .add_option("--device", options.devices,
                   "A device of the channel or several, such as 1-31, reached over TCP/IP or, with "
@@ -173,7 +162,17 @@ void AddRequestOptions(CLI::App& command, Options& options) {
   AddNumber(command, "--busy-wait", options.busy_wait_ms, 0, kLongestMs,
             "Milliseconds to try again for while the channel is busy (default: 0)");
   AddOutputOptions(command, options);
-  ExcludeFromSite(command, site);
+}
+
+void CheckSiteOptions(const CLI::App& command) {
+  for (const char* name :
+       {"--channel", "--device", "--frame", "--read-holding", "--read-input", "--read-coils",
+        "--read-discrete", "--write-registers", "--write-coil", "--write-coils", "--type",
+        "--word-order", "--unit", "--timeout", "--baud", "--broadcast"}) {
+    if (command.get_option(name)->count() > 0) {
+      ThrowUsage(name, "the --site file says that");
+    }
+  }
 }
 
 }  // namespace tmsc::ctl

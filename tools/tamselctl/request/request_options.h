@@ -51,6 +51,9 @@ struct Options {
 /// it.
 void AddRequestOptions(CLI::App& command, Options& options);
 
+/// Throws as ThrowUsage when an option was given that a site file stands for.
+void CheckSiteOptions(const CLI::App& command);
+
 }  // namespace tmsc::ctl
 
 #endif  // TAMSELCTL_REQUEST_REQUEST_OPTIONS_H_

@@ -34,8 +34,8 @@ std::string ContentText(const DeviceReport& device) {
   std::string text;
   if (!device.values.empty()) {
     for (const auto& value : device.values) {
-      text += " " + (device.is_bits ? std::string(value.get<bool>() ? "1" : "0")
-                                    : ValueText(value));
+      text +=
+          " " + (device.is_bits ? std::string(value.get<bool>() ? "1" : "0") : ValueText(value));
     }
     return (device.is_bits ? "bits:" : "values:") + text;
   }
@@ -110,7 +110,8 @@ void PrintTable(std::ostream& output, const RequestReport& report) {
   headings.emplace_back("answer");
   Table table(headings);
   for (const DeviceReport& device : report.devices) {
-    std::vector<Table::Cell> row{std::to_string(device.address), device.place,
+    std::vector<Table::Cell> row{std::to_string(device.address),
+                                 device.place,
                                  {device.status, device.is_good ? Tone::kGood : Tone::kBad}};
     if (has_time) {
       row.emplace_back(TimeOf(device));

@@ -13,8 +13,6 @@
 namespace tmsc::ctl {
 namespace {
 
-constexpr const char* kAll = "all";
-
 /// Names as they were given, and whether each was found.
 class Selection {
  public:
@@ -26,14 +24,16 @@ class Selection {
 
   bool Takes(const std::string& id) {
     known_.push_back(id);
-    return ids_.empty() || ids_.count(kAll) != 0 || ids_.count(id) != 0;
+    return TakesAll() || ids_.count(id) != 0;
   }
+
+  bool TakesAll() const { return ids_.empty() || ids_.count(kAllDevices) != 0; }
 
   void RequireAll(const std::string& option, const std::string& what) const {
     constexpr std::size_t kMostTypingErrors = 2;
     for (const std::string& name : names_) {
       const std::string id = IdOf(name);
-      if (id != kAll && std::find(known_.begin(), known_.end(), id) == known_.end()) {
+      if (id != kAllDevices && std::find(known_.begin(), known_.end(), id) == known_.end()) {
         const std::string nearest = NearestWord(id, known_, kMostTypingErrors);
         ThrowUsage(option, "no " + what + " " + name + " in the site" +
                                (nearest.empty() ? "" : "; did you mean " + nearest + "?"));
@@ -67,8 +67,9 @@ Question MakeQuestion(const Bus& bus, const SiteDevice& device, const SiteRegist
   return question;
 }
 
-// Adds what is asked of one device: its n-th register goes into the n-th request.
-void AddDevice(const Bus& bus, const SiteDevice& device, Selection& registers,
+// Adds what is asked of one device: its n-th register goes into the n-th request. False when it is
+// asked nothing.
+bool AddDevice(const Bus& bus, const SiteDevice& device, Selection& registers,
                std::vector<Batch>& batches) {
   std::vector<SiteRegister> asked;
   std::copy_if(device.registers.begin(), device.registers.end(), std::back_inserter(asked),
@@ -82,6 +83,7 @@ void AddDevice(const Bus& bus, const SiteDevice& device, Selection& registers,
     questions.push_back(MakeQuestion(bus, device, asked[index], asked.size() == 1,
                                      static_cast<int>(questions.size()) + 1));
   }
+  return !asked.empty();
 }
 
 }  // namespace
@@ -94,19 +96,21 @@ std::vector<Batch> MakeSiteBatches(const Options& options) {
   Selection devices(options.names);
   Selection registers(options.registers);
   std::vector<Batch> batches;
+  std::vector<std::string> mute;
   for (const SiteBus& bus : site.buses) {
     std::vector<Batch> of_bus;
     for (const SiteDevice& device : bus.devices) {
-      if (devices.Takes(device.id)) {
-        AddDevice(bus.bus, device, registers, of_bus);
+      if (devices.Takes(device.id) && !AddDevice(bus.bus, device, registers, of_bus) &&
+          !devices.TakesAll()) {
+        mute.push_back(device.name);
       }
     }
     std::move(of_bus.begin(), of_bus.end(), std::back_inserter(batches));
   }
   devices.RequireAll("--site", "device");
   registers.RequireAll("--register", "register of these devices");
-  if (batches.empty()) {
-    ThrowUsage("--site", "these devices have no registers: none has a \"kind\"");
+  if (!mute.empty() || batches.empty()) {
+    ThrowUsage("--site", (mute.empty() ? "the site" : mute.front()) + " has no register to read");
   }
   return batches;
 }

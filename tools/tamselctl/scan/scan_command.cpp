@@ -68,17 +68,17 @@ class Scan {
     LoggerSettingManager settings;
     const auto units = static_cast<long long>(options_.units.size());
     const long long requests = (units + *options_.at_once - 1) / *options_.at_once;
-    constexpr int kOfDaemonMs = 20;
+    const int of_daemon_ms = 20 + exchanger_.HealthWaitMs();
     const int timeout_ms = options_.bus.timeout_ms;
     if (!options_.bus.IsRs485()) {
       return requests *
-             (2 * timeout_ms + settings.GetTcpDrainTimeout().value_or(timeout_ms) + kOfDaemonMs);
+             (2 * timeout_ms + settings.GetTcpDrainTimeout().value_or(timeout_ms) + of_daemon_ms);
     }
     constexpr int kBitsOfByte = 11;
     constexpr int kOfFrames = 13;  // bytes of both beside the values
     const int frames_ms =
         1 + (kOfFrames + 2 * read_.count) * kBitsOfByte * 1000 / std::stoi(options_.bus.baud->name);
-    return requests * (settings.GetRs485StartWait() + kOfDaemonMs) +
+    return requests * (settings.GetRs485StartWait() + of_daemon_ms) +
            units * (timeout_ms + options_.bus.wait_ms + frames_ms);
   }
 

@@ -108,9 +108,9 @@ Request BuildRequest(const Bus& bus, const std::vector<Device>& devices) {
 // even at the lowest speed.
 int DeadlineMs(const Bus& bus, std::size_t devices) {
   constexpr int kOfDaemonMs = 10000;
-  return kOfDaemonMs +
-         (bus.IsRs485() ? static_cast<int>(devices) * (bus.timeout_ms + bus.wait_ms + 1000)
-                        : 6 * bus.timeout_ms);
+  return kOfDaemonMs + (bus.IsRs485()
+                            ? static_cast<int>(devices) * (bus.timeout_ms + bus.wait_ms + 1000)
+                            : 6 * bus.timeout_ms);
 }
 
 }  // namespace tmsc::ctl

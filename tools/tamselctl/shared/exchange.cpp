@@ -1,5 +1,8 @@
 #include "shared/exchange.h"
 
+#include <linux/magic.h>
+#include <sys/vfs.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -23,6 +26,8 @@ bool IsBusy(const ExchangeResult& result) {
   return result.outcome == Outcome::kAnswered &&
          result.response.receive_data.status == kDeviceCommunicationChannelBusyError;
 }
+
+constexpr int kHealthWaitMs = 1200;
 
 // A daemon that another socket belongs to keeps its health elsewhere.
 std::string HealthOf(const DaemonOptions& daemon, const std::string& socket_path) {
@@ -82,17 +87,22 @@ class Exchanger::HealthProbe {
 
   bool IsReadable() const { return now_.snapshot.has_value(); }
 
+  bool IsInMemory() const {
+    struct statfs state {};
+    return ::statfs(path_.c_str(), &state) == 0 &&
+           (state.f_type == TMPFS_MAGIC || state.f_type == RAMFS_MAGIC);
+  }
+
   void Begin() {
     now_ = ReadHealth(path_);
     before_ = now_.snapshot.value_or(HealthSnapshot{});
     begin_ms_ = NowMs();
   }
 
-  /// The daemon writes a file that is not in memory within a second.
+  /// Waits until the daemon has written, as it does within a second.
   std::vector<std::optional<DeviceEnd>> End(const Bus& bus, const std::vector<Device>& devices) {
-    constexpr std::chrono::milliseconds kLatest{1200};
     constexpr std::chrono::milliseconds kPace{20};
-    const Deadline deadline(kLatest);
+    const Deadline deadline{std::chrono::milliseconds(kHealthWaitMs)};
     std::vector<std::optional<DeviceEnd>> ends;
     while (true) {
       now_ = ReadHealth(path_);
@@ -193,6 +203,10 @@ Exchanger::~Exchanger() = default;
 
 bool Exchanger::HasHealth() const {
   return health_ && health_->IsReadable();
+}
+
+int Exchanger::HealthWaitMs() const {
+  return HasHealth() && !health_->IsInMemory() ? kHealthWaitMs : 0;
 }
 
 // The daemon ends an exchange that it has begun, whether or not somebody still waits for it.

@@ -56,6 +56,9 @@ class Exchanger {
 
   /// Whether the daemon keeps a health file that can be read.
   bool HasHealth() const;
+  /// How long Run may wait for that file behind an exchange, in ms: the daemon writes one that is
+  /// not in memory within a second.
+  int HealthWaitMs() const;
 
  private:
   class HealthProbe;

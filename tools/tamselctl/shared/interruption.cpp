@@ -51,8 +51,7 @@ int Interruption::ExitCode() const {
 bool Interruption::Sleep(std::chrono::milliseconds duration) const {
   const Deadline end(duration);
   while (Signal() == 0 && !end.HasPassed()) {
-    std::this_thread::sleep_for(
-        std::min(kPace, std::chrono::milliseconds(end.RemainingMs())));
+    std::this_thread::sleep_for(std::min(kPace, std::chrono::milliseconds(end.RemainingMs())));
   }
   return Signal() == 0;
 }

@@ -264,8 +264,8 @@ class SiteBuilder {
 
   void TakeBus(const JsonValue& item) {
     const Fields fields(
-        item, "a bus",
-        {"name", "channel", "baud", "line", "silence", "wait", "timeout", "devices"}, mistakes_);
+        item, "a bus", {"name", "channel", "baud", "line", "silence", "wait", "timeout", "devices"},
+        mistakes_);
     SiteBus result;
     result.name = fields.Text(fields.Find("name"));
     Bus& bus = result.bus;
@@ -309,8 +309,11 @@ class SiteBuilder {
     SiteDevice device;
     device.name = fields.Text(fields.Require("name"));
     device.id = IdOf(device.name);
-    device.address =
-        fields.Number(fields.Require("address"), 1, kMaxDeviceCountAtChannel, 0);
+    if (!device.name.empty() && (device.id.empty() || device.id == kAllDevices)) {
+      mistakes_.Add(fields.Find("name")->offset,
+                    Quoted(device.name) + " cannot be a name: it says nothing, or all devices");
+    }
+    device.address = fields.Number(fields.Require("address"), 1, kMaxDeviceCountAtChannel, 0);
     device.unit_id = fields.Number(fields.Find("unit_id"), bus.bus.IsRs485() ? 1 : 0,
                                    bus.bus.IsRs485() ? 247 : 255, device.address);
     if (bus.bus.IsRs485()) {
@@ -320,7 +323,7 @@ class SiteBuilder {
       const auto parse_ip = [](const std::string& text) -> std::optional<std::string> {
         in_addr parsed{};
         return ::inet_pton(AF_INET, text.c_str(), &parsed) == 1 ? std::optional(text)
-                                                                 : std::nullopt;
+                                                                : std::nullopt;
       };
       device.ip_address =
           fields.Choice(fields.Require("ip"), parse_ip, "the IPv4 addresses, such as 192.0.2.7")
@@ -344,9 +347,9 @@ class SiteBuilder {
         known.push_back(known_name);
       }
       const std::string nearest = NearestWord(name, known, kMostTypingErrors);
-      mistakes_.Add(kind->offset, "no kind " + Quoted(name) + " in \"kinds\"" +
-                                      (nearest.empty() ? "" : "; did you mean " +
-                                                                  Quoted(nearest) + "?"));
+      mistakes_.Add(kind->offset,
+                    "no kind " + Quoted(name) + " in \"kinds\"" +
+                        (nearest.empty() ? "" : "; did you mean " + Quoted(nearest) + "?"));
     }
   }
 

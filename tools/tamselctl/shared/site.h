@@ -11,12 +11,15 @@
 
 namespace tmsc::ctl {
 
+/// In place of a device's name on a command line: all devices of the site.
+constexpr const char* kAllDevices = "all";
+
 /// A value of a device: which registers or bit hold it and what it means.
 struct SiteRegister {
   std::string name;
   byte function = 0;  // of the Modbus read
   int start = 0;
-  int count = 1;      // registers, or one bit
+  int count = 1;  // registers, or one bit
   ValueType type = ValueType::kU16;
   WordOrder word_order = WordOrder::kBig;
   double scale = 1;
@@ -24,10 +27,10 @@ struct SiteRegister {
 };
 
 struct SiteDevice {
-  std::string name;  // "Inverter 17"
-  std::string id;    // the same for a command line, "inverter-17"
-  int address = 0;   // 1 to 31
-  int unit_id = 0;   // Modbus unit
+  std::string name;        // "Inverter 17"
+  std::string id;          // the same for a command line, "inverter-17"
+  int address = 0;         // 1 to 31
+  int unit_id = 0;         // Modbus unit
   std::string ip_address;  // over TCP/IP
   int port = 502;          // over TCP/IP
   std::vector<SiteRegister> registers;

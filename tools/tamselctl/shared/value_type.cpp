@@ -21,9 +21,9 @@ struct TypeWords {
   int registers;
 };
 constexpr TypeWords kTypes[] = {
-    {"u16", ValueType::kU16, 1},       {"i16", ValueType::kI16, 1}, {"u32", ValueType::kU32, 2},
-    {"i32", ValueType::kI32, 2},       {"f32", ValueType::kF32, 2},
-    {"string", ValueType::kString, 0}, {"hex", ValueType::kHex, 1},
+    {"u16", ValueType::kU16, 1}, {"i16", ValueType::kI16, 1}, {"u32", ValueType::kU32, 2},
+    {"i32", ValueType::kI32, 2}, {"f32", ValueType::kF32, 2}, {"string", ValueType::kString, 0},
+    {"hex", ValueType::kHex, 1},
 };
 
 std::uint32_t FloatBits(float value) {
@@ -142,8 +142,8 @@ std::vector<nlohmann::ordered_json> DecodeValues(const std::vector<int>& registe
                                                  WordOrder order) {
   if (type == ValueType::kString) {
     const bool is_little = order == WordOrder::kLittle;
-    return {TextValue(is_little ? std::vector<int>(registers.rbegin(), registers.rend())
-                                : registers)};
+    return {
+        TextValue(is_little ? std::vector<int>(registers.rbegin(), registers.rend()) : registers)};
   }
   const auto size = static_cast<std::size_t>(RegistersOf(type));
   std::vector<nlohmann::ordered_json> values;

@@ -25,9 +25,9 @@ extern const char* const kValueTypeNames;
 int RegistersOf(ValueType type);
 
 /// The values that registers hold, as JSON: numbers, a text, or for hex four digits a register. A
-/// text ends at the first NUL, blanks at its end are left out, and bytes that are no printable ASCII
-/// are shown as '.'. A float that is no number is null. The number of registers is a multiple of
-/// what one value takes.
+/// text ends at the first NUL, blanks at its end are left out, and bytes that are no printable
+/// ASCII are shown as '.'. A float that is no number is null. The number of registers is a multiple
+/// of what one value takes.
 std::vector<nlohmann::ordered_json> DecodeValues(const std::vector<int>& registers, ValueType type,
                                                  WordOrder order);
 
