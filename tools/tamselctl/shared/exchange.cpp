@@ -89,8 +89,11 @@ class Exchanger::HealthProbe {
 
   bool IsInMemory() const {
     struct statfs state {};
-    return ::statfs(path_.c_str(), &state) == 0 &&
-           (state.f_type == TMPFS_MAGIC || state.f_type == RAMFS_MAGIC);
+    if (::statfs(path_.c_str(), &state) != 0) {
+      return false;
+    }
+    const auto type = static_cast<std::uint32_t>(state.f_type);
+    return type == TMPFS_MAGIC || type == RAMFS_MAGIC;
   }
 
   void Begin() {
