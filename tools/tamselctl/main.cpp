@@ -5,6 +5,9 @@
 #include "completion/completion_command.h"
 #include "request/request_command.h"
 #include "scan/scan_command.h"
+#include "log/log_command.h"
+#include "request/request_command.h"
+#include "settings/settings_command.h"
 #include "shared/command_line.h"
 #include "shared/exit_code.h"
 #include "shared/standard_streams.h"
@@ -14,10 +17,12 @@ namespace tmsc::ctl {
 namespace {
 
 constexpr void (*kAddCommands[])(CLI::App& app, int& exit_code) = {
+    AddLogCommand,
     AddRequestCommand,
     AddScanCommand,
     AddSiteCommand,
     AddCompletionCommand,
+    AddSettingsCommand,
 };
 
 int Run(int argc, char** argv) {
