@@ -103,7 +103,7 @@ AnswerCheck Misfit(const std::string& text) {
 AnswerCheck CheckPdu(const Bytes& pdu, const Bytes& answer) {
   const std::uint8_t function = pdu[kFunction];
   if (answer[kFunction] == (function | kExceptionFlag) && answer.size() == kData + 1) {
-    return {false, ExceptionText(answer[kData]), {}, answer[kData]};
+    return {false, ExceptionText(answer[kData]), {}, {}, answer[kData]};
   }
   if (answer[kFunction] != function) {
     return Misfit("wrong function");

@@ -59,8 +59,8 @@ struct AnswerCheck {
   bool is_good = true;
   std::string text;             // what is wrong; empty when good
   std::vector<int> registers;   // of a good answer to functions 3 and 4
-  int exception = 0;            // code of the Modbus exception that was answered; 0: none
   std::vector<bool> bits = {};  // of a good answer to functions 1 and 2
+  int exception = 0;            // code of the Modbus exception that was answered; 0: none
 };
 
 /// An answer that does not belong to its frame.

@@ -46,7 +46,20 @@ CLI::Option* AddSerialCode(CLI::App& command, const std::string& name,
       description);
 }
 
+std::string NameOf(const std::vector<SerialCode>& codes, unsigned wanted) {
+  for (const SerialCode& code : codes) {
+    if (code.code == wanted) {
+      return code.name;
+    }
+  }
+  return "code " + std::to_string(wanted);
+}
+
 }  // namespace
+
+std::string LineText(unsigned speed_code, unsigned format_code) {
+  return NameOf(kSpeeds, speed_code) + " " + NameOf(kLines, format_code);
+}
 
 std::optional<SerialCode> FindSpeed(const std::string& name) {
   return Find(kSpeeds, name);

@@ -17,6 +17,9 @@ namespace tmsc::ctl {
 /// The format of a line unless --line says otherwise.
 constexpr SerialCode kDefaultLine = {"8N1", VLM_RS485_8N1};
 
+/// The speed and the format of a line by their codes, "19200 8E1"; a code that has no name as
+/// "code 17".
+std::string LineText(unsigned speed_code, unsigned format_code);
 /// The code of a speed, "19200", or of a format, "8E1"; nothing for a text that is none.
 std::optional<SerialCode> FindSpeed(const std::string& name);
 std::optional<SerialCode> FindLineFormat(const std::string& name);
