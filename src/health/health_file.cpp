@@ -65,8 +65,11 @@ bool IsSameFile(int file, int other_file) {
 
 bool IsMemoryFileSystem(int file) {
   struct statfs system {};
-  return ::fstatfs(file, &system) == 0 &&
-         (system.f_type == TMPFS_MAGIC || system.f_type == RAMFS_MAGIC);
+  if (::fstatfs(file, &system) != 0) {
+    return false;
+  }
+  const auto type = static_cast<std::uint32_t>(system.f_type);  // where it has 32 bits, with a sign
+  return type == TMPFS_MAGIC || type == RAMFS_MAGIC;
 }
 
 }  // namespace
