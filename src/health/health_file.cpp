@@ -10,12 +10,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <iterator>
 #include <system_error>
 #include <utility>
 
 #include "tamsel_health.h"
+#include "utility/file_util.h"
 
 namespace tmsc {
 
@@ -82,8 +82,7 @@ std::string HealthFile::Open() {
   if (::stat(path_.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
     return "no regular file";
   }
-  std::error_code no_matter;  // the open tells
-  std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), no_matter);
+  FileUtil::TryCreateDirectory(FileUtil::GetDirectory(path_));  // the open tells
   Descriptor file(::open(path_.c_str(), kOpenFlags | O_CREAT, 0644));
   if (!file.IsOpen()) {
     return ErrorText();
