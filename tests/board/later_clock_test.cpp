@@ -34,10 +34,10 @@ TEST(LaterClock, ServesAndLogsAfterTheYear2038) {
   const std::string health = folder.Path("run/health/file");
   DaemonProcess daemon({{"HealthFilePath", health},
                         {"EnableLogBufferedIO", "0"},
-                        {"LoggerComLogMaxFileSize", "2KB"}},
+                        {"LoggerComLogMaxFileSize", "20KB"}},
                        {true,
                         "mkdir -p $F/card/velmorahome/Log $F/check; "
-                        "head -c 2000 /dev/zero > $F/card/velmorahome/Log/LoggerCom.log; "
+                        "head -c 20400 /dev/zero > $F/card/velmorahome/Log/LoggerCom.log; "
                         "touch $F/check/tmsc; mkdir " +
                             folder.Path("run") + "; find $F " + folder.Path() +
                             " -exec touch -d 2061-01-01 {} +; "
@@ -59,7 +59,7 @@ TEST(LaterClock, ServesAndLogsAfterTheYear2038) {
   EXPECT_GE(stamp, StampOf(begin_ms));
   EXPECT_LE(stamp, StampOf(end_ms));
   EXPECT_TRUE(WaitFor(5000, [&] { return Contains(ReadFile(daemon.LogPath()), stamp); }));
-  EXPECT_EQ(ReadFile(daemon.LogPath() + ".1").size(), 2000U);
+  EXPECT_EQ(ReadFile(daemon.LogPath() + ".1").size(), 20400U);
   HealthReading reading;
   ASSERT_TRUE(WaitFor(5000, [&] {
     reading = ReadHealth(health);
