@@ -2,7 +2,10 @@
 #include <csignal>
 #include <iostream>
 
+#include "health/health_command.h"
+#include "log/log_command.h"
 #include "request/request_command.h"
+#include "settings/settings_command.h"
 #include "shared/command_line.h"
 #include "shared/exit_code.h"
 #include "shared/standard_streams.h"
@@ -11,7 +14,10 @@ namespace tmsc::ctl {
 namespace {
 
 constexpr void (*kAddCommands[])(CLI::App& app, int& exit_code) = {
+    AddHealthCommand,
+    AddLogCommand,
     AddRequestCommand,
+    AddSettingsCommand,
 };
 
 int Run(int argc, char** argv) {

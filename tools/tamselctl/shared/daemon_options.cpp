@@ -35,22 +35,35 @@ void AddDaemonOptions(CLI::App& command, DaemonOptions& options) {
       .add_option("--socket", options.socket_path,
                   "Socket of the daemon (default: ComSocketPath of the settings)")
       ->type_name("PATH");
+  AddSettingsOption(command, options.settings_path);
+}
+
+void AddSettingsOption(CLI::App& command, std::string& settings_path) {
   command
-      .add_option("--settings", options.settings_path,
+      .add_option("--settings", settings_path,
                   "Settings file of the daemon (default: " + kLoggerSettingFileVariable +
                       " of the environment, else " + kLoggerSettingXmlFilePath + ")")
       ->type_name("FILE");
+}
+
+void UseSettings(const std::string& settings_path) {
+  if (!settings_path.empty()) {
+    RequireReadable(settings_path);
+    ::setenv(kLoggerSettingFileVariable.c_str(), settings_path.c_str(), 1);
+  }
 }
 
 std::string SocketPath(const DaemonOptions& options) {
   if (!options.socket_path.empty()) {
     return options.socket_path;
   }
-  if (!options.settings_path.empty()) {
-    RequireReadable(options.settings_path);
-    ::setenv(kLoggerSettingFileVariable.c_str(), options.settings_path.c_str(), 1);
-  }
+  UseSettings(options.settings_path);
   return LoggerSettingManager().GetComSocketPath();
+}
+
+std::string HealthFilePath(const DaemonOptions& options) {
+  UseSettings(options.settings_path);
+  return LoggerSettingManager().GetHealthFilePath();
 }
 
 }  // namespace tmsc::ctl

@@ -18,10 +18,21 @@ struct DaemonOptions {
 /// Adds --socket and --settings; the parse leaves them in `options`, which must outlive it.
 void AddDaemonOptions(CLI::App& command, DaemonOptions& options);
 
+/// Adds --settings alone, for a command that has no use for the socket.
+void AddSettingsOption(CLI::App& command, std::string& settings_path);
+
+/// Makes the settings manager read the file that was given; without one, empty, what a daemon would
+/// read that is started with this environment. A file that cannot be read is thrown as by
+/// ThrowUsage.
+void UseSettings(const std::string& settings_path);
+
 /// The socket that was given; else that of the settings file that was given, read as the daemon
 /// reads it; else that of the settings a daemon would have that is started with this environment.
 /// A settings file that was given and cannot be read is thrown as by ThrowUsage.
 std::string SocketPath(const DaemonOptions& options);
+
+/// The health file of the same settings; empty when they name none.
+std::string HealthFilePath(const DaemonOptions& options);
 
 }  // namespace tmsc::ctl
 

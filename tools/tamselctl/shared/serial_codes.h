@@ -2,9 +2,10 @@
 #define TAMSELCTL_SHARED_SERIAL_CODES_H_
 
 #include <optional>
+#include <string>
 
 #include "communication_common.h"
-#include "vlm_rs485.h"
+#include "serial_line_codes.h"
 
 namespace CLI {
 class App;
@@ -13,14 +14,12 @@ class Option;
 
 namespace tmsc::ctl {
 
-/// A code of the serial library under the name that people know it by.
-struct SerialCode {
-  const char* name;
-  byte code;
-};
-
 /// The format of a line unless --line says otherwise.
 constexpr SerialCode kDefaultLine = {"8N1", VLM_RS485_8N1};
+
+/// The speed and the format of a line by their codes, "19200 8E1"; a code that has no name as
+/// "code 17".
+std::string LineText(unsigned speed_code, unsigned format_code);
 
 /// Adds --baud and --line, which needs --baud; the parse leaves them in the targets, which must
 /// outlive it. `baud_description` says what follows from a speed. Returns --baud.
