@@ -17,6 +17,7 @@
 #include "shared/exit_code.h"
 #include "shared/number_option.h"
 #include "shared/screen.h"
+#include "shared/site.h"
 #include "shared/times.h"
 
 namespace tmsc::ctl {
@@ -173,6 +174,17 @@ void AddHealthCommand(CLI::App& app, int& exit_code) {
   AddSelection(command, *options);
   AddForms(command, *options);
   AddSettingsOption(command, options->daemon.settings_path);
+  command
+      .add_option_function<std::string>(
+          "--site",
+          [options](const std::string& path) {
+            options->namer = [site = RequireSite("--site", path)](int channel, int transport,
+                                                                  int address) {
+              return site.DeviceName(channel, transport, address);
+            };
+          },
+          "A file that names the devices")
+      ->type_name("FILE");
   command.callback([options, &exit_code] { exit_code = RunHealth(*options); });
 }
 

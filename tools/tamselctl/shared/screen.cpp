@@ -1,48 +1,17 @@
 #include "shared/screen.h"
 
-#include <signal.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <ctime>
+#include <chrono>
 #include <iostream>
 #include <sstream>
 #include <string>
 
+#include "shared/interruption.h"
+
 namespace tmsc::ctl {
 namespace {
-
-/// The two signals that end the program, kept back so that they can be waited for.
-class EndSignals {
- public:
-  EndSignals() {
-    sigemptyset(&signals_);
-    for (const int signal_number : {SIGINT, SIGTERM}) {
-      // One that the caller has ignored (a shell's background job) stays ignored.
-      struct sigaction action {};
-      if (::sigaction(signal_number, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) {
-        sigaddset(&signals_, signal_number);
-      }
-    }
-    ::sigprocmask(SIG_BLOCK, &signals_, &former_);
-  }
-  ~EndSignals() { ::sigprocmask(SIG_SETMASK, &former_, nullptr); }
-  EndSignals(const EndSignals&) = delete;
-  EndSignals& operator=(const EndSignals&) = delete;
-
-  /// Whether one came before the time was over.
-  bool Wait(std::int64_t duration_ms) const {
-    const timespec duration{static_cast<std::time_t>(duration_ms / 1000),
-                            static_cast<long>(duration_ms % 1000 * 1000000)};
-    // Another signal, such as that of a window that changes its size, ends a wait early.
-    return ::sigtimedwait(&signals_, nullptr, &duration) > 0;
-  }
-
- private:
-  sigset_t signals_{};
-  sigset_t former_{};
-};
 
 /// What is printed on standard output meanwhile, colours as on the terminal.
 std::string Capture(const std::function<void(std::ostream&)>& draw) {
@@ -75,7 +44,7 @@ std::string InPlace(const std::string& picture) {
 
 void ShowRepeatedly(std::int64_t period_ms, bool in_place,
                     const std::function<void(std::ostream&)>& draw) {
-  const EndSignals end_signals;
+  const Interruption interruption;
   const bool is_screen = in_place && ::isatty(STDOUT_FILENO) != 0;
   if (is_screen) {
     std::cout << "\033[2J";
@@ -86,7 +55,7 @@ void ShowRepeatedly(std::int64_t period_ms, bool in_place,
     } else {
       draw(std::cout);
     }
-  } while (std::cout.flush() && !end_signals.Wait(period_ms));
+  } while (std::cout.flush() && interruption.Sleep(std::chrono::milliseconds(period_ms)));
 }
 
 }  // namespace tmsc::ctl
