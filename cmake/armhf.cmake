@@ -5,4 +5,6 @@ set(board_library_folder arm-linux-gnueabihf)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 include(${CMAKE_CURRENT_LIST_DIR}/debian_sysroot.cmake)
 
+# Notes on how an older compiler passed arguments.
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L "${CMAKE_SYSROOT}")
