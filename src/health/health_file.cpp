@@ -10,11 +10,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <system_error>
 #include <utility>
 
 #include "tamsel_health.h"
+#include "utility/file_util.h"
 
 namespace tmsc {
 
@@ -75,8 +75,11 @@ bool IsSameFile(int file, int other_file) {
 
 bool IsMemoryFileSystem(int file) {
   struct statfs system {};
-  return ::fstatfs(file, &system) == 0 &&
-         (system.f_type == TMPFS_MAGIC || system.f_type == RAMFS_MAGIC);
+  if (::fstatfs(file, &system) != 0) {
+    return false;
+  }
+  const auto type = static_cast<std::uint32_t>(system.f_type);  // where it has 32 bits, with a sign
+  return type == TMPFS_MAGIC || type == RAMFS_MAGIC;
 }
 
 }  // namespace
@@ -85,8 +88,7 @@ HealthFile::HealthFile(std::string path)
     : path_(std::move(path)), file_(::open("/dev/null", O_RDWR | O_CLOEXEC)) {}
 
 std::string HealthFile::Open() {
-  std::error_code no_matter;  // the open tells
-  std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), no_matter);
+  FileUtil::TryCreateDirectory(FileUtil::GetDirectory(path_));  // the open tells
   Descriptor file(::open(path_.c_str(), kOpenFlags | O_CREAT, 0644));
   if (!file.IsOpen()) {
     return ErrorText();

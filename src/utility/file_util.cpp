@@ -3,12 +3,18 @@
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/Path.h>
+#include <fcntl.h>
 #include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstdio>
 
 #include "log/log_text.h"
 #include "utility/constant_string.h"
+#include "utility/descriptor.h"
 
 namespace tmsc {
 
@@ -44,6 +50,40 @@ auto LogRefusal(const std::string& lead_in, const std::string& path, Operation o
   }
 }
 
+/// Throws what errno says of a system call for the path that failed.
+void Require(bool is_done, const std::string& path) {
+  if (!is_done) {
+    Poco::File::handleLastError(path);
+  }
+}
+
+// Poco's own operations fail on 32-bit systems for whatever was changed after 19 January 2038:
+// their time has 32 bits there, also where ours has 64.
+struct stat StatusOf(const std::string& path) {
+  struct stat status {};
+  Require(::stat(path.c_str(), &status) == 0, path);
+  return status;
+}
+
+void MakeDirectories(const std::string& path) {
+  if (IsTooLong(path)) {
+    throw Poco::PathSyntaxException("too long for a path", static_cast<int>(path.size()));
+  }
+  for (std::size_t end = 0; end != std::string::npos;) {
+    end = path.find('/', end + 1);
+    const std::string part = path.substr(0, end);
+    Require(::mkdir(part.c_str(), 0777) == 0 || errno == EEXIST, part);
+  }
+}
+
+bool IsWriteable(const struct stat& status) {
+  if (status.st_uid == ::geteuid()) {
+    return (status.st_mode & S_IWUSR) != 0;
+  }
+  return status.st_gid == ::getegid() ? (status.st_mode & S_IWGRP) != 0
+                                      : (status.st_mode & S_IWOTH) != 0 || ::geteuid() == 0;
+}
+
 }  // namespace
 
 void FileUtil::Create() {
@@ -53,23 +93,23 @@ void FileUtil::Create() {
 
 bool FileUtil::RenameFile(const std::string& target, const std::string& rename) {
   return LogRefusal("Rename file. file:[", target + "] -> [" + rename, [&] {
-    Poco::File(target).renameTo(rename);
+    Require(std::rename(target.c_str(), rename.c_str()) == 0, target);
     return true;
   });
 }
 
 bool FileUtil::CreateFile(const std::string& target) {
   return LogRefusal("Create file. file:[", target, [&] {
-    Poco::File file(target);
-    if (IsFileExists(target)) {
-      file.remove();
-    }
-    return file.createFile();
+    Require(std::remove(target.c_str()) == 0 || errno == ENOENT, target);
+    const Descriptor file(::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    Require(file.IsOpen(), target);
+    return true;
   });
 }
 
 bool FileUtil::IsFileExists(std::string path) {
-  return !path.empty() && Poco::File(path).exists();
+  struct stat status {};
+  return !path.empty() && ::stat(path.c_str(), &status) == 0;
 }
 
 std::string FileUtil::GetFileName(std::string path) {
@@ -78,16 +118,23 @@ std::string FileUtil::GetFileName(std::string path) {
 
 bool FileUtil::CreateDirectory(const std::string& target, bool recursive) {
   return LogRefusal("Create directory fail. fl:[", target, [&] {
-    if (IsTooLong(target)) {
-      throw Poco::PathSyntaxException("too long for a path", static_cast<int>(target.size()));
-    }
-    Poco::File directory(target);
     if (!recursive) {
-      return directory.createDirectory();
+      const bool is_made = ::mkdir(target.c_str(), 0777) == 0;
+      Require(is_made || (errno == EEXIST && S_ISDIR(StatusOf(target).st_mode)), target);
+      return is_made;
     }
-    directory.createDirectories();
+    MakeDirectories(target);
     return IsFileExists(target);
   });
+}
+
+bool FileUtil::TryCreateDirectory(const std::string& target) {
+  try {
+    MakeDirectories(target);
+    return true;
+  } catch (const Poco::Exception&) {
+    return false;
+  }
 }
 
 std::string FileUtil::GetDirectory(const std::string& target) {
@@ -96,20 +143,21 @@ std::string FileUtil::GetDirectory(const std::string& target) {
 
 bool FileUtil::SetWriteable(const std::string& target, bool enable) {
   return LogRefusal("Set Writable fail. file:[", target, [&] {
-    Poco::File file(target);
-    file.setWriteable(enable);
-    return file.canWrite() == enable;
+    constexpr mode_t kAllRights = S_IWUSR | S_IWGRP | S_IWOTH;
+    const mode_t mode = StatusOf(target).st_mode & 07777;
+    Require(::chmod(target.c_str(), enable ? mode | S_IWUSR : mode & ~kAllRights) == 0, target);
+    return IsWriteable(StatusOf(target)) == enable;
   });
 }
 
 bool FileUtil::CanWrite(const std::string& target) {
   return LogRefusal("Can Write fail. file:[", target,
-                    [&] { return Poco::File(target).canWrite(); });
+                    [&] { return IsWriteable(StatusOf(target)); });
 }
 
 uint FileUtil::GetSize(const std::string& target) {
   return LogRefusal("Get fail size fail. file:[", target,
-                    [&] { return static_cast<uint>(Poco::File(target).getSize()); });
+                    [&] { return static_cast<uint>(StatusOf(target).st_size); });
 }
 
 void FileUtil::SetLogWriteEnable(bool enable) {

@@ -31,6 +31,8 @@ class FileUtil : public Singleton<FileUtil> {
   /// With `recursive`, creates missing parents too and returns whether the folder is there
   /// afterwards; without, returns whether this call created it.
   static bool CreateDirectory(const std::string& target, bool recursive);
+  /// The same with missing parents, for a caller that tells a refusal itself: no log line.
+  static bool TryCreateDirectory(const std::string& target);
   /// The path without its last component, ending in a separator.
   static std::string GetDirectory(const std::string& target);
   /// Changes the write permission; true when it is as wanted afterwards.

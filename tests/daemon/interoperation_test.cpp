@@ -3,8 +3,7 @@
 namespace tmsc::test {
 namespace {
 
-const std::string kScript =
-    std::filesystem::path(__FILE__).replace_filename("modbus_server.py").string();
+const std::string kScript = TAMSEL_TESTS_DIR "/daemon/modbus_server.py";
 
 /// Reads and writes registers of a server of another party, whose one line says what device it is.
 void ExpectRegisters(const std::string& server, const DaemonProcess& daemon) {

@@ -89,7 +89,8 @@ TEST_F(LoggerLogTest, LinesAreWholeAndTheEndWaitsForNobody) {
     for (const std::string& line : test::Lines(LogText())) {
       int thread = 0, number = 0;
       char end = ' ';
-      ASSERT_EQ(std::sscanf(line.c_str() + 30, "[I] %d %d whole%c", &thread, &number, &end), 3);
+      ASSERT_EQ(std::sscanf(line.c_str() + 30, "[I] %d %d whole%c", &thread, &number, &end), 3)
+          << line;
       EXPECT_EQ(number, next.try_emplace(thread, number).first->second++) << line;
     }
     test::WriteFile(log_path_, "");

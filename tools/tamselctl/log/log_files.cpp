@@ -151,10 +151,10 @@ LogFiles OpenLog(const std::vector<std::string>& places) {
   // Files of one log by its live path, in the order in which the logs were named.
   std::vector<std::pair<std::string, std::map<int, std::string>>> logs;
   for (const std::string& place : places) {
-    std::error_code ignored;
+    struct stat status {};
     if (place == "-") {
       logs.push_back({place, {{0, place}}});
-    } else if (std::filesystem::is_directory(place, ignored)) {
+    } else if (::stat(place.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
       logs.push_back({place, {}});
     } else {
       const auto [live_path, number] = SplitName(place);
