@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -14,6 +15,9 @@
 
 namespace tmsc::ctl {
 namespace {
+
+// Where the settings of a packaged daemon are, which its service names to it.
+constexpr const char* kPackagedSettingsPath = "/etc/tamsel/LoggerSetting.xml";
 
 // The daemon goes on with its defaults where there is no file. Somebody who names one wants that.
 void RequireReadable(const std::string& path) {
@@ -28,6 +32,24 @@ void RequireReadable(const std::string& path) {
   }
 }
 
+// Makes the settings that are loaded from now on those of the file that was given, else of a daemon
+// that this environment would start, else of the packaged one.
+void UseSettings(const DaemonOptions& options) {
+  const char* const variable = kLoggerSettingFileVariable.c_str();
+  std::string path = options.settings_path;
+  if (path.empty()) {
+    const char* const named = ::getenv(variable);
+    if ((named != nullptr && *named != '\0') ||
+        ::access(kLoggerSettingXmlFilePath.c_str(), F_OK) == 0 ||
+        ::access(kPackagedSettingsPath, F_OK) != 0) {
+      return;
+    }
+    path = kPackagedSettingsPath;
+  }
+  RequireReadable(path);
+  ::setenv(variable, path.c_str(), 1);
+}
+
 }  // namespace
 
 void AddDaemonOptions(CLI::App& command, DaemonOptions& options) {
@@ -38,7 +60,8 @@ void AddDaemonOptions(CLI::App& command, DaemonOptions& options) {
   command
       .add_option("--settings", options.settings_path,
                   "Settings file of the daemon (default: " + kLoggerSettingFileVariable +
-                      " of the environment, else " + kLoggerSettingXmlFilePath + ")")
+                      " of the environment, else " + kLoggerSettingXmlFilePath + ", else " +
+                      kPackagedSettingsPath + ")")
       ->type_name("FILE");
 }
 
@@ -46,10 +69,7 @@ std::string SocketPath(const DaemonOptions& options) {
   if (!options.socket_path.empty()) {
     return options.socket_path;
   }
-  if (!options.settings_path.empty()) {
-    RequireReadable(options.settings_path);
-    ::setenv(kLoggerSettingFileVariable.c_str(), options.settings_path.c_str(), 1);
-  }
+  UseSettings(options);
   return LoggerSettingManager().GetComSocketPath();
 }
 

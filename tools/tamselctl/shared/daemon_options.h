@@ -19,8 +19,10 @@ struct DaemonOptions {
 void AddDaemonOptions(CLI::App& command, DaemonOptions& options);
 
 /// The socket that was given; else that of the settings file that was given, read as the daemon
-/// reads it; else that of the settings a daemon would have that is started with this environment.
-/// A settings file that was given and cannot be read is thrown as by ThrowUsage.
+/// reads it; else that of the settings a daemon would have that is started with this environment;
+/// where that would find no file, that of the packaged daemon's settings, if there are any.
+/// A settings file that was given, or the packaged one, that cannot be read is thrown as by
+/// ThrowUsage.
 std::string SocketPath(const DaemonOptions& options);
 
 }  // namespace tmsc::ctl
