@@ -64,8 +64,12 @@ void PrintPairs(const char* what, const std::function<void()>& measured,
               Median(bare_ms), Median(ratios));
 }
 
+/// In memory where there is such a folder: health belongs there, and no disk is measured.
 std::string MakeFolder() {
-  std::string name = (std::filesystem::temp_directory_path() / "tamsel-bench-XXXXXX").string();
+  const std::filesystem::path memory = "/dev/shm";
+  const std::filesystem::path parent =
+      std::filesystem::is_directory(memory) ? memory : std::filesystem::temp_directory_path();
+  std::string name = (parent / "tamsel-bench-XXXXXX").string();
   if (::mkdtemp(name.data()) == nullptr) {
     throw std::runtime_error("no folder " + name);
   }
@@ -76,14 +80,16 @@ std::string MakeFolder() {
 /// uses them, so that it connects afresh, as the bare program does, to devices that close theirs.
 class Daemon {
  public:
-  Daemon(const std::string& folder, const std::string& log_level)
-      : socket_path_(folder + "/tamsel" + log_level + ".com") {
-    const std::string settings = folder + "/LoggerSetting" + log_level + ".xml";
+  Daemon(const std::string& folder, const std::string& log_level, bool has_health = false) {
+    const std::string base = folder + (has_health ? "/health" : "/plain") + log_level;
+    socket_path_ = base + ".com";
+    const std::string settings = base + ".xml";
     std::ofstream(settings)
         << "<LoggerSetting><ComSocketPath>" << socket_path_ << "</ComSocketPath><SdcardPath>"
         << folder << "</SdcardPath><TamselComWatchdogFilePath>" << folder
         << "/check/tmsc</TamselComWatchdogFilePath><LogLevel>" << log_level
         << "</LogLevel><TcpReuseCheck>1</TcpReuseCheck><Rs485StartWait>0</Rs485StartWait>"
+        << (has_health ? "<HealthFilePath>" + base + ".file</HealthFilePath>" : std::string())
         << "</LoggerSetting>";
     ::setenv("TAMSEL_SETTING_FILE", settings.c_str(), 1);
     start_ms_ = Time([&] {
@@ -166,6 +172,16 @@ void MeasureEcho(const Daemon& daemon, const std::string& folder) {
       });
 }
 
+/// What keeping the health costs: the same requests to two daemons that differ in nothing else.
+void MeasureHealth(const std::string& folder, const std::vector<Device>& devices) {
+  const Daemon with_health(folder, "3", true);
+  const Daemon without(folder, "3");
+  const TcpIpRequest request = RequestFor(devices, 1, 1000);
+  PrintPairs(
+      "31 devices, LogLevel 3, with health / without", [&] { with_health.Request(request); },
+      [&] { without.Request(request); });
+}
+
 void MeasureMemory(const Daemon& daemon, const std::vector<Device>& silent_devices) {
   std::vector<std::thread> clients;
   for (int channel = 1; channel <= kMaxChannel; ++channel) {
@@ -223,7 +239,7 @@ void MeasureRs485(const std::string& folder) {
                      true);
   while (field.ReadLine() != "ready") {
   }
-  const Daemon daemon(folder, "1");
+  const Daemon daemon(folder, "1", true);
   ExchangeRs485(daemon, 100);
   std::vector<double> times;
   const double cpu_before = daemon.Process().CpuSeconds();
@@ -239,8 +255,9 @@ void MeasureRs485(const std::string& folder) {
   }
   const double cpu_ms = 1000 * (daemon.Process().CpuSeconds() - cpu_before) / 21;
   const double line_ms = kLineMsPerDevice * kMaxDeviceCountAtChannel;
-  std::printf("%-52s %8.3f ms  line %8.3f ms  ratio %5.2f\n", "RS485, 31 devices, 115200 baud",
-              Median(times), line_ms, Median(times) / line_ms);
+  std::printf("%-52s %8.3f ms  line %8.3f ms  ratio %5.2f\n",
+              "RS485, 31 devices, 115200 baud, with health", Median(times), line_ms,
+              Median(times) / line_ms);
   std::printf("%-52s %8.3f ms\n", "RS485, processor time a cycle", cpu_ms);
 
   std::thread pull([&] {
@@ -262,14 +279,24 @@ void MeasureStart(const std::string& folder) {
 }
 
 void Run(const std::string& folder) {
+  std::printf("Times are medians of %d pairs; files are in %s\n", kPairs, folder.c_str());
   MeasureStart(folder);
   const std::string simulator_path = std::string(kBin) + "/field_simulator";
   ChildProcess closing({simulator_path, "--devices", "31", "--fault", "*=close-after"}, true);
   ChildProcess silent({simulator_path, "--devices", "31", "--fault", "*=silence"}, true);
   const std::vector<Device> closing_devices = ReadDevices(closing);
+  const std::vector<Device> silent_devices = ReadDevices(silent);
+  MeasureHealth(folder, closing_devices);
+  {
+    std::printf("with health:\n");
+    const Daemon daemon(folder, "1", true);
+    MeasureMemory(daemon, silent_devices);
+    MeasureIdle(daemon);
+    std::printf("without:\n");
+  }
   {
     const Daemon daemon(folder, "1");
-    MeasureMemory(daemon, ReadDevices(silent));
+    MeasureMemory(daemon, silent_devices);
     MeasureIdle(daemon);
     MeasureEcho(daemon, folder);
     MeasureDevices(daemon, closing_devices, "31 devices that answer and close, default log level");

@@ -314,7 +314,7 @@ void RS485AccessRequest::ReportHealth(const SendData& entry, const HealthEnd& en
 
 /// No device was asked: the request as a whole ended with `status`.
 void RS485AccessRequest::ReportFailure(int status) const {
-  if (p_port_->IsReleased() || !p_port_->IsBegun()) {
+  if (!p_port_->IsBegun() || p_port_->IsReleased()) {
     return;  // the daemon is ending; that says nothing about the field
   }
   for (const SendData& entry : p_device_access_rs485->send_data) {

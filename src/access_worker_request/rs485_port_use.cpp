@@ -39,8 +39,10 @@ int Rs485PortUse::Open(bool sniffer, byte baud_rate) {
 }
 
 void Rs485PortUse::Close() {
-  cache_->SetVlmClose(channel_);
-  CallLibrary(-1, [&] { return vlm_rs485_close(channel_); });
+  CallLibrary(-1, [&] {
+    cache_->SetVlmClose(channel_);  // together: the end of the daemon closes what is noted as open
+    return vlm_rs485_close(channel_);
+  });
 }
 
 int Rs485PortUse::SetPortParameters(const SetPortParams& params) {

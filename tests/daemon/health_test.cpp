@@ -1,7 +1,6 @@
 // The health of the devices, from the exchange to the file.
 
-#include <sys/wait.h>
-
+#include <atomic>
 #include <future>
 
 #include "daemon_client.h"
@@ -138,6 +137,21 @@ TEST_F(Health, EachRs485FaultIsKnownByItsCauseAndOutlivesTheDaemon) {
     EXPECT_EQ(snapshot.channels[1].statuses[8 + 1], life);
     EXPECT_GE(snapshot.channels[0].longest_ms, 300u);
   }
+}
+
+TEST_F(Health, TheDaemonsOwnCondition) {
+  Settings changes = Changes();
+  changes["SdcardPath"] = "/proc/nowhere";
+  const DaemonProcess daemon(changes);
+  Devices devices(1, FaultKind::kSilence);
+  const RawClient busy(daemon.SocketPath(), devices.Request(1, 1000));
+  EXPECT_TRUE(WaitFor(
+      900, [&] { return Exchange(daemon, MakeTcpIpRequest(1)).receive_data.status == 10; }));
+  EXPECT_GE(Read().channels[0].busy_refusals, 1u);
+  EXPECT_TRUE(WaitFor(4000, [&] { return Read().process.card_gone_since_ms != 0; }));
+  EXPECT_GE(Read().process.descriptors_in_use, 5u);
+  daemon.Signal(SIGPWR);
+  EXPECT_TRUE(WaitFor(4000, [&] { return Read().process.power == TAMSEL_POWER_OUTAGE; }));
 }
 
 TEST_F(Health, AReaderNeverSeesHalfARecordAndHoldsNobodyUp) {
