@@ -10,6 +10,8 @@
 #include <iterator>
 #include <system_error>
 
+#include "utility/descriptor.h"
+
 namespace tmsc {
 namespace {
 
@@ -24,7 +26,7 @@ constexpr CauseWords kCauses[] = {
     {TAMSEL_CAUSE_NONE, "none", "never asked", nullptr},
     {TAMSEL_CAUSE_ANSWERED, "answered", "answered", nullptr},
     {TAMSEL_CAUSE_SENT, "sent", "sent", nullptr},
-    {TAMSEL_CAUSE_NO_ANSWER, "no_answer", "no answer in time", nullptr},
+    {TAMSEL_CAUSE_NO_ANSWER, "no_answer", "no answer in time", " (status %)"},
     {TAMSEL_CAUSE_CONNECT_REFUSED, "connect_refused", "connect refused", nullptr},
     {TAMSEL_CAUSE_CONNECT_TIMED_OUT, "connect_timed_out", "connect timed out", nullptr},
     {TAMSEL_CAUSE_UNREACHABLE, "unreachable", "unreachable", nullptr},
@@ -37,13 +39,13 @@ constexpr CauseWords kCauses[] = {
     {TAMSEL_CAUSE_CLOSED, "closed", "connection closed by the device", nullptr},
     {TAMSEL_CAUSE_CUT_SHORT, "cut_short", "frame cut short", " after % bytes"},
     {TAMSEL_CAUSE_TOO_LONG, "too_long", "frame too long", " (% bytes)"},
-    {TAMSEL_CAUSE_NOT_ITS_ANSWER, "not_its_answer", "answer of somebody else", nullptr},
-    {TAMSEL_CAUSE_LINE_ERROR, "line_error", "line error", nullptr},
-    {TAMSEL_CAUSE_PORT_GONE, "port_gone", "serial port gone", nullptr},
+    {TAMSEL_CAUSE_NOT_ITS_ANSWER, "not_its_answer", "answer of somebody else", " (status %)"},
+    {TAMSEL_CAUSE_LINE_ERROR, "line_error", "line error", " (status %)"},
+    {TAMSEL_CAUSE_PORT_GONE, "port_gone", "serial port gone", " (status %)"},
     {TAMSEL_CAUSE_PORT_NOT_OPENED, "port_not_opened", "serial port cannot be opened", nullptr},
-    {TAMSEL_CAUSE_NOT_STARTED, "not_started", "serial library refused the cycle",
+    {TAMSEL_CAUSE_NOT_STARTED, "not_started", "serial library did not run the cycle",
      " (request status %)"},
-    {TAMSEL_CAUSE_OTHER_STATUS, "other_status", "status of the board's serial library", " %"},
+    {TAMSEL_CAUSE_OTHER_STATUS, "other_status", "status of the serial library", " %"},
     {TAMSEL_CAUSE_BAD_FRAME_LENGTH, "bad_frame_length", "entry refused: frame length", " %"},
     {TAMSEL_CAUSE_BAD_IP_ADDRESS, "bad_ip_address", "entry refused: IP address", nullptr},
     {TAMSEL_CAUSE_BAD_PORT, "bad_port", "entry refused: TCP port", " %"},
@@ -55,6 +57,8 @@ const CauseWords* FindWords(int cause) {
   return cause >= 0 && cause < TAMSEL_CAUSES_KNOWN ? &kCauses[cause] : nullptr;
 }
 
+constexpr std::uint32_t kByteOrder = 0x01020304;
+
 enum class RecordState { kWhole, kEmpty, kDamaged };
 
 template <typename Record>
@@ -63,100 +67,120 @@ bool IsEmpty(const Record& record) {
   return std::memcmp(&record, &kEmptyRecord, sizeof(record)) == 0;
 }
 
-/// Reads a record until it is whole; one that stays otherwise is damaged.
-template <typename Record>
-RecordState ReadRecord(int file, std::size_t offset, Record& record) {
-  constexpr int kAttempts = 100;
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    const ssize_t count = ::pread(file, &record, sizeof(record), static_cast<off_t>(offset));
-    if (count >= 0 && count < static_cast<ssize_t>(sizeof(record))) {
-      std::memset(reinterpret_cast<char*>(&record) + count, 0,
-                  sizeof(record) - static_cast<std::size_t>(count));
-    }
-    if (IsEmpty(record)) {
-      return RecordState::kEmpty;
-    }
-    if (tamsel_health_is_whole(&record, sizeof(record)) != 0) {
-      return RecordState::kWhole;
-    }
-  }
-  record = {};
-  return RecordState::kDamaged;
-}
+/// Reads records of an open file. One that stays neither whole nor empty is damaged; one that is
+/// just being written is waited for, by all calls together 200 ms at most.
+class RecordReader {
+ public:
+  explicit RecordReader(int file) : file_(file) {}
 
-template <typename Record>
-void ReadRecords(int file, std::size_t offset, int count, std::vector<Record>& records,
-                 int& damaged) {
-  for (int index = 0; index < count; ++index) {
-    Record record{};
-    const auto position = offset + static_cast<std::size_t>(index) * sizeof(record);
-    switch (ReadRecord(file, position, record)) {
-      case RecordState::kWhole:
+  template <typename Record>
+  RecordState Read(std::size_t offset, Record& record) {
+    constexpr int kAttemptsAtOnce = 10;
+    for (int attempt = 1; attempt <= kAttemptsAtOnce || pauses_left_ > 0; ++attempt) {
+      if (attempt > kAttemptsAtOnce) {
+        ::usleep(1000);  // the writer may wait for this processor
+        --pauses_left_;
+      }
+      const ssize_t count = ::pread(file_, &record, sizeof(record), static_cast<off_t>(offset));
+      const std::size_t taken = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+      std::memset(reinterpret_cast<char*>(&record) + taken, 0, sizeof(record) - taken);
+      if (IsEmpty(record)) {
+        return RecordState::kEmpty;
+      }
+      if (tamsel_health_is_whole(&record, sizeof(record)) != 0) {
+        return RecordState::kWhole;
+      }
+    }
+    record = {};
+    return RecordState::kDamaged;
+  }
+
+  /// Appends those of `count` records from `offset` on that are whole.
+  template <typename Record>
+  void ReadAll(std::size_t offset, int count, std::vector<Record>& records, int& damaged) {
+    for (int index = 0; index < count; ++index) {
+      Record record{};
+      const RecordState state =
+          Read(offset + static_cast<std::size_t>(index) * sizeof(record), record);
+      damaged += state == RecordState::kDamaged ? 1 : 0;
+      if (state == RecordState::kWhole) {
         records.push_back(record);
-        break;
-      case RecordState::kDamaged:
-        ++damaged;
-        break;
-      case RecordState::kEmpty:
-        break;
+      }
     }
   }
-}
+
+ private:
+  const int file_;
+  int pauses_left_ = 200;
+};
 
 std::string SystemError(int error) {
   return std::generic_category().message(error);
 }
 
+bool IsRegular(int file) {
+  struct stat status {};
+  return ::fstat(file, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+int CheckHeader(int file, tamsel_health_header& header) {
+  if (!IsRegular(file) ||
+      ::pread(file, &header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header)) ||
+      std::memcmp(header.magic, TAMSEL_HEALTH_MAGIC, sizeof(header.magic)) != 0) {
+    return TAMSEL_HEALTH_OTHER_FILE;
+  }
+  return header.byte_order == kByteOrder && header.version == TAMSEL_HEALTH_VERSION &&
+                 header.file_size == sizeof(tamsel_health_file)
+             ? TAMSEL_OK
+             : TAMSEL_HEALTH_OTHER_LAYOUT;
+}
+
 /// What keeps the open file from being read as a health file; empty: nothing.
 std::string FindObstacle(int file) {
-  struct stat status {};
-  if (::fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
+  if (!IsRegular(file)) {
     return "is no regular file";
   }
   tamsel_health_header header{};
-  if (::pread(file, &header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header)) ||
-      std::memcmp(header.magic, TAMSEL_HEALTH_MAGIC, sizeof(header.magic)) != 0) {
-    return "is no health file";
+  switch (CheckHeader(file, header)) {
+    case TAMSEL_OK:
+      return {};
+    case TAMSEL_HEALTH_OTHER_FILE:
+      return "is no health file";
+    default:
+      break;
   }
-  if (header.byte_order != 0x01020304) {
+  if (header.byte_order != kByteOrder) {
     return "comes from a machine with another byte order";
   }
-  if (header.version != TAMSEL_HEALTH_VERSION || header.file_size != sizeof(tamsel_health_file)) {
-    return "has layout version " + std::to_string(header.version) + ", this program knows " +
-           std::to_string(TAMSEL_HEALTH_VERSION);
-  }
-  return {};
+  return "has layout version " + std::to_string(header.version) + ", this program knows " +
+         std::to_string(TAMSEL_HEALTH_VERSION);
 }
 
-/// Closes the file in the end.
-struct File {
-  int descriptor;
-  ~File() {
-    if (descriptor >= 0) {
-      ::close(descriptor);
-    }
-  }
-};
+Descriptor OpenToRead(const char* path) {
+  return Descriptor(::open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+}
 
 }  // namespace
 
 HealthReading ReadHealth(const std::string& path) {
-  const File file{::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)};
-  if (file.descriptor < 0) {
+  const Descriptor file = OpenToRead(path.c_str());
+  if (!file.IsOpen()) {
     return {std::nullopt, path + " cannot be read: " + SystemError(errno)};
   }
-  if (const std::string obstacle = FindObstacle(file.descriptor); !obstacle.empty()) {
+  if (const std::string obstacle = FindObstacle(file.Get()); !obstacle.empty()) {
     return {std::nullopt, path + " " + obstacle};
   }
   HealthSnapshot snapshot;
-  if (ReadRecord(file.descriptor, offsetof(tamsel_health_file, process), snapshot.process) ==
+  RecordReader reader(file.Get());
+  int& damaged = snapshot.damaged_records;
+  if (reader.Read(offsetof(tamsel_health_file, process), snapshot.process) ==
       RecordState::kDamaged) {
-    ++snapshot.damaged_records;
+    ++damaged;
   }
-  ReadRecords(file.descriptor, offsetof(tamsel_health_file, channels), TAMSEL_HEALTH_CHANNELS,
-              snapshot.channels, snapshot.damaged_records);
-  ReadRecords(file.descriptor, offsetof(tamsel_health_file, devices), TAMSEL_HEALTH_DEVICES,
-              snapshot.devices, snapshot.damaged_records);
+  reader.ReadAll(offsetof(tamsel_health_file, channels), TAMSEL_HEALTH_CHANNELS, snapshot.channels,
+                 damaged);
+  reader.ReadAll(offsetof(tamsel_health_file, devices), TAMSEL_HEALTH_DEVICES, snapshot.devices,
+                 damaged);
   return {std::move(snapshot), {}};
 }
 
@@ -174,7 +198,9 @@ std::string HealthCauseText(int cause, int detail) {
   const CauseWords* words = FindWords(cause);
   std::string text = HealthCauseText(cause);
   if (words != nullptr && words->detail != nullptr && detail != 0) {
-    std::string addition = words->detail;
+    // A length below that of any answer is the status that the serial library gave.
+    std::string addition =
+        cause == TAMSEL_CAUSE_TOO_LONG && detail <= UINT8_MAX ? " (status %)" : words->detail;
     addition.replace(addition.find('%'), 1, std::to_string(detail));
     text += addition;
   }
@@ -182,3 +208,36 @@ std::string HealthCauseText(int cause, int detail) {
 }
 
 }  // namespace tmsc
+
+int tamsel_health_read_device(const char* path, int channel, int transport, int address,
+                              tamsel_health_device* device) {
+  *device = {};
+  if (channel < 1 || channel > TAMSEL_HEALTH_CHANNELS || transport < 1 ||
+      transport > TAMSEL_HEALTH_TRANSPORTS || address < 1 || address > TAMSEL_HEALTH_ADDRESSES) {
+    return TAMSEL_BAD_VALUE;
+  }
+  const tmsc::Descriptor file = tmsc::OpenToRead(path);
+  if (!file.IsOpen()) {
+    return TAMSEL_HEALTH_NOT_READ;
+  }
+  tamsel_health_header header{};
+  if (const int error = tmsc::CheckHeader(file.Get(), header)) {
+    return error;
+  }
+  const std::size_t index = tamsel_health_device_index(channel, transport, address);
+  switch (tmsc::RecordReader(file.Get())
+              .Read(offsetof(tamsel_health_file, devices) + index * sizeof(*device), *device)) {
+    case tmsc::RecordState::kWhole:
+      return TAMSEL_OK;
+    case tmsc::RecordState::kEmpty:
+      return TAMSEL_HEALTH_NEVER;
+    case tmsc::RecordState::kDamaged:
+      break;
+  }
+  return TAMSEL_HEALTH_DAMAGED;
+}
+
+const char* tamsel_health_cause_text(int cause) {
+  const tmsc::CauseWords* words = tmsc::FindWords(cause);
+  return words != nullptr ? words->text : nullptr;
+}

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tamsel_health.h"
+#include "tamsel.h"
 
 namespace tmsc {
 
@@ -26,14 +26,14 @@ struct HealthReading {
 
 /// Reads the health file at `path`. Neither the daemon nor another reader is held up, and nothing
 /// is waited for: a FIFO or a folder is an error.
-HealthReading ReadHealth(const std::string& path);
+TAMSEL_API HealthReading ReadHealth(const std::string& path);
 
 /// A cause in the field's words, "no answer in time"; for a cause that is not known its number.
-std::string HealthCauseText(int cause);
+TAMSEL_API std::string HealthCauseText(int cause);
 /// The same as one word for programs, "no_answer"; never changed between versions.
-std::string HealthCauseName(int cause);
+TAMSEL_API std::string HealthCauseName(int cause);
 /// The cause with what last_detail adds to it, "frame cut short after 7 bytes".
-std::string HealthCauseText(int cause, int detail);
+TAMSEL_API std::string HealthCauseText(int cause, int detail);
 /// Whether an exchange that ended so counts as answered; a broadcast that was sent does, too.
 inline bool IsHealthyCause(int cause) {
   return cause == TAMSEL_CAUSE_ANSWERED || cause == TAMSEL_CAUSE_SENT;

@@ -3,20 +3,20 @@
 
 #include <string>
 
-#include "communication_common.h"
+#include "wire_records.h"
 
 namespace tmsc {
 
 /// The status of a whole request, ReceiveData::status, in plain words.
-std::string StatusText(int request_status);
+TAMSEL_API std::string StatusText(int request_status);
 
 /// The status byte of one device of a TCP/IP request in plain words; failures that came together
 /// are joined with " + ".
-std::string TcpDeviceStatusText(byte device_status);
+TAMSEL_API std::string TcpDeviceStatusText(byte device_status);
 
 /// The status byte of one device of an RS485 request, the receive status of the serial library that
 /// comes with the daemon, in plain words.
-std::string Rs485DeviceStatusText(byte device_status);
+TAMSEL_API std::string Rs485DeviceStatusText(byte device_status);
 
 }  // namespace tmsc
 

@@ -6,13 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "communication_common.h"
 #include "request_builder.h"
+#include "wire_records.h"
 
 namespace tmsc {
 
 /// Where the daemon listens unless its settings say otherwise.
-constexpr const char* kDefaultSocketPath = "/mnt/system/tmscom/tamsel.com";
+constexpr const char* kDefaultSocketPath = TAMSEL_DEFAULT_SOCKET_PATH;
 
 /// How an exchange with the daemon ended.
 enum class Outcome {
@@ -40,25 +40,28 @@ struct DeviceReply {
 
 /// Talks to the daemon. An object holds no connection: each exchange opens its own and closes it,
 /// so any number of threads may use one object at once.
-class TamselClient {
+class TAMSEL_API TamselClient {
  public:
   explicit TamselClient(std::string socket_path = kDefaultSocketPath);
 
   /// Connects, sends the request and receives the response, all within `deadline_ms` milliseconds
-  /// on the monotonic clock. Blocks the calling thread, does not throw for anything that the daemon
-  /// does or fails to do, and raises no SIGPIPE.
-  ExchangeResult Exchange(const TcpIpRequest& request, int deadline_ms) const;
-  ExchangeResult Exchange(const Rs485Request& request, int deadline_ms) const;
+  /// on the monotonic clock. While the channel is busy that is repeated every 50 ms for `busy_ms`,
+  /// each time with a deadline of its own. Blocks the calling thread, does not throw for anything
+  /// that the daemon does or fails to do, and raises no SIGPIPE.
+  ExchangeResult Exchange(const TcpIpRequest& request, int deadline_ms, int busy_ms = 0) const;
+  ExchangeResult Exchange(const Rs485Request& request, int deadline_ms, int busy_ms = 0) const;
 
  private:
-  ExchangeResult ExchangeBytes(const void* request, std::size_t size, int deadline_ms) const;
+  ExchangeResult ExchangeBytes(const void* request, std::size_t size, int deadline_ms,
+                               int busy_ms) const;
 
   std::string socket_path_;
 };
 
 /// The answer of the device with `address`; nothing when the address is not 1 to 31 or when the
 /// slot's length is not 0 to 438. The slots of devices that were not in the request mean nothing.
-std::optional<DeviceReply> DeviceAnswer(const ResponseReceiveData& response, int address);
+TAMSEL_API std::optional<DeviceReply> DeviceAnswer(const ResponseReceiveData& response,
+                                                   int address);
 
 }  // namespace tmsc
 

@@ -33,7 +33,8 @@ enum {
 /* tamsel_health_device.transport; the request types of the wire records. */
 enum { TAMSEL_HEALTH_RS485 = 1, TAMSEL_HEALTH_TCPIP = 2 };
 
-/* How an exchange with a device ended. `detail` is what the record's last_detail then holds. */
+/* How an exchange with a device ended. `detail` is what the record's last_detail then holds; on
+ * RS485 it is, unless said otherwise, the status that the serial library gave for the device. */
 enum tamsel_health_cause {
   TAMSEL_CAUSE_NONE = 0,
   TAMSEL_CAUSE_ANSWERED = 1,
@@ -86,7 +87,7 @@ typedef struct tamsel_health_process {
   uint32_t descriptors_in_use;
   uint32_t descriptor_limit;
   uint32_t power;          /* TAMSEL_POWER_... */
-  uint64_t log_lines_lost; /* of this process: dropped, because card or console took none */
+  uint64_t log_lines_lost; /* of this process: the card never got them */
   uint32_t reserved[10];
 } tamsel_health_process;
 
@@ -109,8 +110,8 @@ typedef struct tamsel_health_channel {
 } tamsel_health_channel;
 
 typedef struct tamsel_health_hour {
-  uint32_t answered;
-  uint32_t failed;
+  uint16_t answered; /* each stays at 65535 once it is there */
+  uint16_t failed;
 } tamsel_health_hour;
 
 typedef struct tamsel_health_device {
@@ -142,14 +143,16 @@ typedef struct tamsel_health_device {
       newest_hour; /* hours since 1970 UTC of the newest cell, which is hours[newest_hour % 48] */
   uint32_t ends[TAMSEL_HEALTH_CAUSES];           /* exchanges by their cause */
   tamsel_health_hour hours[TAMSEL_HEALTH_HOURS]; /* cell of hour h: h % 48 */
-  uint32_t reserved[6];
+  uint32_t reserved[22];
 } tamsel_health_device;
 
 typedef struct tamsel_health_file {
   tamsel_health_header header;
   tamsel_health_process process;
   tamsel_health_channel channels[TAMSEL_HEALTH_CHANNELS]; /* index channel - 1 */
-  tamsel_health_device devices[TAMSEL_HEALTH_DEVICES];    /* index: tamsel_health_device_index */
+  uint32_t reserved[86];
+  /* Index: tamsel_health_device_index. No record crosses a page, so none is cut by a kill. */
+  tamsel_health_device devices[TAMSEL_HEALTH_DEVICES];
 } tamsel_health_file;
 
 /* Where the record of a device stands. `channel`, `transport` and `address` count from 1. */
@@ -162,9 +165,9 @@ static inline size_t tamsel_health_device_index(int channel, int transport, int 
 /* The check sum of a record of `size` bytes: FNV-1a over its 32-bit words but the first. */
 static inline uint32_t tamsel_health_checksum(const void* record, size_t size) {
   uint32_t sum = 2166136261u;
-  size_t offset;
-  for (offset = sizeof(uint32_t); offset < size; offset += sizeof(uint32_t)) {
-    uint32_t word;
+  size_t offset = sizeof(uint32_t);
+  for (; offset < size; offset += sizeof(uint32_t)) {
+    uint32_t word = 0;
     memcpy(&word, (const unsigned char*)record + offset, sizeof(word));
     sum = (sum ^ word) * 16777619u;
   }
@@ -173,7 +176,7 @@ static inline uint32_t tamsel_health_checksum(const void* record, size_t size) {
 
 /* Whether a record of `size` bytes is as the daemon wrote it. One that was never written is not. */
 static inline int tamsel_health_is_whole(const void* record, size_t size) {
-  uint32_t checksum;
+  uint32_t checksum = 0;
   memcpy(&checksum, record, sizeof(checksum));
   return checksum == tamsel_health_checksum(record, size);
 }
@@ -190,15 +193,15 @@ TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_process, log_lines_lost) == 88);
 TAMSEL_HEALTH_ASSERT(sizeof(tamsel_health_channel) == 160);
 TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_channel, longest_at_ms) == 24);
 TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_channel, cycle_total_us) == 120);
-TAMSEL_HEALTH_ASSERT(sizeof(tamsel_health_device) == 640);
+TAMSEL_HEALTH_ASSERT(sizeof(tamsel_health_device) == 512);
 TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_device, first_ms) == 16);
 TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_device, response_total_us) == 48);
 TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_device, ends) == 104);
 TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_device, hours) == 232);
 TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_file, process) == 64);
 TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_file, channels) == 200);
-TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_file, devices) == 680);
-TAMSEL_HEALTH_ASSERT(sizeof(tamsel_health_file) == 119720);
+TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_file, devices) == 1024);
+TAMSEL_HEALTH_ASSERT(sizeof(tamsel_health_file) == 96256);
 #undef TAMSEL_HEALTH_ASSERT
 
 #endif /* TAMSEL_HEALTH_H_ */

@@ -1,5 +1,5 @@
-# What `cmake --install` installs, in the components daemon, rs485, tools and client (the last one in
-# client/), and the Debian package that CPack makes of each.
+# What `cmake --install` installs, in the components daemon, rs485 and tools (client/ has its own:
+# client_runtime and client), and the Debian package that CPack makes of each.
 include(GNUInstallDirs)
 
 set(TAMSEL_PACKAGE_RELEASE 1 CACHE STRING "Number behind the version of the Debian packages")
@@ -170,7 +170,7 @@ of its own installs that in place of this package.")
 set(CPACK_DEBIAN_RS485_PACKAGE_PROVIDES tamsel-rs485)
 set(CPACK_DEBIAN_RS485_PACKAGE_CONFLICTS tamsel-rs485)
 set(CPACK_DEBIAN_RS485_PACKAGE_REPLACES tamsel-rs485)
-configure_file(${packaging}/debian/rs485.triggers ${generated}/rs485/triggers COPYONLY)
+file(WRITE ${generated}/rs485/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_RS485_PACKAGE_CONTROL_EXTRA ${generated}/rs485/triggers)
 
 if(TAMSEL_BUILD_TOOLS)
@@ -181,14 +181,20 @@ field_simulator plays devices and buses that make mistakes on demand.")
   set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS tamsel-communication)
 endif()
 
-get_directory_property(client_components DIRECTORY ${PROJECT_SOURCE_DIR}/client
-  DEFINITION package_dir)
-if(client_components)  # client/ has its own install rules
-  add_package(client libtamsel-client-dev libdevel
-    "client library of the communication daemon"
-    "For C and C++ programs that send requests to the communication daemon: headers,
-libraries, and what CMake and pkg-config need to find them.")
-endif()
+add_package(client_runtime libtamsel-client1 libs
+  "client library of the communication daemon"
+  "For programs that send requests to the communication daemon.")
+file(WRITE ${generated}/client_runtime/shlibs "libtamsel_client 1 libtamsel-client1\n")
+file(WRITE ${generated}/client_runtime/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_CLIENT_RUNTIME_PACKAGE_CONTROL_EXTRA
+  ${generated}/client_runtime/shlibs ${generated}/client_runtime/triggers)
+
+add_package(client libtamsel-client-dev libdevel
+  "client library of the communication daemon, for development"
+  "For C and C++ programs that send requests to the communication daemon: headers,
+static library, and what CMake and pkg-config need to find them.")
+set(CPACK_DEBIAN_CLIENT_PACKAGE_DEPENDS
+  "libtamsel-client1 (= ${PROJECT_VERSION}-${TAMSEL_PACKAGE_RELEASE})")
 
 set(CPACK_COMPONENTS_ALL ${packages})
 include(CPack)

@@ -14,23 +14,8 @@ constexpr std::size_t kData = 1;
 constexpr std::size_t kStartAndCountLength = kData + 4;
 
 std::string ExceptionText(int code) {
-  static constexpr const char* kNames[] = {"",
-                                           "illegal function",
-                                           "illegal data address",
-                                           "illegal data value",
-                                           "server device failure",
-                                           "acknowledge",
-                                           "server device busy",
-                                           "",
-                                           "memory parity error",
-                                           "",
-                                           "gateway path unavailable",
-                                           "gateway target device failed to respond"};
-  std::string text = "exception " + std::to_string(code);
-  if (code < static_cast<int>(std::size(kNames)) && *kNames[code] != '\0') {
-    text += std::string(": ") + kNames[code];
-  }
-  return text;
+  const char* name = ExceptionName(code);
+  return "exception " + std::to_string(code) + (name != nullptr ? std::string(": ") + name : "");
 }
 
 AnswerCheck CheckReadAnswer(const Bytes& pdu, const Bytes& answer) {
@@ -46,6 +31,22 @@ AnswerCheck CheckReadAnswer(const Bytes& pdu, const Bytes& answer) {
 }
 
 }  // namespace
+
+const char* ExceptionName(int code) {
+  static constexpr const char* kNames[] = {nullptr,
+                                           "illegal function",
+                                           "illegal data address",
+                                           "illegal data value",
+                                           "server device failure",
+                                           "acknowledge",
+                                           "server device busy",
+                                           nullptr,
+                                           "memory parity error",
+                                           nullptr,
+                                           "gateway path unavailable",
+                                           "gateway target device failed to respond"};
+  return code >= 0 && code < static_cast<int>(std::size(kNames)) ? kNames[code] : nullptr;
+}
 
 Bytes ReadRegistersPdu(std::uint8_t function, int start, int count) {
   Bytes pdu{function};
@@ -72,7 +73,7 @@ AnswerCheck Misfit(const std::string& text) {
 AnswerCheck CheckPdu(const Bytes& pdu, const Bytes& answer) {
   const std::uint8_t function = pdu[kFunction];
   if (answer[kFunction] == (function | kExceptionFlag) && answer.size() == kData + 1) {
-    return {false, ExceptionText(answer[kData]), {}};
+    return {false, ExceptionText(answer[kData]), {}, answer[kData]};
   }
   if (answer[kFunction] != function) {
     return Misfit("wrong function");

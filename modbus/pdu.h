@@ -42,6 +42,7 @@ struct AnswerCheck {
   bool is_good = true;
   std::string text;            // what is wrong; empty when good
   std::vector<int> registers;  // of a good answer to functions 3 and 4
+  int exception = 0;           // code of the Modbus exception that was answered; 0: none
 };
 
 /// An answer that does not belong to its frame.
@@ -50,6 +51,9 @@ AnswerCheck Misfit(const std::string& text);
 /// Checks the PDU of an answer against the PDU it answers; both have a function code at least. The
 /// data of functions other than 3, 4 and 16 say nothing and count as good.
 AnswerCheck CheckPdu(const Bytes& pdu, const Bytes& answer);
+
+/// An exception code in words; null for one that the Modbus documents do not define.
+const char* ExceptionName(int code);
 
 /// Appends a 16-bit value, high byte first.
 void AppendWord(Bytes& bytes, int value);

@@ -36,22 +36,22 @@ bool IsBroadcast(const SendData& entry) {
   return *FrameOf(entry) == 0;
 }
 
-/// How an exchange ended that the serial library gave `status`, in the words of its own header; a
-/// status of another library stays a number.
+/// How an exchange ended that the serial library gave `status`: in the words of vlm_rs485.h, with
+/// the number, which is all that another library's status says.
 HealthEnd EndOf(byte status) {
   switch (status) {
     case VLM_RS485_ANSWERED:
       return {TAMSEL_CAUSE_ANSWERED};
     case VLM_RS485_NO_ANSWER:
-      return {TAMSEL_CAUSE_NO_ANSWER};
+      return {TAMSEL_CAUSE_NO_ANSWER, status};
     case VLM_RS485_LINE_ERROR:
-      return {TAMSEL_CAUSE_LINE_ERROR};
+      return {TAMSEL_CAUSE_LINE_ERROR, status};
     case VLM_RS485_TOO_LONG:
-      return {TAMSEL_CAUSE_TOO_LONG};
+      return {TAMSEL_CAUSE_TOO_LONG, status};
     case VLM_RS485_PORT_GONE:
-      return {TAMSEL_CAUSE_PORT_GONE};
+      return {TAMSEL_CAUSE_PORT_GONE, status};
     case VLM_RS485_NOT_ITS_ANSWER:
-      return {TAMSEL_CAUSE_NOT_ITS_ANSWER};
+      return {TAMSEL_CAUSE_NOT_ITS_ANSWER, status};
     default:
       return {TAMSEL_CAUSE_OTHER_STATUS, status};
   }
@@ -258,6 +258,7 @@ std::shared_ptr<CommunicationResult> RS485AccessRequest::CollectAnswers() {
     record->receive_data.status = kDeviceCommunicationStatusOtherError;
     ReportFailure(kDeviceCommunicationStatusOtherError);
   } else {
+    unsigned int reported = 0;  // bit address - 1: asked once, whatever entries name it
     for (const SendData& entry : p_device_access_rs485->send_data) {
       if (entry.address == 0 || entry.address > kMaxDeviceCountAtChannel) {
         continue;
@@ -265,7 +266,11 @@ std::shared_ptr<CommunicationResult> RS485AccessRequest::CollectAnswers() {
       const int index = entry.address - 1;
       DeviceReceiveData& slot = record->receive_data.receive_data[index];
       slot.length = 0;  // an entry before may have had the same address
-      ReportHealth(entry, CollectAnswer(stream->rcv_dt[index], entry, slot));
+      const HealthEnd end = CollectAnswer(stream->rcv_dt[index], entry, slot);
+      if ((reported & 1u << index) == 0) {
+        ReportHealth(entry, end);
+      }
+      reported |= 1u << index;
     }
   }
   return CommunicationResult::Wrap(std::move(record));
@@ -275,7 +280,7 @@ std::shared_ptr<CommunicationResult> RS485AccessRequest::CollectAnswers() {
 HealthEnd RS485AccessRequest::CollectAnswer(const receive_data* answer, const SendData& entry,
                                             DeviceReceiveData& slot) {
   if (answer == nullptr) {
-    return {TAMSEL_CAUSE_NO_ANSWER};
+    return {IsBroadcast(entry) ? TAMSEL_CAUSE_SENT : TAMSEL_CAUSE_NO_ANSWER};
   }
   const int length = answer->rcv_da_len;
   const std::string values = Poco::format("<C%d:%02d> len:[%d] status:[%d]", channel_,
@@ -322,7 +327,8 @@ void RS485AccessRequest::ReportFailure(int status) const {
     if (entry.address == 0) {
       continue;
     }
-    if (length > kMaxSendFrameLength) {
+    if (status == kDeviceCommunicationStatusPutOutputStreamFailed &&
+        (length == 0 || length > MAX_XFER_DATA_LENGTH)) {
       ReportHealth(entry, {TAMSEL_CAUSE_BAD_FRAME_LENGTH, length});
     } else if (status == kDeviceCommunicationStatusOpenFailed) {
       ReportHealth(entry, {TAMSEL_CAUSE_PORT_NOT_OPENED});

@@ -57,6 +57,11 @@ std::string DisplayText(const std::exception& failure) {
   return poco_failure != nullptr ? poco_failure->displayText() : failure.what();
 }
 
+bool IsUnreachable(int error) {
+  return error == EHOSTUNREACH || error == ENETUNREACH || error == EHOSTDOWN || error == ENETDOWN ||
+         error == ENONET;
+}
+
 /// Why a connect ended with `result`, a value of TCPSocket::Connect; errno is still its own.
 HealthEnd ConnectEnd(int result) {
   if (result == TCPSocket::kNoDescriptor) {
@@ -69,35 +74,37 @@ HealthEnd ConnectEnd(int result) {
       return {TAMSEL_CAUSE_CONNECT_TIMED_OUT};
     case ECONNREFUSED:
       return {TAMSEL_CAUSE_CONNECT_REFUSED};
-    case EHOSTUNREACH:
-    case ENETUNREACH:
-    case EHOSTDOWN:
-    case ENETDOWN:
-      return {TAMSEL_CAUSE_UNREACHABLE, error};
     default:
-      return {TAMSEL_CAUSE_CONNECT_FAILED, error};
+      return {IsUnreachable(error) ? TAMSEL_CAUSE_UNREACHABLE : TAMSEL_CAUSE_CONNECT_FAILED, error};
+  }
+}
+
+/// What an error says about a connection that was made; `otherwise` for one that says nothing.
+HealthEnd BrokenEnd(int error, const HealthEnd& otherwise) {
+  switch (error) {
+    case ECONNRESET:
+      return {TAMSEL_CAUSE_RESET};
+    case EPIPE:  // closed by the device some time ago
+      return {TAMSEL_CAUSE_CLOSED};
+    case ETIMEDOUT:  // the keep-alive's
+      return {TAMSEL_CAUSE_NO_ANSWER};
+    default:
+      return IsUnreachable(error) ? HealthEnd{TAMSEL_CAUSE_UNREACHABLE, error} : otherwise;
   }
 }
 
 /// Why a send took `sent` bytes only, -1 with the send's errno for none.
 HealthEnd SendEnd(int sent) {
   const int error = sent < 0 ? errno : 0;
-  return error == ECONNRESET || error == EPIPE ? HealthEnd{TAMSEL_CAUSE_RESET}
-                                               : HealthEnd{TAMSEL_CAUSE_NOT_TAKEN, error};
+  return BrokenEnd(error, {TAMSEL_CAUSE_NOT_TAKEN, error});
 }
 
 /// Why a receive gave `count`, 0 or -1 with its errno, behind `received` bytes of the frame.
 HealthEnd ReceiveEnd(int count, int received) {
-  if (count < 0 && errno == ECONNRESET) {
-    return {TAMSEL_CAUSE_RESET};
-  }
-  if (count < 0 && (errno == EHOSTUNREACH || errno == ENETUNREACH)) {
-    return {TAMSEL_CAUSE_UNREACHABLE, errno};
-  }
   if (received > 0) {
-    return {TAMSEL_CAUSE_CUT_SHORT, received};
+    return BrokenEnd(count < 0 ? errno : 0, {TAMSEL_CAUSE_CUT_SHORT, received});
   }
-  return {count == 0 ? TAMSEL_CAUSE_CLOSED : TAMSEL_CAUSE_NO_ANSWER};
+  return count < 0 ? BrokenEnd(errno, {TAMSEL_CAUSE_NO_ANSWER}) : HealthEnd{TAMSEL_CAUSE_CLOSED};
 }
 
 }  // namespace
@@ -340,8 +347,13 @@ bool TCPIPAccessUnit::Drain(TCPSocket& socket) const {
   return false;
 }
 
-void TCPIPAccessUnit::ReportHealth(const HealthEnd& end) const {
-  HealthKeeper::ReportExchange({channel_, kRequestDataTypeTCPIP, p_send_data_->address, ip_,
+void TCPIPAccessUnit::ReportHealth(const HealthEnd& end) {
+  if (is_reported_ || FrameLengthOf(*p_send_data_) == 0) {
+    return;  // a failure behind the answer, or no exchange at all
+  }
+  is_reported_ = true;
+  HealthKeeper::ReportExchange({channel_, kRequestDataTypeTCPIP, p_send_data_->address,
+                                IsDottedIpv4(ip_) ? std::string_view(ip_) : std::string_view(),
                                 static_cast<std::uint32_t>(int{p_network_params_->port})},
                                end);
 }

@@ -33,8 +33,8 @@ class TCPIPAccessUnit : public Poco::Runnable {
   /// One exchange; true when it succeeded or there was nothing to send.
   bool AccessDevice();
 
-  /// Keeps how the exchange ended as the health of the device.
-  void ReportHealth(const HealthEnd& end) const;
+  /// Keeps how the exchange ended as the health of the device; the first report counts.
+  void ReportHealth(const HealthEnd& end);
 
   /// 0, or the kTCPIPUnitStatus values of what failed.
   int Status();
@@ -68,6 +68,7 @@ class TCPIPAccessUnit : public Poco::Runnable {
   std::unique_ptr<DeviceReceiveData, FreeBuffer> p_device_receive_data_;
   const int channel_;
   int status_ = 0;
+  bool is_reported_ = false;
   std::chrono::steady_clock::time_point sent_at_;
   const std::string ip_;  // the address text; empty when it does not end within its field
 };

@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -21,7 +20,7 @@ namespace tmsc {
 
 namespace {
 
-constexpr int kOpenFlags = O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+constexpr int kOpenFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
 
 std::string ErrorText() {
   return std::generic_category().message(errno);
@@ -43,14 +42,25 @@ bool HasRightHeader(int file) {
          std::memcmp(&header, &right, sizeof(header)) == 0;
 }
 
-/// Whether the file is a health file, of whatever version, or what is left of one that was cut.
+/// Whether the file is a health file, of whatever version, or empty.
 bool MayBeTakenOver(int file) {
-  char begin[sizeof(tamsel_health_header::magic)] = {};
+  char begin[sizeof(tamsel_health_header::magic)];
   const ssize_t count = ::pread(file, begin, sizeof(begin), 0);
-  const bool has_text =
-      std::any_of(std::begin(begin), std::end(begin), [](char byte) { return byte != 0; });
-  return count >= 0 && (!has_text || std::memcmp(begin, TAMSEL_HEALTH_MAGIC,
-                                                 static_cast<std::size_t>(count)) == 0);
+  return count == 0 ||
+         (count == sizeof(begin) && std::memcmp(begin, TAMSEL_HEALTH_MAGIC, sizeof(begin)) == 0);
+}
+
+/// What keeps an open file from being a health file, for people to read; empty: nothing. A link
+/// from elsewhere would let somebody choose which file is written.
+std::string FindObstacle(int file) {
+  struct stat status {};
+  if (::fstat(file, &status) != 0) {
+    return ErrorText();
+  }
+  if (!S_ISREG(status.st_mode) || status.st_nlink > 1) {
+    return "no regular file of its own";
+  }
+  return MayBeTakenOver(file) ? std::string() : "a file that is no health file";
 }
 
 bool IsSame(const struct stat& one, const struct stat& other) {
@@ -75,10 +85,6 @@ HealthFile::HealthFile(std::string path)
     : path_(std::move(path)), file_(::open("/dev/null", O_RDWR | O_CLOEXEC)) {}
 
 std::string HealthFile::Open() {
-  struct stat status {};
-  if (::stat(path_.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-    return "no regular file";
-  }
   std::error_code no_matter;  // the open tells
   std::filesystem::create_directories(std::filesystem::path(path_).parent_path(), no_matter);
   Descriptor file(::open(path_.c_str(), kOpenFlags | O_CREAT, 0644));
@@ -86,13 +92,14 @@ std::string HealthFile::Open() {
     return ErrorText();
   }
   if (!IsSameFile(file.Get(), file_.Get())) {
-    if (!MayBeTakenOver(file.Get())) {
-      return "a file that is no health file";
+    if (std::string obstacle = FindObstacle(file.Get()); !obstacle.empty()) {
+      return obstacle;
     }
     // Keeps a second daemon away; the system gives the lock back with the last descriptor.
     if (::flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
-      return "used by another daemon";
+      return errno == EWOULDBLOCK ? "locked by another program" : ErrorText();
     }
+    is_in_memory_ = false;
     if (::dup3(file.Get(), file_.Get(), O_CLOEXEC) < 0) {
       return ErrorText();
     }
@@ -101,8 +108,7 @@ std::string HealthFile::Open() {
     static_cast<void>(::ftruncate(file_.Get(), 0) == 0);
   }
   is_in_memory_ = IsMemoryFileSystem(file_.Get());
-  WriteHeader();
-  return {};
+  return WriteHeader() ? std::string() : ErrorText();
 }
 
 bool HealthFile::IsIntact() const {
@@ -113,11 +119,11 @@ bool HealthFile::IsIntact() const {
          HasRightHeader(file_.Get());
 }
 
-void HealthFile::WriteHeader() {
+bool HealthFile::WriteHeader() {
   const tamsel_health_header header = MakeHeader();
-  Write(0, &header, sizeof(header));
   // Records that were never written read as zeros and cost no memory.
-  static_cast<void>(::ftruncate(file_.Get(), sizeof(tamsel_health_file)) == 0);
+  return Write(0, &header, sizeof(header)) &&
+         ::ftruncate(file_.Get(), sizeof(tamsel_health_file)) == 0;
 }
 
 bool HealthFile::Write(std::size_t offset, const void* record, std::size_t size) const {

@@ -25,9 +25,6 @@ class HealthFile {
   /// Whether the path still leads to the open file, and its size and header are right.
   bool IsIntact() const;
 
-  /// Puts the header back.
-  void WriteHeader();
-
   /// Puts `size` bytes at `offset`, with one system call. False when the file did not take them.
   /// Does nothing, and succeeds, when the file is not open.
   bool Write(std::size_t offset, const void* record, std::size_t size) const;
@@ -41,6 +38,8 @@ class HealthFile {
   const std::string& Path() const { return path_; }
 
  private:
+  bool WriteHeader();
+
   const std::string path_;
   // The number never changes; which file it stands for is exchanged in one step, so that a write of
   // another thread goes to the old or the new one. /dev/null as long as there is none.

@@ -24,6 +24,8 @@ const std::string& kLogTag = ConstantString("Health");
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kPassTime{1};
+constexpr std::chrono::milliseconds kStartWait{100};
+constexpr std::chrono::milliseconds kStopWait{500};
 constexpr int kPassesPerRenewal = 10;
 constexpr int kPassesPerInspection = 30;
 constexpr std::int64_t kHourMs = 3600 * 1000;
@@ -59,7 +61,8 @@ void CountHour(tamsel_health_device& device, std::int64_t now_ms, bool is_answer
   if (hour >= kHourOf2020) {
     AdvanceTo(device, hour);
     tamsel_health_hour& cell = device.hours[hour % TAMSEL_HEALTH_HOURS];
-    ++(is_answered ? cell.answered : cell.failed);
+    std::uint16_t& count = is_answered ? cell.answered : cell.failed;
+    count = static_cast<std::uint16_t>(std::min(count + 1, int{UINT16_MAX}));
   }
 }
 
@@ -104,11 +107,26 @@ void CountEnd(tamsel_health_device& device, const HealthEnd& end) {
   }
 }
 
-bool IsOfPlace(const tamsel_health_device& device, std::size_t index) {
+std::size_t OffsetOf(int channel, int transport, int address) {
+  return offsetof(tamsel_health_file, devices) +
+         tamsel_health_device_index(channel, transport, address) * sizeof(tamsel_health_device);
+}
+
+/// Whether a record may stand at `offset`. This process's own is never taken from the file.
+bool IsOfPlace(const tamsel_health_process& /*process*/, std::size_t /*offset*/) {
+  return false;
+}
+
+bool IsOfPlace(const tamsel_health_channel& channel, std::size_t offset) {
+  return offset == offsetof(tamsel_health_file, channels) +
+                       (std::size_t{channel.channel} - 1) * sizeof(channel);
+}
+
+bool IsOfPlace(const tamsel_health_device& device, std::size_t offset) {
   return IsWithin(device.channel, TAMSEL_HEALTH_CHANNELS) &&
          IsWithin(device.transport, TAMSEL_HEALTH_TRANSPORTS) &&
          IsWithin(device.address, TAMSEL_HEALTH_ADDRESSES) &&
-         tamsel_health_device_index(device.channel, device.transport, device.address) == index;
+         OffsetOf(device.channel, device.transport, device.address) == offset;
 }
 
 std::uint32_t CountDescriptors() {
@@ -129,11 +147,23 @@ std::uint32_t DescriptorLimit() {
   return static_cast<std::uint32_t>(std::min<rlim_t>(limit.rlim_cur, UINT32_MAX));
 }
 
+/// Whether the settings name the path for another purpose.
+bool IsOtherFile(const std::string& path) {
+  LoggerSettingManager& settings = *LoggerSettingManager::GetInstance();
+  const std::string log = settings.GetLogDirectory() + "/LoggerCom";
+  return path.compare(0, log.size(), log) == 0 || path == settings.GetTamselComWatchdogPath() ||
+         path == settings.GetComSocketPath() || path == LoggerSettingManager::SettingFilePath();
+}
+
 }  // namespace
 
 void HealthKeeper::Create() {
   const std::string path = LoggerSettingManager::GetInstance()->GetHealthFilePath();
   if (path.empty()) {
+    return;
+  }
+  if (IsOtherFile(path)) {
+    LoggerLog::Warn(kLogTag, LogText("No health file [", path, "] the daemon's own for other use"));
     return;
   }
   try {
@@ -154,44 +184,48 @@ HealthKeeper::HealthKeeper(const std::string& path)
     records_->devices[i].offset =
         offsetof(tamsel_health_file, devices) + i * sizeof(tamsel_health_device);
   }
-  OpenFile();
-  TakeOver();
-  UpdateProcess(true);
-  RunPass(true);
+  tamsel_health_process& process = records_->process.record;
+  process.starts = 1;
+  process.pid = static_cast<std::uint32_t>(::getpid());
+  process.started_ms = NowMs();
+  kAppVersion.copy(process.version, sizeof(process.version) - 1);
   thread_ = std::thread([this] { Run(); });
+  // The first pass takes over what the file holds, best before the first report. A file system
+  // that takes its time holds up no start.
+  std::unique_lock<std::mutex> lock(mutex_);
+  pass_ended_.wait_for(lock, kStartWait, [this] { return passes_ > 0; });
 }
 
 HealthKeeper::~HealthKeeper() {
+  End();
+  thread_.join();
+}
+
+void HealthKeeper::End() {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     is_ending_ = true;
   }
-  end_came_.notify_one();
-  thread_.join();
+  pass_is_due_.notify_one();
 }
 
-/// Goes on with what the file has. Nobody else uses the records yet.
+/// Goes on with what the file has of an earlier process, where there is nothing newer.
 void HealthKeeper::TakeOver() {
   VisitRecords([this](auto& kept) {
-    auto record = kept.record;
-    file_.Read(kept.offset, &record, sizeof(record));
-    if (tamsel_health_is_whole(&record, sizeof(record)) != 0) {
-      kept.record = record;
+    auto in_file = kept.record;
+    file_.Read(kept.offset, &in_file, sizeof(in_file));
+    const std::lock_guard<std::mutex> lock(kept.mutex);
+    if (kept.record.checksum == 0 && tamsel_health_is_whole(&in_file, sizeof(in_file)) != 0 &&
+        IsOfPlace(in_file, kept.offset)) {
+      kept.record = in_file;
     }
   });
-  for (std::size_t index = 0; index < TAMSEL_HEALTH_DEVICES; ++index) {
-    tamsel_health_device& device = records_->devices[index].record;
-    if (!IsOfPlace(device, index)) {
-      device = {};
-    }
+  tamsel_health_process before{};
+  file_.Read(records_->process.offset, &before, sizeof(before));
+  if (tamsel_health_is_whole(&before, sizeof(before)) != 0) {
+    Update(records_->process,
+           [&](tamsel_health_process& process) { process.starts = before.starts + 1; });
   }
-  tamsel_health_process& process = records_->process.record;
-  const std::uint32_t starts = process.starts;
-  process = {};
-  process.starts = starts + 1;
-  process.pid = static_cast<std::uint32_t>(::getpid());
-  process.started_ms = NowMs();
-  kAppVersion.copy(process.version, sizeof(process.version) - 1);
 }
 
 template <typename Visit>
@@ -315,22 +349,38 @@ void HealthKeeper::ReportStop() noexcept {
   if (HealthKeeper* keeper = GetInstance()) {
     keeper->Update(keeper->records_->process,
                    [](tamsel_health_process& record) { record.stopped_ms = NowMs(); });
-    keeper->RunPass(false);
+    keeper->End();
+    std::unique_lock<std::mutex> lock(keeper->mutex_);
+    keeper->pass_ended_.wait_for(lock, kStopWait, [keeper] { return keeper->is_over_; });
   }
 }
 
-void HealthKeeper::Run() {
-  const auto is_ending = [this] { return is_ending_; };
+void HealthKeeper::Inspect() {
   std::unique_lock<std::mutex> lock(mutex_);
-  for (int pass = 1; !end_came_.wait_for(lock, kPassTime, is_ending); ++pass) {
+  is_inspection_due_ = true;
+  pass_is_due_.notify_one();
+  pass_ended_.wait(lock, [this] { return !is_inspection_due_; });
+}
+
+/// A pass a second, the first at once, and one at the end.
+void HealthKeeper::Run() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!is_over_) {
+    const bool is_last = is_ending_;
+    const bool is_inspection = is_inspection_due_ || passes_ % kPassesPerInspection == 0;
     lock.unlock();
     try {
-      UpdateProcess(pass % kPassesPerRenewal == 0);
-      RunPass(pass % kPassesPerInspection == 0);
+      UpdateProcess(passes_ % kPassesPerRenewal == 0);
+      RunPass(is_inspection);
     } catch (...) {
       LogException(kLogTag, "health exception:");
     }
     lock.lock();
+    ++passes_;
+    is_inspection_due_ = is_inspection_due_ && !is_inspection;
+    is_over_ = is_last;
+    pass_ended_.notify_all();
+    pass_is_due_.wait_for(lock, kPassTime, [this] { return is_ending_ || is_inspection_due_; });
   }
 }
 
@@ -344,6 +394,10 @@ void HealthKeeper::RunPass(bool is_inspection) {
 /// Opens the file, or the file that is to take its place; one line at each end of a time without.
 void HealthKeeper::OpenFile() {
   const std::string obstacle = file_.Open();
+  if (obstacle.empty() && !is_taken_over_) {
+    TakeOver();
+    is_taken_over_ = true;
+  }
   if (obstacle.empty() != obstacle_.empty()) {
     LoggerLog::Warn(kLogTag, obstacle.empty()
                                  ? LogText("Health file is kept again [", file_.Path(), "]")

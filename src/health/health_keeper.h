@@ -43,6 +43,7 @@ struct HealthEnd {
 /// The records are kept in memory and each is written as a whole when it changes: at once by the
 /// thread that reports, when the file is in memory, else by the keeper's own thread within a
 /// second. That thread also notices within half a minute what others did to the file, and mends it.
+/// No other thread opens the file or looks at it.
 ///
 /// Reports may come from any thread; they allocate nothing, throw nothing, wait for no report of
 /// another device, and drop what is outside the ranges of the file.
@@ -65,12 +66,12 @@ class HealthKeeper : public Singleton<HealthKeeper> {
   static void ReportCycle(int channel, std::chrono::steady_clock::time_point begin) noexcept;
   /// TAMSEL_POWER_ON, TAMSEL_POWER_OUTAGE or TAMSEL_POWER_OFF.
   static void ReportPower(std::uint32_t power) noexcept;
-  /// The daemon ends. The file has all reports before this one.
+  /// The daemon ends. The file gets all reports before this one, within 500 ms.
   static void ReportStop() noexcept;
 
-  /// One pass of the keeper's thread, which makes one a second. `is_inspection`: with a look at the
-  /// file itself.
-  void RunPass(bool is_inspection);
+  /// Has the keeper's thread look at the file now, mend it and write what is not written; returns
+  /// when it has. Not after ReportStop.
+  void Inspect();
 
  private:
   // What stands in the file, with the lock that guards it.
@@ -98,7 +99,9 @@ class HealthKeeper : public Singleton<HealthKeeper> {
   template <typename Change>
   static void UpdateChannel(int channel, Change change) noexcept;
 
+  void End();
   void TakeOver();
+  void RunPass(bool is_inspection);
   void OpenFile();
   void UpdateProcess(bool is_renewal);
   void Run();
@@ -106,15 +109,21 @@ class HealthKeeper : public Singleton<HealthKeeper> {
   HealthFile file_;
   const std::unique_ptr<Records> records_;
   std::atomic<std::uint32_t> power_{TAMSEL_POWER_ON};
-  // The keeper's thread's own, in the constructor the caller's.
-  std::string obstacle_;  // why there is no file; empty: there is one
+  // The keeper's thread's own.
+  std::string obstacle_;        // why there is no file; empty: there is one
+  bool is_taken_over_ = false;  // what an earlier process left in the file
   std::int64_t card_gone_since_ms_ = 0;
   std::int64_t updated_ms_ = 0;
   std::uint32_t descriptors_in_use_ = 0;
 
   std::mutex mutex_;
-  std::condition_variable end_came_;
-  bool is_ending_ = false;  // guarded by mutex_
+  std::condition_variable pass_is_due_;
+  std::condition_variable pass_ended_;
+  // Guarded by mutex_; only the keeper's thread changes the last two.
+  bool is_ending_ = false;
+  bool is_inspection_due_ = false;
+  bool is_over_ = false;
+  int passes_ = 0;
   std::thread thread_;
 };
 

@@ -22,10 +22,6 @@ namespace tmsc {
 namespace {
 const std::string& kLogTag = ConstantString("LSettingMgr");
 constexpr std::size_t kSettingMapBuckets = 10;
-// Elements within elements are copied and freed recursively: more of them could exhaust the stack.
-constexpr int kDepthMax = 256;
-// Bytes; what is longer is no settings file, and its tree might not fit into memory.
-constexpr std::size_t kSettingFileSizeMax = 8 * 1024 * 1024;
 
 /// The content of a regular file; empty for anything else, of which a pipe would hold up the start.
 std::string ReadRegularFile(const std::string& path) {
@@ -73,7 +69,7 @@ bool IsTooDeep(const std::string& text, const std::string& encoding) {
   SetEncoding(parser, encoding);
   parser.setContentHandler(&meter);
   parser.parseString(text);
-  return meter.deepest > kDepthMax;
+  return meter.deepest > kSettingDepthMax;
 }
 }  // namespace
 

@@ -1,6 +1,7 @@
 #ifndef TAMSEL_LOGGER_SETTING_LOGGER_SETTING_MANAGER_H_
 #define TAMSEL_LOGGER_SETTING_LOGGER_SETTING_MANAGER_H_
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -36,6 +37,12 @@ inline const std::string& kSettingTagTcpDrainTimeout = ConstantString("TcpDrainT
 inline const std::string& kSettingTagTcpReuseCheck = ConstantString("TcpReuseCheck");
 inline const std::string& kSettingTagRs485StartWait = ConstantString("Rs485StartWait");
 inline const std::string& kSettingTagHealthFilePath = ConstantString("HealthFilePath");
+
+/// Most elements within each other in a settings file: they are copied and freed recursively, and
+/// more of them could exhaust the stack.
+constexpr int kSettingDepthMax = 256;
+/// Bytes; what is longer is no settings file, and its tree might not fit into memory.
+constexpr std::size_t kSettingFileSizeMax = 8 * 1024 * 1024;
 
 constexpr int kLoggerLogLogLevelDefault = 1;
 constexpr int kTamselComStartComFailedCloseCountInit = 100;

@@ -92,6 +92,9 @@ TEST_F(Health, EachTcpFaultIsKnownByItsCause) {
   EXPECT_EQ(
       unreachable.ends[TAMSEL_CAUSE_UNREACHABLE] + unreachable.ends[TAMSEL_CAUSE_CONNECT_FAILED],
       kRounds);
+  devices.SetFault(2, FaultKind::kNone);
+  Exchange(daemon, request);
+  EXPECT_EQ(Device(3, TAMSEL_HEALTH_TCPIP, 2).failing_since_ms, 0);
   ExpectStops(daemon);
   EXPECT_NE(Read().process.stopped_ms, 0);
 }

@@ -2,6 +2,7 @@
 // bus.
 
 #include <future>
+#include <nlohmann/json.hpp>
 
 #include "daemon_client.h"
 #include "modbus/rtu_frame.h"
@@ -91,6 +92,50 @@ TEST_F(Rs485, AStopDuringACycleIsInTime) {
   const RawClient client(daemon.SocketPath(), Request(1, 1, 31, 1000));
   ASSERT_TRUE(WaitFor(5000, [&] { return field_.RequestsReceived(0, 1) == 1; }));
   ExpectStops(daemon);
+}
+
+// What `tamselctl settings` says of the log's growth: every line, and bytes within 10 %.
+TEST_F(Rs485, TheLogGrowsAsTheSettingsCommandSays) {
+  constexpr int kRequests = 3;
+  const std::string mark = "LoggerCom.log ";
+  for (int i = 0; i < 24; ++i) {
+    const int level = i / 8;
+    const int count = i % 2 == 0 ? 1 : 5;
+    const bool is_rs485 = i / 2 % 2 == 1;
+    const bool is_silent = i / 4 % 2 == 1;
+    SCOPED_TRACE(i);
+    const DaemonProcess daemon({{"LogLevel", std::to_string(level)}});
+    const auto fault = is_silent ? simulator::FaultKind::kSilence : simulator::FaultKind::kNone;
+    const Devices devices(count, fault);
+    for (int address = 1; address <= count; ++address) {
+      field_.SetFault(0, address, fault);
+    }
+    const auto grown_to = [&] {  // the last line of a request may follow its response
+      std::string text;
+      WaitFor(10000, [&] {
+        SleepMs(text.empty() ? 0 : 50);
+        return std::exchange(text, daemon.Console()).size() == text.size() && !text.empty();
+      });
+      return text;
+    };
+    std::string before;
+    for (int request = 0; request <= kRequests; ++request) {
+      const int timeout_ms = is_silent ? 30 : 2000;
+      is_rs485 ? Exchange(daemon, Request(1, 1, count, timeout_ms))
+               : Exchange(daemon, devices.Request(1, timeout_ms));
+      before = request == 0 ? grown_to() : before;  // the first one opens the port
+    }
+    const std::string grown = grown_to().substr(before.size());
+    const std::string poll = " --json --registers 1 --devices " + std::to_string(count) +
+                             (is_rs485 ? " --transport rs485" : "");
+    const auto cost = nlohmann::json::parse(
+        RunShell(TAMSEL_BIN_DIR "/tamselctl settings" + poll)
+            .output)["poll"]["levels"][level][is_silent ? "all_silent" : "all_answer"];
+    EXPECT_EQ(CountText(grown, mark), kRequests * cost["lines_a_poll"].get<int>()) << grown;
+    const double bytes = kRequests * cost["bytes_a_poll"].get<double>();
+    EXPECT_NEAR(static_cast<double>(grown.size()) - 14.0 * CountText(grown, mark), bytes,
+                bytes / 10);
+  }
 }
 
 }  // namespace

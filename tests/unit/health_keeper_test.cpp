@@ -5,7 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <fstream>
+#include <future>
 
 #include "common/time_of_day.h"
 #include "health_reader.h"
@@ -30,9 +32,22 @@ void ExpectWhole(const std::string& path, std::uint32_t exchanges, const std::st
   const HealthReading reading = ReadHealth(path);
   ASSERT_TRUE(reading.snapshot) << what << ": " << reading.error;
   EXPECT_EQ(reading.snapshot->damaged_records, 0) << what;
+  EXPECT_EQ(std::filesystem::file_size(path), sizeof(tamsel_health_file)) << what;
   ASSERT_EQ(reading.snapshot->devices.size(), 1u) << what;
   EXPECT_EQ(reading.snapshot->devices[0].exchanges, exchanges) << what;
   EXPECT_EQ(reading.snapshot->process.pid, static_cast<std::uint32_t>(::getpid())) << what;
+}
+
+/// Puts the bytes of a record from `begin` to `end` into the place of the device with `address`.
+void PutRecord(const std::string& path, int address, const tamsel_health_device& record,
+               std::size_t begin = 0, std::size_t end = sizeof(tamsel_health_device)) {
+  const std::size_t offset =
+      offsetof(tamsel_health_file, devices) +
+      sizeof(record) * tamsel_health_device_index(2, TAMSEL_HEALTH_TCPIP, address);
+  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(static_cast<std::streamoff>(offset + begin));
+  file.write(reinterpret_cast<const char*>(&record) + begin,
+             static_cast<std::streamsize>(end - begin));
 }
 
 // On a file system in memory and, where the temporary folder is none, on a card, where the keeper's
@@ -50,11 +65,12 @@ TEST(HealthKeeper, MendsWhateverIsDoneToTheFile) {
     std::uint32_t exchanges = 0;
     for (const char* const harm :
          {"true", "rm $H", "truncate -s 0 $H", "truncate -s 300 $H", "truncate -s 1M $H",
-          "rm -r $D", "dd if=/dev/zero of=$H bs=1 seek=8 count=4 conv=notrunc",
+          "rm -r $D", "cp $H $H.new; mv $H.new $H",
+          "dd if=/dev/zero of=$H bs=1 seek=8 count=4 conv=notrunc",
           "dd if=/dev/urandom of=$H bs=1000 seek=1 conv=notrunc count=118"}) {
       do_harm(harm);
       Report(1);
-      HealthKeeper::GetInstance()->RunPass(true);
+      HealthKeeper::GetInstance()->Inspect();
       ExpectWhole(path, ++exchanges, harm);
     }
     // What cannot be taken over stays as it is until it is gone.
@@ -63,11 +79,11 @@ TEST(HealthKeeper, MendsWhateverIsDoneToTheFile) {
       do_harm(std::string("rm -r $H; ") + harm);
       const Stopwatch time;
       Report(1);
-      HealthKeeper::GetInstance()->RunPass(true);
+      HealthKeeper::GetInstance()->Inspect();
       EXPECT_LT(time.Ms(), kSlackMs) << harm;
       EXPECT_NE(ReadHealth(path).error, "") << harm;
       do_harm("rm -r $H");
-      HealthKeeper::GetInstance()->RunPass(true);
+      HealthKeeper::GetInstance()->Inspect();
       ExpectWhole(path, ++exchanges, harm);
     }
     // A second keeper leaves a file in use alone; a later one goes on with it.
@@ -76,7 +92,7 @@ TEST(HealthKeeper, MendsWhateverIsDoneToTheFile) {
     Singleton<HealthKeeper>::Destroy();
     Singleton<HealthKeeper>::Create(path);
     Report(1);
-    HealthKeeper::GetInstance()->RunPass(false);
+    HealthKeeper::GetInstance()->Inspect();
     ExpectWhole(path, exchanges + 1, "restart");
     EXPECT_EQ(ReadHealth(path).snapshot->process.starts, 2u);
     Singleton<HealthKeeper>::Destroy();
@@ -92,23 +108,20 @@ TEST(HealthKeeper, KeepsTheHoursThatAreStillValid) {
        {std::pair(0, 48), {1, 47}, {47, 1}, {48, 0}, {500, 0}, {-5, 48}, {-48, 0}}) {
     Singleton<HealthKeeper>::Create(path);
     Report(1);
-    HealthKeeper::ReportStop();
+    HealthKeeper::GetInstance()->Inspect();
     Singleton<HealthKeeper>::Destroy();
     tamsel_health_device device = ReadHealth(path).snapshot->devices[0];
     device.newest_hour = now - static_cast<std::uint32_t>(age);
     std::fill(std::begin(device.hours), std::end(device.hours), tamsel_health_hour{1, 0});
     device.checksum = tamsel_health_checksum(&device, sizeof(device));
-    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-    file.seekp(static_cast<std::streamoff>(
-        offsetof(tamsel_health_file, devices) +
-        sizeof(device) * tamsel_health_device_index(2, TAMSEL_HEALTH_TCPIP, 17)));
-    file.write(reinterpret_cast<const char*>(&device), sizeof(device));
-    file.close();
+    PutRecord(path, 17, device);
+    PutRecord(path, 18, device);  // where it does not belong
 
     Singleton<HealthKeeper>::Create(path);
     Report(1);
-    HealthKeeper::ReportStop();
+    HealthKeeper::GetInstance()->Inspect();
     Singleton<HealthKeeper>::Destroy();
+    EXPECT_EQ(ReadHealth(path).snapshot->devices.size(), 1u);
     device = ReadHealth(path).snapshot->devices[0];
     const auto old = std::count_if(std::begin(device.hours), std::end(device.hours),
                                    [](const auto& cell) { return cell.answered == 1; });
@@ -116,6 +129,34 @@ TEST(HealthKeeper, KeepsTheHoursThatAreStillValid) {
     EXPECT_EQ(device.hours[now % TAMSEL_HEALTH_HOURS].failed, 1u) << age;
     ::unlink(path.c_str());
   }
+}
+
+TEST(HealthKeeper, AReaderMeetsARecordHalfWrittenAndReadsItAgain) {
+  const TempFolder folder;
+  const std::string path = folder.Path("health");
+  Singleton<HealthKeeper>::Create(path);
+  Report(1);
+  HealthKeeper::GetInstance()->Inspect();
+  const tamsel_health_device one = ReadHealth(path).snapshot->devices[0];
+  Report(1);
+  HealthKeeper::GetInstance()->Inspect();
+  const tamsel_health_device two = ReadHealth(path).snapshot->devices[0];
+  Singleton<HealthKeeper>::Destroy();
+  std::atomic<bool> is_over{false};
+  auto reader = std::async(std::launch::async, [&] {
+    int damaged = 0;
+    while (!is_over) {
+      damaged += ReadHealth(path).snapshot->damaged_records;
+    }
+    return damaged;
+  });
+  for (int i = 0; i < 3000; ++i) {
+    const tamsel_health_device& next = i % 2 == 0 ? one : two;
+    PutRecord(path, 17, next, 0, sizeof(next) / 2);
+    PutRecord(path, 17, next, sizeof(next) / 2);
+  }
+  is_over = true;
+  EXPECT_EQ(reader.get(), 0);
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <memory>
 
 #include "support/fake_daemon.h"
 #include "support/wait.h"
@@ -74,6 +75,86 @@ TEST(TamselClient, WrongDevicesAreRefusedAndLeaveNoTrace) {
     EXPECT_EQ(std::memcmp(&request, &untouched, sizeof(request)) != 0, is_added);
   }
   EXPECT_FALSE(DeviceAnswer({}, 0) || DeviceAnswer({}, 32));
+}
+
+TEST(TamselClient, RepeatsWhileTheChannelIsBusy) {
+  int count = 0;
+  const FakeDaemon daemon([&](int connection) {
+    FakeDaemon::ReadOnce(connection, sizeof(TcpIpRequest));
+    FakeDaemon::Send(connection, {{}, {++count < 3 ? TAMSEL_STATUS_BUSY : TAMSEL_STATUS_OK, {}}});
+  });
+  const auto status = [&](std::size_t size, int busy_ms) {
+    ResponseReceiveData response;
+    const TcpIpRequest request = OneDeviceRequest();
+    const int result =
+        tamsel_exchange(daemon.Path().c_str(), &request, size, 2000, busy_ms, &response);
+    return result < 0 ? result : response.receive_data.status;
+  };
+  EXPECT_EQ(status(sizeof(TcpIpRequest), 0), TAMSEL_STATUS_BUSY);
+  EXPECT_EQ(status(sizeof(TcpIpRequest), 5000), TAMSEL_STATUS_OK);
+  EXPECT_EQ(status(sizeof(Rs485Request), 0), TAMSEL_BAD_REQUEST);
+}
+
+TEST(TamselClient, FramesCodesAndTextsAreWithinTheirLimits) {
+  const auto read = [](int transport, int unit, int start, int count) {
+    byte frame[TAMSEL_MAX_FRAME_LENGTH];
+    return tamsel_read_frame(transport, 0, unit, 4, start, count, frame);
+  };
+  EXPECT_TRUE(read(TAMSEL_TCPIP, 255, 65411, 125) == 12 && read(TAMSEL_RS485, 247, 0, 1) == 8);
+  EXPECT_TRUE(read(TAMSEL_TCPIP, 1, 65412, 125) < 0 && read(TAMSEL_TCPIP, 1, 0, 126) < 0);
+  EXPECT_TRUE(read(TAMSEL_TCPIP, 256, 0, 1) < 0 && read(TAMSEL_RS485, 248, 0, 1) < 0 &&
+              read(TAMSEL_RS485, 0, 0, 1) < 0);
+  const auto write = [values = std::vector<std::uint16_t>(57)](int transport, int count) {
+    byte frame[TAMSEL_MAX_FRAME_LENGTH];
+    return tamsel_write_frame(transport, 0, 0, 0, values.data(), count, frame);
+  };
+  EXPECT_TRUE(write(TAMSEL_RS485, 27) == 63 && write(TAMSEL_RS485, 28) < 0 &&
+              write(TAMSEL_TCPIP, 56) == 125 && write(TAMSEL_TCPIP, 57) < 0);
+  EXPECT_TRUE(tamsel_baud_of_code(10) == 921600 && tamsel_baud_of_code(11) == 0);
+  EXPECT_TRUE(tamsel_baud_code(0) < 0 && tamsel_line_code("8n1") < 0 && !tamsel_line_of_code(12));
+  char text[20] = "";
+  EXPECT_STREQ(tamsel_device_status_text(TAMSEL_TCPIP, 255, text, 18), "connect failed + ");
+}
+
+TEST(TamselClient, AnswersThatDoNotFitAreToldApart) {
+  const std::vector<byte> frame = FromHex("050300100001844B");
+  const auto decode = [&](const std::string& digits) {
+    const std::vector<byte> bytes = FromHex(digits);
+    tamsel_answer answer;
+    const int result = tamsel_decode_answer(TAMSEL_RS485, frame.data(), frame.size(), bytes.data(),
+                                            bytes.size(), &answer);
+    return result == TAMSEL_MODBUS_EXCEPTION ? answer.exception : result;
+  };
+  EXPECT_EQ(decode("050302123444F3"), TAMSEL_OK);
+  EXPECT_EQ(decode("050302123444F4"), TAMSEL_WRONG_CHECK_SUM);
+  EXPECT_EQ(decode("0583028130"), 2);
+  EXPECT_EQ(decode("060302123400F3"), TAMSEL_OTHER_DEVICE);
+  EXPECT_EQ(decode("05040212344587"), TAMSEL_WRONG_ANSWER);
+}
+
+TEST(TamselClient, ReadsTheHealthOfOneDevice) {
+  const test::TempFolder folder;
+  const auto file = std::make_unique<tamsel_health_file>();
+  file->header = {TAMSEL_HEALTH_MAGIC, TAMSEL_HEALTH_VERSION, 0x01020304, sizeof(*file), {}};
+  tamsel_health_device* devices = file->devices + tamsel_health_device_index(2, TAMSEL_TCPIP, 7);
+  devices[0].exchanges = devices[1].exchanges = 17;
+  devices[0].checksum = tamsel_health_checksum(&devices[0], sizeof(devices[0]));
+  const auto read = [&](const std::string& name, int address) {
+    tamsel_health_device device;
+    const std::string path = folder.Path(name);
+    const int result = tamsel_health_read_device(path.c_str(), 2, TAMSEL_TCPIP, address, &device);
+    EXPECT_EQ(device.exchanges, result == TAMSEL_OK ? 17u : 0u);
+    return result;
+  };
+  EXPECT_EQ(read("none", 7), TAMSEL_HEALTH_NOT_READ);
+  EXPECT_EQ(read("", 7), TAMSEL_HEALTH_OTHER_FILE);
+  test::WriteFile(folder.Path("whole"), {reinterpret_cast<const char*>(file.get()), sizeof(*file)});
+  EXPECT_EQ(read("whole", 7), TAMSEL_OK);
+  EXPECT_EQ(read("whole", 8), TAMSEL_HEALTH_DAMAGED);
+  EXPECT_EQ(read("whole", 9), TAMSEL_HEALTH_NEVER);
+  ++file->header.version;
+  test::WriteFile(folder.Path("other"), {reinterpret_cast<const char*>(file.get()), sizeof(*file)});
+  EXPECT_EQ(read("other", 7), TAMSEL_HEALTH_OTHER_LAYOUT);
 }
 
 }  // namespace

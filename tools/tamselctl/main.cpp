@@ -2,7 +2,9 @@
 #include <csignal>
 #include <iostream>
 
+#include "log/log_command.h"
 #include "request/request_command.h"
+#include "settings/settings_command.h"
 #include "shared/command_line.h"
 #include "shared/exit_code.h"
 #include "shared/standard_streams.h"
@@ -11,7 +13,9 @@ namespace tmsc::ctl {
 namespace {
 
 constexpr void (*kAddCommands[])(CLI::App& app, int& exit_code) = {
+    AddLogCommand,
     AddRequestCommand,
+    AddSettingsCommand,
 };
 
 int Run(int argc, char** argv) {

@@ -5,7 +5,8 @@ namespace tmsc::ctl {
 
 /// What the process ends with; the help text explains the same values.
 constexpr int kExitOk = 0;
-constexpr int kExitOutputFailed = 1;
+constexpr int kExitFailed = 1;
+constexpr int kExitOutputFailed = kExitFailed;
 constexpr int kExitUsage = 2;
 constexpr int kExitNoDaemon = 3;
 constexpr int kExitBusy = 4;
@@ -17,8 +18,9 @@ constexpr int kExitInterrupted = 128;
 /// For the end of the help text.
 constexpr const char* kExitCodeHelp =
     "Exit status:\n"
-    "  0    every device answered, or the broadcast was sent\n"
-    "  1    standard output could not be written\n"
+    "  0    done; of a request: every device answered, or the broadcast was sent\n"
+    "  1    standard output could not be written, a log or settings file could not be\n"
+    "       read, or the settings have a mistake\n"
     "  2    wrong usage; nothing was sent\n"
     "  3    the daemon cannot be reached, or did not answer in time\n"
     "  4    the channel is busy\n"

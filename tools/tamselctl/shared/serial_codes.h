@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "communication_common.h"
-#include "vlm_rs485.h"
+#include "serial_line_codes.h"
 
 namespace CLI {
 class App;
@@ -12,12 +12,6 @@ class Option;
 }  // namespace CLI
 
 namespace tmsc::ctl {
-
-/// A code of the serial library under the name that people know it by.
-struct SerialCode {
-  const char* name;
-  byte code;
-};
 
 /// The format of a line unless --line says otherwise.
 constexpr SerialCode kDefaultLine = {"8N1", VLM_RS485_8N1};
