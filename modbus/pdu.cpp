@@ -20,10 +20,18 @@ std::string ExceptionText(int code) {
 
 AnswerCheck CheckReadAnswer(const Bytes& pdu, const Bytes& answer) {
   const auto count = static_cast<std::size_t>(WordAt(pdu, kData + 2));
-  if (answer.size() != kData + 1 + 2 * count || answer[kData] != 2 * count) {
-    return Misfit("not the registers asked for");
+  const bool is_bits = IsBitRead(pdu[kFunction]);
+  const std::size_t byte_count = is_bits ? (count + 7) / 8 : 2 * count;
+  if (answer.size() != kData + 1 + byte_count || answer[kData] != byte_count) {
+    return Misfit(is_bits ? "not the bits asked for" : "not the registers asked for");
   }
   AnswerCheck result;
+  if (is_bits) {
+    for (std::size_t index = 0; index < count; ++index) {
+      result.bits.push_back((answer[kData + 1 + index / 8] >> index % 8 & 1) != 0);
+    }
+    return result;
+  }
   for (std::size_t index = 0; index < count; ++index) {
     result.registers.push_back(WordAt(answer, kData + 1 + 2 * index));
   }
@@ -66,6 +74,28 @@ Bytes WriteRegistersPdu(int start, const std::vector<int>& values) {
   return pdu;
 }
 
+Bytes WriteCoilPdu(int coil, bool is_on) {
+  Bytes pdu{kWriteSingleCoil};
+  AppendWord(pdu, coil);
+  AppendWord(pdu, is_on ? 0xFF00 : 0);
+  return pdu;
+}
+
+Bytes WriteCoilsPdu(int start, const std::vector<bool>& values) {
+  Bytes pdu{kWriteMultipleCoils};
+  AppendWord(pdu, start);
+  AppendWord(pdu, static_cast<int>(values.size()));
+  pdu.push_back(static_cast<std::uint8_t>((values.size() + 7) / 8));
+  pdu.resize(pdu.size() + pdu.back());
+  for (std::size_t index = 0; index < values.size(); ++index) {
+    if (values[index]) {
+      std::uint8_t& eight = pdu[kWritePduOverhead + index / 8];
+      eight = static_cast<std::uint8_t>(eight | 1U << index % 8);
+    }
+  }
+  return pdu;
+}
+
 AnswerCheck Misfit(const std::string& text) {
   return {false, "misfit: " + text, {}};
 }
@@ -73,20 +103,26 @@ AnswerCheck Misfit(const std::string& text) {
 AnswerCheck CheckPdu(const Bytes& pdu, const Bytes& answer) {
   const std::uint8_t function = pdu[kFunction];
   if (answer[kFunction] == (function | kExceptionFlag) && answer.size() == kData + 1) {
-    return {false, ExceptionText(answer[kData]), {}, answer[kData]};
+    return {false, ExceptionText(answer[kData]), {}, {}, answer[kData]};
   }
   if (answer[kFunction] != function) {
     return Misfit("wrong function");
   }
-  const bool is_read = function == kReadHoldingRegisters || function == kReadInputRegisters;
+  const bool is_read =
+      IsBitRead(function) || function == kReadHoldingRegisters || function == kReadInputRegisters;
   if (is_read && pdu.size() == kStartAndCountLength) {
     return CheckReadAnswer(pdu, answer);
   }
-  // A written block is confirmed by its start and count, which stand first in the request.
-  if (function == kWriteMultipleRegisters && pdu.size() > kStartAndCountLength &&
-      !(answer.size() == kStartAndCountLength &&
-        std::equal(answer.begin(), answer.end(), pdu.begin()))) {
-    return Misfit("not the registers written");
+  // What was written is confirmed by its place with its value or its count, which stand first in
+  // the request.
+  const bool is_one = function == kWriteSingleCoil || function == kWriteSingleRegister;
+  const bool is_block = function == kWriteMultipleCoils || function == kWriteMultipleRegisters;
+  const bool is_whole =
+      is_one ? pdu.size() == kStartAndCountLength : is_block && pdu.size() > kStartAndCountLength;
+  if (is_whole && !(answer.size() == kStartAndCountLength &&
+                    std::equal(answer.begin(), answer.end(), pdu.begin()))) {
+    const bool is_coil = function == kWriteSingleCoil || function == kWriteMultipleCoils;
+    return Misfit(is_coil ? "not the coils written" : "not the registers written");
   }
   return {};
 }

@@ -1,6 +1,6 @@
 /// Modbus PDUs (function code and data), the part of a frame that every transport carries alike:
-/// the functions that read and write 16-bit registers, as "MODBUS Application Protocol"
-/// V1.1b3 defines them.
+/// the functions that read and write 16-bit registers and single bits (coils and discrete inputs),
+/// as "MODBUS Application Protocol" V1.1b3 defines them.
 #ifndef MODBUS_PDU_H_
 #define MODBUS_PDU_H_
 
@@ -27,29 +27,47 @@ constexpr std::uint8_t kExceptionFlag = 0x80;
 
 /// Most registers of one read, from the Modbus documents; the answer fits a slot on any transport.
 constexpr int kMaxReadRegisters = 125;
-/// Bytes of a write PDU beside its registers, which take two each.
+/// Most coils or discrete inputs of one read.
+constexpr int kMaxReadBits = 2000;
+/// Bytes of a write PDU beside its registers, which take two each, or its coils, eight to a byte.
 constexpr int kWritePduOverhead = 6;
 
-/// The PDU that reads `count` registers from `start` on.
+/// Exceptions by which a gateway says that the device behind it is not there.
+constexpr int kGatewayPathUnavailable = 10;
+constexpr int kGatewayTargetFailedToRespond = 11;
+
+/// Whether a function reads coils or discrete inputs.
+constexpr bool IsBitRead(std::uint8_t function) {
+  return function == kReadCoils || function == kReadDiscreteInputs;
+}
+
+/// The PDU that reads `count` registers (functions 3 and 4) or bits (1 and 2) from `start` on.
 Bytes ReadRegistersPdu(std::uint8_t function, int start, int count);
 
 /// The PDU that writes `values`, one or more that fit the transport's frame, from register `start`
 /// on.
 Bytes WriteRegistersPdu(int start, const std::vector<int>& values);
 
+/// The PDU that switches one coil on or off.
+Bytes WriteCoilPdu(int coil, bool is_on);
+
+/// The PDU that switches one or more coils that fit the transport's frame, from coil `start` on.
+Bytes WriteCoilsPdu(int start, const std::vector<bool>& values);
+
 /// What an answer says about the frame it answers.
 struct AnswerCheck {
   bool is_good = true;
-  std::string text;            // what is wrong; empty when good
-  std::vector<int> registers;  // of a good answer to functions 3 and 4
-  int exception = 0;           // code of the Modbus exception that was answered; 0: none
+  std::string text;             // what is wrong; empty when good
+  std::vector<int> registers;   // of a good answer to functions 3 and 4
+  std::vector<bool> bits = {};  // of a good answer to functions 1 and 2
+  int exception = 0;            // code of the Modbus exception that was answered; 0: none
 };
 
 /// An answer that does not belong to its frame.
 AnswerCheck Misfit(const std::string& text);
 
 /// Checks the PDU of an answer against the PDU it answers; both have a function code at least. The
-/// data of functions other than 3, 4 and 16 say nothing and count as good.
+/// data of functions other than those above say nothing and count as good.
 AnswerCheck CheckPdu(const Bytes& pdu, const Bytes& answer);
 
 /// An exception code in words; null for one that the Modbus documents do not define.

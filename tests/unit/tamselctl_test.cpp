@@ -2,6 +2,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "request_builder.h"
@@ -55,6 +56,26 @@ TEST(Tamselctl, ExitStatusAndTextFollowTheResponse) {
   ExpectOf({kBusy, kGoodAnswer}, kRead + "--busy-wait 5000", 0, "4660 65535");
   ExpectOf({kBusy}, kRead + "--busy-wait 60", 4, "busy");
   ExpectOf({{{}, {99, {}}}}, kRead, 6, "unknown status 99");
+  ExpectOf({kBusy}, kRead + "--json", 4,
+           R"("status":10,"error":"the channel is busy","devices":[]})");
+  ExpectOf({Answer(0, "0001 0000 0005 05 0102 0500")}, kTcp + "--read-coils 0,3", 5, "the bits as");
+  ExpectOf({Answer(0, "0001 0000 0005 05 0202 0502")}, kTcp + "--read-discrete 0,10", 0,
+           "bits: 1 0 1 0 0 0 0 0 0 1\n");
+  ExpectOf({Answer(0, "0001 0000 0006 05 050007FF00")}, kTcp + "--write-coil 7,1", 0, "ok");
+  ExpectOf({Answer(0, "0001 0000 0006 05 0500070000")}, kTcp + "--write-coil 7,1", 5,
+           "not the coils");
+  ExpectOf({Answer(0, "0001 0000 0006 05 0F00070002")}, kTcp + "--write-coils 7,1", 5,
+           "the coils wr");
+  const std::pair<const char*, const char*> types[] = {{"i16", "4660 -1"},
+                                                       {"u32", "305463295"},
+                                                       {"u32 --word-order little", "4294906420"},
+                                                       {"i32 --word-order little", "-60876"},
+                                                       {"hex", "1234 FFFF"},
+                                                       {"f32", "5.7113525e-28"},
+                                                       {"string", ".4..\n"}};
+  for (const auto& [type, values] : types) {
+    ExpectOf({kGoodAnswer}, kRead + "--type " + type + " ", 0, "values: " + std::string(values));
+  }
 
   ExpectOf({Answer(1, "")}, kRtu + "--read-input 0,1 --format json", 5,
            R"("19200 8N1","ok":false,"st)");
@@ -100,6 +121,21 @@ TEST(Tamselctl, SendsTheRecordAskedInOneWrite) {
                places + "967:050C00000100000006050300100002 1096:090C00000200000006090300100002");
   ExpectRecord(tcp + "--frame 9:FF --frame 5:'0a 0B'", places + "967:0502000A0B 1096:090100FF");
   ExpectRecord(tcp + "--frame 0c", places + "967:0501000C 1096:0901000C");
+  const std::string both = "--device 5,9=192.0.2.7:503 --timeout 0x100 ";
+  ExpectRecord(
+      both + "--unit 101-102 --write-coils 3,1,0,1,1,1,1,1,1,1",
+      "68:053139322E302E322E37 87:F701 95:0001 97:093139322E302E322E37 116:F701 124:0001 "
+      "967:050F00000100000009650F0003000902FD01 1096:090F00000200000009660F0003000902FD01");
+  const std::pair<const char*, const char*> writes[] = {
+      {"-1,-32768", "05110000010000000B05100001000204FFFF8000"},
+      {"-2,0x10000 --type i32 --word-order little",
+       "05150000010000000F05100001000408FFFEFFFF00000001"},
+      {"A,B --type string", "05110000010000000B05100001000204412C4200"},
+      {"0a0B,ff --type hex", "05110000010000000B051000010002040A0B00FF"}};
+  for (const auto& [values, data] : writes) {
+    ExpectRecord("--device 5=192.0.2.7:503 --write-registers 1," + std::string(values),
+                 "68:053139322E302E322E37 87:F701 95:E803 967:" + std::string(data));
+  }
   const std::string rtu = "--device 5 --baud ";
   ExpectRecord(rtu + "1200 --read-holding 0x10,2", "68:000500E803 286:050800050300100002C44A");
   ExpectRecord(rtu + "921600 --line 7O2 --silence 20 --wait 255 --unit 255 --read-input 16,2",
@@ -129,6 +165,13 @@ TEST(Tamselctl, WrongUsageIsRefusedBeforeAnythingIsSent) {
       {one + "--write-registers 1,65536", "is not START,VALUE"},
       {one + "--device 2 --frame 01", "do not mix"},
       {one + "--baud 9600 --frame 01", "have no speed"},
+      {one + "--read-holding 1,3 --type i32", "takes 2 registers, and COUNT is 3"},
+      {one + "--read-coils 1,3 --type i32", "coils and discrete inputs have none"},
+      {one + "--write-registers 1,-32769", "is not START,VALUE"},
+      {one + "--unit 1-2 --read-coils 1,1", "2 units for 1 devices"},
+      {one + "--watch 0 --read-coils 1,1", "0 is no time"},
+      {one + "--count 1 --read-coils 1,1", "--count requires --watch"},
+      {"--device 1-32=192.0.2.1:502 --channel 1 --read-coils 1,1", "range of 1 to 31"},
       {one + "--line 8E1 --frame 01", "--line requires --baud"},
       {one + "--frame ''", "the argument behind --frame is empty"},
       {"--channel 1 --device 1 --frame 01", "needs --baud"},
@@ -148,6 +191,73 @@ TEST(Tamselctl, WrongUsageIsRefusedBeforeAnythingIsSent) {
   ExpectRun(TAMSELCTL_PATH " ''", 2, "the argument behind tamselctl is empty");
   ExpectRun(TAMSELCTL_PATH " requst", 2, "requst is no command; did you mean request?\n");
   ExpectRun(TAMSELCTL_PATH " rquets", 2, "rquets is no command\n");
+}
+
+TEST(Tamselctl, RepeatsARequestAndCounts) {
+  ExpectOf(
+      {kGoodAnswer, kBusy, Answer(0, "")}, kRead + "--watch 0.01 --count 4 --json", 5,
+      R"("devices":[{"channel":2,"device":5,"asked":3,"answered":1,"failed":2,"least_ms":null)");
+  const FakeDaemon daemon([next = 0](int connection) mutable {
+    FakeDaemon::ReadOnce(connection, sizeof(TcpIpRequest));
+    std::this_thread::sleep_for(std::chrono::milliseconds(next++ % 2 == 0 ? 0 : 100 * next));
+    FakeDaemon::Send(connection, kGoodAnswer);
+  });
+  const auto run = test::RunShell(kRequest + kRead + "--watch 10ms --count 6 --json --socket " +
+                                  daemon.Path() + " | tail -1");
+  const auto times = nlohmann::json::parse(run.output).at("summary").at("requests");
+  EXPECT_EQ(times.at("answered"), 6) << run.output;  // after 0, 200, 0, 400, 0 and 600 ms
+  EXPECT_LT(times.at("median_ms"), 200) << run.output;
+  EXPECT_GE(times.at("p99_ms"), 600) << run.output;
+}
+
+TEST(Tamselctl, AnExceptionIsAnAnswerOfAScan) {
+  const FakeDaemon daemon(Answering({Answer(0, "05 8302 8130"), {}, {{}, {8, {}}}}));
+  ExpectRun(TAMSELCTL_PATH " scan --channel 2 --baud 9600 --unit 5-9 --socket " + daemon.Path(), 6,
+            "2: illegal data address\n1 of 2 answer");
+}
+
+void ExpectSite(const std::string& text, int exit_code, const std::string& words) {
+  const test::TempFolder folder;
+  test::WriteFile(folder.Path("site"), text);
+  ExpectRun(TAMSELCTL_PATH " site " + folder.Path("site"), exit_code, words);
+}
+
+TEST(Tamselctl, SiteFileIsCheckedToTheCharacter) {
+  const std::string example =
+      test::ReadFile(std::filesystem::path(__FILE__).parent_path() / "../../packaging/site.json");
+  ExpectSite(example, 0, "192.0.2.9:502 unit 101  Inverter 101  inverter-101  ");
+  const char* const cases[][3] = {
+      // what stands in the example, in its place, what follows
+      {"\"kinds\": {", "\"kinds\": {,", "site:3:13: syntax error"},
+      {"\"scale\": 0.1,", "\"scal\": 0.1,",
+       ":6:105: unknown key \"scal\" in a register; did you mean"},
+      {"\"start\": 30", "\"start\": -1", ":5:55: \"start\" is not a whole number of 0 to 65535"},
+      {"\"start\": 30", "\"start\": 65535", ":5:55: the value ends behind register 65535"},
+      {"19200", "19201", ":16:62: \"baud\" is not one of 1200"},
+      {"\"address\": 17", "\"address\": 16", ":19:9: doubled device address 16"},
+      {"\"unit_id\": 101", "\"unit_id\": 1", ":26:9: doubled device: unit 1 there is \"Meter\""},
+      {"\"192.0.2.9\", \"kind\"", "\"192.0.2\", \"kind\"", ":25:47: \"ip\" is not one of"},
+      {"\"kind\": \"meter\"", "\"kind\": \"metre\"", "; did you mean \"meter\"?"},
+      {"\"kind\": \"meter\"", "\"kind\": \"meter\", \"kind\": 1", "doubled key \"kind\""},
+      {"\"channel\": 3", "\"channel\": 1, \"baud\": 9600", ":22:5: channel 1 has a bus with"},
+      {"\"Meter\"", "\"All\"", ":25:18: \"All\" cannot be a name"},
+  };
+  for (const auto& [from, to, mistake] : cases) {
+    std::string text = example;
+    const std::size_t at = text.find(from);
+    ExpectSite(text.replace(at, std::strlen(from), to), 2, mistake);
+  }
+  ExpectSite(std::string(100000, '['), 2, "site:1:21: nested too deeply");
+  ExpectRun(TAMSELCTL_PATH " site /nonexistent", 2, "cannot be read: No such file");
+}
+
+TEST(Tamselctl, ShellsCompleteWhatTheParserTakes) {
+  const std::string complete = "bash -c '. <(" TAMSELCTL_PATH
+                               " completion bash); COMP_WORDS=(tamselctl \"$@\"); COMP_CWORD=$#;"
+                               "_tamselctl; echo ${COMPREPLY[@]}' - ";
+  ExpectRun(complete + "scan --ga", 0, "--gateway\n");
+  ExpectRun(complete + "request --format ''", 0, "table json\n");
+  ExpectRun(complete + "site /proc/versio", 0, "/proc/version\n");
 }
 
 TEST(Tamselctl, OutputThatCannotBeWrittenIsNoSuccess) {
@@ -200,6 +310,7 @@ TEST(Tamselctl, AnInterruptedExchangeSaysThatTheChannelStaysBusy) {
   const std::string text = "channel 2 stays busy until the exchange ends\n";
   ExpectEndBySignal(SIGINT, "", "", 130, text);
   ExpectEndBySignal(SIGTERM, "", "", 143, text);
+  ExpectEndBySignal(SIGINT, "", " --watch 60", 130, "requests      0         0       0");
   ExpectEndBySignal(SIGINT, "env --ignore-signal=INT ", "", 0, "4660");
   // Nothing of the text goes to the daemon, whose socket would be the first free descriptor.
   ExpectEndBySignal(SIGINT, "", " 2>&-", 130, "");

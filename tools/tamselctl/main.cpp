@@ -2,20 +2,23 @@
 #include <csignal>
 #include <iostream>
 
+#include "completion/completion_command.h"
+#include "health/health_command.h"
 #include "log/log_command.h"
 #include "request/request_command.h"
+#include "scan/scan_command.h"
 #include "settings/settings_command.h"
 #include "shared/command_line.h"
 #include "shared/exit_code.h"
 #include "shared/standard_streams.h"
+#include "site/site_command.h"
 
 namespace tmsc::ctl {
 namespace {
 
 constexpr void (*kAddCommands[])(CLI::App& app, int& exit_code) = {
-    AddLogCommand,
-    AddRequestCommand,
-    AddSettingsCommand,
+    AddHealthCommand, AddLogCommand,  AddRequestCommand,    AddSettingsCommand,
+    AddScanCommand,   AddSiteCommand, AddCompletionCommand,
 };
 
 int Run(int argc, char** argv) {

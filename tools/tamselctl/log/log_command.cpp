@@ -25,7 +25,7 @@
 #include "shared/address_ranges.h"
 #include "shared/daemon_options.h"
 #include "shared/exit_code.h"
-#include "shared/interrupt_notice.h"
+#include "shared/interruption.h"
 #include "shared/table.h"
 #include "shared/times.h"
 #include "shared/usage.h"
@@ -192,22 +192,21 @@ class LogPrinter {
 };
 
 /// Prints what is appended until the process is interrupted or nobody reads the output any more.
-void Follow(LogFile file, LogPrinter& printer) {
+/// Ends when a signal comes or standard output fails; the exit status.
+int Follow(LogFile file, LogPrinter& printer) {
   const LineTaker take = [&printer](std::string_view text, bool is_whole) {
     printer.Take(text, is_whole);
   };
   const std::string path = file.path;
   LogFollower follower(std::move(file));
-  while (std::cout.flush()) {
+  const Interruption interruption;
+  do {
     if (!follower.Poll(take)) {
       std::cout.flush();
       std::cerr << "tamselctl: " << path << " was begun anew; lines may be missing here\n";
     }
-    if (!std::cout.flush()) {
-      return;
-    }
-    std::this_thread::sleep_for(kFollowInterval);
-  }
+  } while (std::cout.flush() && interruption.Sleep(kFollowInterval));
+  return std::cout ? interruption.ExitCode() : kExitFailed;
 }
 
 int RunLog(LogOptions options) {
@@ -215,7 +214,6 @@ int RunLog(LogOptions options) {
     UseSettings(options.settings_path);
     options.places.push_back(LoggerSettingManager().GetLogDirectory());
   }
-  const InterruptNotice notice("");
   LogFiles log = OpenLog(options.places);
   while (options.is_following && log.files.empty()) {
     const std::vector<std::string> told = log.mistakes;
@@ -239,8 +237,7 @@ int RunLog(LogOptions options) {
     const bool is_last = &file == &log.files.back();
     const bool is_stream = file.path == "-";
     if (is_last && options.is_following && !is_stream) {
-      Follow(std::move(file), printer);
-      return kExitFailed;  // it ends only when standard output does
+      return Follow(std::move(file), printer);
     }
     LineSplitter splitter;
     // A stream is shown as it comes.

@@ -10,11 +10,13 @@ namespace tmsc::ctl {
 
 /// Longest frame that the serial library takes, in bytes.
 constexpr int kMaxRtuFrameLength = MAX_XFER_DATA_LENGTH;
-/// Most registers of one write whose frame the serial library takes, beside address and CRC.
-constexpr int kMaxRtuWriteRegisters = (kMaxRtuFrameLength - 3 - modbus::kWritePduOverhead) / 2;
-/// Most registers of one write whose Modbus/TCP frame fits a request.
-constexpr int kMaxTcpWriteRegisters =
-    (kMaxSendFrameLength - modbus::kMbapLength - modbus::kWritePduOverhead) / 2;
+/// Most bytes of values in one write whose frame the serial library takes, beside address and CRC.
+constexpr int kMaxRtuWriteBytes = kMaxRtuFrameLength - 3 - modbus::kWritePduOverhead;
+/// Most bytes of values in one write whose Modbus/TCP frame fits a request.
+constexpr int kMaxTcpWriteBytes =
+    kMaxSendFrameLength - modbus::kMbapLength - modbus::kWritePduOverhead;
+constexpr int kMaxRtuWriteRegisters = kMaxRtuWriteBytes / 2;
+constexpr int kMaxTcpWriteRegisters = kMaxTcpWriteBytes / 2;
 
 }  // namespace tmsc::ctl
 

@@ -6,111 +6,107 @@
 #include <iostream>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "request/request_devices.h"
 #include "request/request_options.h"
 #include "request/request_report.h"
-#include "shared/daemon_options.h"
+#include "request/request_site.h"
+#include "request/statistics.h"
 #include "shared/exit_code.h"
-#include "shared/interrupt_notice.h"
-#include "status_text.h"
-#include "tamsel_client.h"
-#include "utility/deadline.h"
+#include "shared/times.h"
 
 namespace tmsc::ctl {
 namespace {
 
-constexpr int kBusyRetryMs = 50;
+constexpr const char* kExamples =
+    "Examples:\n"
+    "  tamselctl request --channel 1 --device 16-18=192.0.2.10:502 --read-holding 0,2\n"
+    "  tamselctl request --channel 2 --baud 19200 --device 1-31 --read-input 30,2 --type i32\n"
+    "  tamselctl request --channel 3 --device 1-10=192.0.2.9:502 --unit 101-110 \\\n"
+    "    --read-holding 0,1 --watch 5 --count 60\n"
+    "  tamselctl request --site site.json inverter-17\n\n"
+    "Numbers are decimal, or hexadecimal after 0x.\n\n";
 
-// TCP/IP devices are served side by side: each may take its time-out for the connect, the send,
-// some receives and the wait for late bytes, which the daemon itself bounds by 5 s. RS485 devices
-// take turns: each may take its wait, its time-out and the time of its frame, which is below 1 s
-// even at the lowest speed.
-int DeadlineMs(const Options& options) {
-  constexpr int kOfDaemonMs = 10000;
-  const int of_devices_ms = options.IsRs485() ? static_cast<int>(options.devices.size()) *
-                                                    (options.timeout_ms + options.wait_ms + 1000)
-                                              : 6 * options.timeout_ms;
-  return options.deadline_ms.value_or(of_devices_ms + kOfDaemonMs);
-}
+/// A request and its repetitions.
+class RequestRun {
+ public:
+  explicit RequestRun(const Options& options)
+      : options_(options),
+        batches_(options.site.empty() ? std::vector<Batch>{MakeBatch(options)}
+                                      : MakeSiteBatches(options)),
+        exchanger_(options.daemon, options.busy_wait_ms, options.deadline_ms, interruption_,
+                   progress_) {}
 
-// The daemon ends an exchange that it has begun, whether or not somebody still waits for it.
-template <typename Request>
-ExchangeResult ExchangeOnce(const TamselClient& client, const Request& request,
-                            const Options& options) {
-  const InterruptNotice notice("tamselctl: interrupted; channel " +
-                               std::to_string(options.channel) +
-                               " stays busy until the exchange ends\n");
-  return client.Exchange(request, DeadlineMs(options));
-}
-
-// Repeats the exchange while the channel is busy and the time to wait for it lasts.
-template <typename Request>
-ExchangeResult ExchangeUnlessBusy(const Request& request, const Options& options,
-                                  RequestReport& report) {
-  const TamselClient client(SocketPath(options.daemon));
-  const Deadline busy_deadline{std::chrono::milliseconds(options.busy_wait_ms)};
-  while (true) {
-    const auto begin = Deadline::Clock::now();
-    ExchangeResult result = ExchangeOnce(client, request, options);
-    const auto elapsed = Deadline::Clock::now() - begin;
-    report.elapsed_ms = std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count();
-    const bool is_busy =
-        result.outcome == Outcome::kAnswered &&
-        result.response.receive_data.status == kDeviceCommunicationChannelBusyError;
-    if (!is_busy || busy_deadline.HasPassed()) {
-      return result;
+  int Run() {
+    if (!options_.watch_ms) {
+      RunRound();
+    } else {
+      Watch();
     }
-    std::this_thread::sleep_for(
-        std::chrono::milliseconds(std::min(kBusyRetryMs, busy_deadline.RemainingMs())));
+    return interruption_.Signal() != 0 ? interruption_.ExitCode() : exit_code_;
   }
-}
 
-// The exit status of a request that came to no device answers; kExitOk for any other.
-int ExitCodeOfRequest(const ExchangeResult& result) {
-  switch (result.outcome) {
-    case Outcome::kAnswered:
-      break;
-    case Outcome::kClosedWithoutAnswer:
-      return kExitRequestFailed;
-    default:
-      return kExitNoDaemon;
+ private:
+  // False when it was interrupted.
+  bool RunRound() {
+    for (const Batch& batch : batches_) {
+      const auto report = Ask(exchanger_, batch);
+      if (!report) {
+        return false;
+      }
+      progress_.Clear();
+      const auto print = options_.is_json        ? PrintJson
+                         : options_.site.empty() ? PrintTable
+                                                 : PrintNamed;
+      print(std::cout, *report);
+      statistics_.Add(*report);
+      exit_code_ = report->exit_code == kExitOk ? exit_code_ : report->exit_code;
+      if (report->exit_code == kExitNoDaemon) {
+        break;
+      }
+    }
+    return true;
   }
-  switch (result.response.receive_data.status) {
-    case kDeviceCommunicationStatusNoError:
-      return kExitOk;
-    case kDeviceCommunicationChannelBusyError:
-      return kExitBusy;
-    default:
-      return kExitRequestFailed;
-  }
-}
 
-int RunRequest(const Options& options) {
-  const std::vector<Device> devices = MakeDevices(options);
-  RequestReport report;
-  report.channel = options.channel;
-  const ExchangeResult result =
-      options.IsRs485() ? ExchangeUnlessBusy(BuildRs485Request(devices, options), options, report)
-                        : ExchangeUnlessBusy(BuildTcpIpRequest(devices, options), options, report);
-  if (const int exit_code = ExitCodeOfRequest(result); exit_code != kExitOk) {
-    std::cerr << "tamselctl: channel " << options.channel << ": "
-              << (result.outcome == Outcome::kAnswered
-                      ? StatusText(result.response.receive_data.status)
-                      : result.text)
-              << '\n';
-    return exit_code;
+  void Watch() {
+    const std::chrono::milliseconds period(*options_.watch_ms);
+    auto next = std::chrono::steady_clock::now();
+    for (int round = 0; !options_.count || round < *options_.count; ++round) {
+      using std::chrono::milliseconds;
+      const auto rest = next - std::chrono::steady_clock::now();
+      const auto pause = std::max(milliseconds(0), std::chrono::ceil<milliseconds>(rest));
+      if (!interruption_.Sleep(pause)) {
+        break;
+      }
+      if (!options_.is_json) {
+        std::cout << TimeText(NowMs()) << '\n';
+      }
+      next = std::max(next + period, std::chrono::steady_clock::now());
+      if (!RunRound() || !std::cout.flush()) {
+        break;
+      }
+    }
+    progress_.Clear();
+    if (options_.is_json) {
+      statistics_.PrintJson(std::cout);
+    } else {
+      statistics_.PrintTable(std::cout);
+      if (!exchanger_.HasHealth()) {
+        std::cout << "The times of devices are known when the daemon keeps their health "
+                     "(HealthFilePath).\n";
+      }
+    }
   }
-  bool is_good = true;
-  for (const Device& device : devices) {
-    report.devices.push_back(ReportDevice(device, options, result.response));
-    is_good = is_good && report.devices.back().is_good;
-  }
-  (options.format == "json" ? PrintJson : PrintTable)(std::cout, report);
-  return is_good ? kExitOk : kExitDeviceFailed;
-}
+
+  const Options& options_;
+  const std::vector<Batch> batches_;
+  const Interruption interruption_;
+  Progress progress_;
+  Exchanger exchanger_;
+  Statistics statistics_;
+  int exit_code_ = kExitOk;
+};
 
 }  // namespace
 
@@ -118,9 +114,14 @@ void AddRequestCommand(CLI::App& app, int& exit_code) {
   const auto options = std::make_shared<Options>();
   CLI::App& command = *app.add_subcommand(
       "request", "Send one request to devices of a channel and print their answers");
-  command.footer(std::string("Numbers are decimal, or hexadecimal after 0x.\n\n") + kExitCodeHelp);
+  command.footer(std::string(kExamples) + kExitCodeHelp);
   AddRequestOptions(command, *options);
-  command.callback([options, &exit_code] { exit_code = RunRequest(*options); });
+  command.callback([options, &command, &exit_code] {
+    if (!options->site.empty()) {
+      CheckSiteOptions(command);
+    }
+    exit_code = RequestRun(*options).Run();
+  });
 }
 
 }  // namespace tmsc::ctl

@@ -5,34 +5,60 @@
 #include <utility>
 
 #include "modbus/rtu_frame.h"
-#include "modbus/tcp_frame.h"
 #include "request/frame_limits.h"
+#include "shared/address_ranges.h"
 #include "shared/arguments.h"
 #include "shared/usage.h"
-#include "status_text.h"
-#include "tamsel_client.h"
 
 namespace tmsc::ctl {
 namespace {
 
-const std::string kAddressRange = "an address of 1 to " + std::to_string(kMaxDeviceCountAtChannel);
+constexpr int kAfterLastPlace = 0x10000;
 
-Device ParseDevice(const std::string& text, bool is_rs485) {
-  if (is_rs485) {
-    const auto address = ParseNumber(text, 1, kMaxDeviceCountAtChannel);
-    if (!address) {
-      ThrowUsage("--device", text + " is not " + kAddressRange);
+const std::string kAddressRange =
+    "an address or range of 1 to " + std::to_string(kMaxDeviceCountAtChannel);
+
+// The devices of one --device, still without a frame.
+std::vector<Device> ParseDevice(const std::string& text, bool is_rs485) {
+  const std::size_t equals = text.find('=');
+  const auto addresses = ParseRanges(text.substr(0, equals), 1, kMaxDeviceCountAtChannel);
+  Device device;
+  if (!is_rs485) {
+    const std::size_t colon = text.rfind(':');
+    const auto port = colon == std::string::npos || colon < equals
+                          ? std::nullopt
+                          : ParseNumber(text.substr(colon + 1), 1, 65535);
+    if (!addresses || !port) {
+      ThrowUsage("--device", text + " is not ADDRESS=IP:PORT with " + kAddressRange);
     }
-    return {*address, "", 0, {}};
+    device.ip_address = text.substr(equals + 1, colon - equals - 1);
+    device.port = *port;
+  } else if (!addresses) {
+    ThrowUsage("--device", text + " is not " + kAddressRange);
   }
-  const auto place = ParseTcpDevice(text);
-  if (!place) {
-    ThrowUsage("--device", text + " is not ADDRESS=IP:PORT with " + kAddressRange);
+  std::vector<Device> devices;
+  for (const int address : *addresses) {
+    device.address = device.unit = address;
+    devices.push_back(device);
   }
-  return {place->address, place->ip_address, place->port, {}};
+  return devices;
+}
+
+void SetUnits(std::vector<Device>& devices, const Options& options) {
+  if (options.units.empty()) {
+    return;
+  }
+  if (options.units.size() > 1 && options.units.size() != devices.size()) {
+    ThrowUsage("--unit", std::to_string(options.units.size()) + " units for " +
+                             std::to_string(devices.size()) + " devices");
+  }
+  for (std::size_t index = 0; index < devices.size(); ++index) {
+    devices[index].unit = options.units[options.units.size() == 1 ? 0 : index];
+  }
 }
 
 std::vector<Device> ParseDevices(const Options& options) {
+  const bool is_rs485 = options.bus.IsRs485();
   const auto has_place = [](const std::string& text) {
     return text.find('=') != std::string::npos;
   };
@@ -40,16 +66,18 @@ std::vector<Device> ParseDevices(const Options& options) {
   if (with_place != 0 && static_cast<std::size_t>(with_place) != options.devices.size()) {
     ThrowUsage("--device", "TCP/IP devices, with =IP:PORT, and RS485 devices do not mix");
   }
-  if (with_place != 0 && options.IsRs485()) {
+  if (with_place != 0 && is_rs485) {
     ThrowUsage("--baud", "TCP/IP devices, with =IP:PORT, have no speed");
   }
-  if (with_place == 0 && !options.IsRs485()) {
+  if (with_place == 0 && !is_rs485) {
     ThrowUsage("--device", "a device without =IP:PORT is reached over RS485 and needs --baud");
   }
   std::vector<Device> devices;
   for (const std::string& text : options.devices) {
-    devices.push_back(ParseDevice(text, options.IsRs485()));
+    const std::vector<Device> more = ParseDevice(text, is_rs485);
+    devices.insert(devices.end(), more.begin(), more.end());
   }
+  SetUnits(devices, options);
   return devices;
 }
 
@@ -74,7 +102,7 @@ void SetRawFrame(std::vector<Device>& devices, const std::string& text) {
 }
 
 void SetRawFrames(std::vector<Device>& devices, const Options& options) {
-  if (options.unit) {
+  if (!options.units.empty()) {
     ThrowUsage("--unit", "the bytes of --frame are sent as they are");
   }
   for (const std::string& text : options.frames) {
@@ -90,61 +118,115 @@ void SetRawFrames(std::vector<Device>& devices, const Options& options) {
   }
 }
 
-std::vector<byte> ReadPdu(const std::string& option, byte function, const std::string& text) {
-  const auto numbers = ParseNumberList(text);
-  if (!numbers || numbers->size() != 2) {
-    ThrowUsage(option, text + " is not START,COUNT");
+void CheckType(const Read& read, const Options& options) {
+  const int size = RegistersOf(options.type.value_or(ValueType::kU16));
+  if (modbus::IsBitRead(read.function) && options.type) {
+    ThrowUsage("--type", "coils and discrete inputs have none");
   }
-  const int start = numbers->at(0);
-  const int count = numbers->at(1);
-  if (count < 1 || count > modbus::kMaxReadRegisters || start + count > 0x10000) {
-    ThrowUsage(option, "1 to " + std::to_string(modbus::kMaxReadRegisters) +
-                           " registers, none above 65535, can be read");
+  if (size > 1 && read.count % size != 0) {
+    ThrowUsage("--type", "a value takes " + std::to_string(size) + " registers, and COUNT is " +
+                             std::to_string(read.count));
   }
-  return modbus::ReadRegistersPdu(function, start, count);
 }
 
-std::vector<byte> WritePdu(const std::string& option, const std::string& text, bool is_rs485) {
-  auto numbers = ParseNumberList(text);
-  if (!numbers) {
-    ThrowUsage(option, text + " is not START,VALUE[,VALUE...]");
+// What stands before the first comma and behind it.
+std::pair<int, std::string> SplitStart(const std::string& option, const std::string& text,
+                                       const std::string& form) {
+  const std::size_t comma = text.find(',');
+  const auto start = ParseNumber(text.substr(0, comma), 0, kAfterLastPlace - 1);
+  if (!start || comma == std::string::npos) {
+    ThrowUsage(option, text + " is not " + form);
   }
-  const int start = numbers->front();
-  numbers->erase(numbers->begin());
-  const int count = static_cast<int>(numbers->size());
-  const int most = is_rs485 ? kMaxRtuWriteRegisters : kMaxTcpWriteRegisters;
-  if (count > most || start + count > 0x10000) {
-    ThrowUsage(option, "1 to " + std::to_string(most) +
-                           " registers, none above 65535, can be written in a frame of at most " +
+  return {*start, text.substr(comma + 1)};
+}
+
+void CheckWrite(const std::string& option, int start, std::size_t count, int most,
+                const std::string& things, bool is_rs485) {
+  if (count > static_cast<std::size_t>(most) || start + static_cast<int>(count) > kAfterLastPlace) {
+    ThrowUsage(option, "1 to " + std::to_string(most) + things +
+                           ", none above 65535, can be written in a frame of at most " +
                            std::to_string(is_rs485 ? kMaxRtuFrameLength : kMaxSendFrameLength) +
                            " bytes");
   }
-  return modbus::WriteRegistersPdu(start, *numbers);
 }
 
+std::vector<byte> WriteRegisters(const std::string& option, const Options& options) {
+  const std::string form = "START,VALUE[,VALUE...]";
+  const bool is_rs485 = options.bus.IsRs485();
+  const auto [start, text] = SplitStart(option, options.write_registers, form);
+  const auto registers =
+      EncodeValues(text, options.type.value_or(ValueType::kU16), options.word_order);
+  if (!registers) {
+    ThrowUsage(option, options.write_registers + " is not " + form +
+                           (options.type ? " of the --type" : ""));
+  }
+  CheckWrite(option, start, registers->size(),
+             is_rs485 ? kMaxRtuWriteRegisters : kMaxTcpWriteRegisters, " registers", is_rs485);
+  return modbus::WriteRegistersPdu(start, *registers);
+}
+
+std::vector<byte> WriteCoils(const std::string& option, const std::string& given, bool is_one,
+                             const Options& options) {
+  const std::string form = is_one ? "COIL,0|1" : "START,0|1[,0|1...]";
+  const bool is_rs485 = options.bus.IsRs485();
+  const auto [start, text] = SplitStart(option, given, form);
+  std::vector<bool> bits;
+  for (std::size_t index = 0; index <= text.size(); index += 2) {
+    const std::string digit = text.substr(index, 1);
+    const bool is_separated = index + 1 >= text.size() || text[index + 1] == ',';
+    if ((digit != "0" && digit != "1") || !is_separated) {
+      ThrowUsage(option, given + " is not " + form);
+    }
+    bits.push_back(digit == "1");
+  }
+  if (options.type) {
+    ThrowUsage("--type", "coils and discrete inputs have none");
+  }
+  if (is_one && bits.size() > 1) {
+    ThrowUsage(option, given + " is not " + form);
+  }
+  constexpr int kBitsInByte = 8;
+  CheckWrite(option, start, bits.size(),
+             kBitsInByte * (is_rs485 ? kMaxRtuWriteBytes : kMaxTcpWriteBytes), " coils", is_rs485);
+  return is_one ? modbus::WriteCoilPdu(start, bits.front()) : modbus::WriteCoilsPdu(start, bits);
+}
+
+// Empty when nothing is said to be sent.
 std::vector<byte> MakePdu(const Options& options) {
-  if (!options.read_holding.empty()) {
-    return ReadPdu("--read-holding", modbus::kReadHoldingRegisters, options.read_holding);
+  if (const auto read = ParseRead(options.reads)) {
+    CheckType(*read, options);
+    return modbus::ReadRegistersPdu(read->function, read->start, read->count);
   }
-  if (!options.read_input.empty()) {
-    return ReadPdu("--read-input", modbus::kReadInputRegisters, options.read_input);
+  if (!options.write_registers.empty()) {
+    return WriteRegisters("--write-registers", options);
   }
-  return WritePdu("--write-registers", options.write_registers, options.IsRs485());
+  if (!options.write_coil.empty()) {
+    return WriteCoils("--write-coil", options.write_coil, true, options);
+  }
+  return options.write_coils.empty()
+             ? std::vector<byte>()
+             : WriteCoils("--write-coils", options.write_coils, false, options);
 }
 
 void SetModbusFrames(std::vector<Device>& devices, const Options& options) {
   if (options.has_crc) {
     ThrowUsage("--crc", "only --frame can do without a CRC");
   }
-  if (options.is_broadcast && options.write_registers.empty()) {
+  const std::vector<byte> pdu = MakePdu(options);
+  if (pdu.empty()) {
+    ThrowUsage("--read-holding",
+               "nothing is said to be sent: one of the options of frame is "
+               "required");
+  }
+  if (options.is_broadcast &&
+      (modbus::IsBitRead(pdu[0]) || pdu[0] == modbus::kReadHoldingRegisters ||
+       pdu[0] == modbus::kReadInputRegisters)) {
     ThrowUsage("--broadcast", "nothing can be read from all devices at once");
   }
-  const std::vector<byte> pdu = MakePdu(options);
   int transaction = 0;
   for (Device& device : devices) {
-    const int unit = options.is_broadcast ? 0 : options.unit.value_or(device.address);
-    device.frame = options.IsRs485() ? modbus::RtuFrame(unit, pdu)
-                                     : modbus::TcpFrame(++transaction, unit, pdu);
+    device.unit = options.is_broadcast ? 0 : device.unit;
+    device.frame = MakeFrame(options.bus, ++transaction, device.unit, pdu);
   }
 }
 
@@ -167,91 +249,35 @@ void CheckRs485Frames(const std::vector<Device>& devices, const Options& options
   }
 }
 
-std::string Place(const Device& device, const Options& options) {
-  return options.IsRs485() ? std::string(options.baud->name) + " " + options.line.name
-                           : device.ip_address + ":" + std::to_string(device.port);
-}
-
-modbus::AnswerCheck CheckAnswer(const Device& device, const Options& options,
-                                const std::vector<byte>& answer) {
-  if (!options.IsRs485()) {
-    return modbus::CheckTcpAnswer(device.frame, answer);
-  }
-  // Without --crc the bytes of --frame may be anything, and so may the answer.
-  return options.frames.empty() || options.has_crc ? modbus::CheckRtuAnswer(device.frame, answer)
-                                                   : modbus::AnswerCheck{};
-}
-
-void CheckAdded(const Device& device, const BuildError& error) {
-  if (error) {
-    ThrowUsage("device " + std::to_string(device.address), *error);
-  }
-}
-
 }  // namespace
 
-std::vector<Device> MakeDevices(const Options& options) {
+Batch MakeBatch(const Options& options) {
+  if (options.bus.channel == 0 || options.devices.empty()) {
+    ThrowUsage(options.bus.channel == 0 ? "--channel" : "--device",
+               "is required, unless a --site file says it");
+  }
   std::vector<Device> devices = ParseDevices(options);
   if (options.frames.empty()) {
     SetModbusFrames(devices, options);
   } else {
     SetRawFrames(devices, options);
   }
-  if (options.IsRs485()) {
+  if (options.bus.IsRs485()) {
     CheckRs485Frames(devices, options);
   }
-  return devices;
-}
-
-TcpIpRequest BuildTcpIpRequest(const std::vector<Device>& devices, const Options& options) {
-  TcpIpRequest request = MakeTcpIpRequest(options.channel);
-  for (const Device& device : devices) {
-    CheckAdded(device, AddTcpIpDevice(request, device.address, device.ip_address, device.port,
-                                      options.timeout_ms, device.frame));
+  Batch batch;
+  batch.bus = options.bus;
+  batch.is_broadcast = options.is_broadcast;
+  // Without --crc the bytes of --frame may be anything, and so may the answer.
+  batch.is_checked = options.frames.empty() || options.has_crc;
+  for (Device& device : devices) {
+    Question question;
+    question.device = std::move(device);
+    question.type = options.type;
+    question.word_order = options.word_order;
+    batch.questions.push_back(std::move(question));
   }
-  return request;
-}
-
-Rs485Request BuildRs485Request(const std::vector<Device>& devices, const Options& options) {
-  Rs485Request request = MakeRs485Request(options.channel, options.baud->code);
-  SetPortParams parameters{};
-  parameters.databits = options.line.code;
-  parameters.timeout = static_cast<std::int16_t>(options.timeout_ms);
-  parameters.delimitertype = options.delimiter ? options.delimiter->value : byte{0};
-  parameters.byte_after_delimiter =
-      options.delimiter ? options.delimiter->bytes_after : static_cast<byte>(options.silence_ms);
-  parameters.com_wait_time = static_cast<byte>(options.wait_ms);
-  for (const Device& device : devices) {
-    parameters.address = static_cast<byte>(device.address);
-    CheckAdded(device, AddRs485Device(request, parameters, device.frame));
-  }
-  return request;
-}
-
-DeviceReport ReportDevice(const Device& device, const Options& options,
-                          const ResponseReceiveData& response) {
-  DeviceReport report;
-  report.address = device.address;
-  report.place = Place(device, options);
-  const auto reply = DeviceAnswer(response, device.address);
-  const auto status_text = options.IsRs485() ? Rs485DeviceStatusText : TcpDeviceStatusText;
-  if (!reply) {
-    report.status = "broken slot in the response";
-  } else if (reply->status != 0) {
-    report.status = status_text(reply->status);
-  } else if (options.is_broadcast) {
-    report.is_good = true;
-    report.status = "sent";
-  } else if (reply->frame.empty()) {
-    report.status = "no answer";
-  } else {
-    modbus::AnswerCheck answer = CheckAnswer(device, options, reply->frame);
-    report.is_good = answer.is_good;
-    report.status = answer.is_good ? status_text(reply->status) : answer.text;
-    report.answer = reply->frame;
-    report.registers = std::move(answer.registers);
-  }
-  return report;
+  return batch;
 }
 
 }  // namespace tmsc::ctl

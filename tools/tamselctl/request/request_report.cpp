@@ -1,8 +1,11 @@
 #include "request/request_report.h"
 
 #include <algorithm>
-#include <iomanip>
-#include <ostream>
+#include <iostream>
+
+#include "health_reader.h"
+#include "shared/table.h"
+#include "shared/times.h"
 
 namespace tmsc::ctl {
 namespace {
@@ -17,55 +20,145 @@ std::string HexText(const std::vector<byte>& bytes) {
   return text;
 }
 
-std::string JoinNumbers(const std::vector<int>& numbers, const char* separator) {
-  std::string text;
-  for (const int number : numbers) {
-    text += (text.empty() ? "" : separator) + std::to_string(number);
+std::string TimeOf(const DeviceReport& device) {
+  if (!device.end) {
+    return "-";
   }
-  return text;
+  return device.end->response_ms ? ResponseText(*device.end->response_ms)
+         : device.end->took_ms   ? std::to_string(*device.end->took_ms) + " ms"
+                                 : "-";
+}
+
+// What the answer carries, as the line below its device.
+std::string ContentText(const DeviceReport& device) {
+  std::string text;
+  if (!device.values.empty()) {
+    for (const auto& value : device.values) {
+      text +=
+          " " + (device.is_bits ? std::string(value.get<bool>() ? "1" : "0") : ValueText(value));
+    }
+    return (device.is_bits ? "bits:" : "values:") + text;
+  }
+  for (const int value : device.registers) {
+    text += " " + std::to_string(value);
+  }
+  return device.registers.empty() ? text : "registers:" + text;
+}
+
+// Says nothing of a request that came to its devices.
+void PrintError(const RequestReport& report) {
+  if (!report.error.empty()) {
+    std::cerr << "tamselctl: channel " << report.bus.channel << ": " << report.error << '\n';
+  }
+}
+
+void AddEnd(nlohmann::ordered_json& json, const DeviceEnd& end) {
+  json["cause"] = HealthCauseName(end.cause);
+  json["cause_code"] = end.cause;
+  json["cause_detail"] = end.detail;
+  if (end.response_ms) {
+    json["response_ms"] = *end.response_ms;
+  }
+  if (end.took_ms) {
+    json["took_ms"] = *end.took_ms;
+  }
+}
+
+nlohmann::ordered_json JsonOf(const DeviceReport& device) {
+  nlohmann::ordered_json json;
+  json["device"] = device.address;
+  json["unit_id"] = device.unit_id;
+  if (!device.name.empty()) {
+    json["name"] = device.name;
+    json["register"] = device.register_name;
+    json["unit"] = device.unit;
+  }
+  json["place"] = device.place;
+  json["ok"] = device.is_good;
+  json["status"] = device.status;
+  json["code"] = device.code;
+  if (device.exception != 0) {
+    json["exception"] = device.exception;
+  }
+  if (device.end) {
+    AddEnd(json, *device.end);
+  }
+  json["answer"] = HexText(device.answer);
+  json["registers"] = device.registers;
+  if (!device.values.empty()) {
+    json[device.is_bits ? "bits" : "values"] = device.values;
+  }
+  return json;
 }
 
 }  // namespace
 
 void PrintTable(std::ostream& output, const RequestReport& report) {
-  output << "channel " << report.channel << ", " << report.devices.size()
+  if (!report.error.empty()) {
+    PrintError(report);
+    return;
+  }
+  output << "channel " << report.bus.channel << ", " << report.devices.size()
          << (report.devices.size() == 1 ? " device, " : " devices, ") << report.elapsed_ms
          << " ms\n";
-  std::size_t place_width = 5;
-  std::size_t status_width = 6;
-  for (const DeviceReport& device : report.devices) {
-    place_width = std::max(place_width, device.place.size());
-    status_width = std::max(status_width, device.status.size());
+  const bool has_time = std::any_of(report.devices.begin(), report.devices.end(),
+                                    [](const DeviceReport& device) { return device.end; });
+  std::vector<std::string> headings{"device", "place", "status"};
+  if (has_time) {
+    headings.emplace_back(">time");
   }
-  const auto print_row = [&](const std::string& address, const std::string& place,
-                             const std::string& status, const std::string& answer) {
-    output << std::left << std::setw(8) << address << std::setw(static_cast<int>(place_width) + 2)
-           << place << std::setw(static_cast<int>(status_width) + 2) << status << answer << '\n';
-  };
-  print_row("device", "place", "status", "answer");
+  headings.emplace_back("answer");
+  Table table(headings);
   for (const DeviceReport& device : report.devices) {
-    print_row(std::to_string(device.address), device.place, device.status,
-              device.answer.empty() ? "-" : HexText(device.answer));
-    if (!device.registers.empty()) {
-      output << "        registers: " << JoinNumbers(device.registers, " ") << '\n';
+    std::vector<Table::Cell> row{std::to_string(device.address),
+                                 device.place,
+                                 {device.status, device.is_good ? Tone::kGood : Tone::kBad}};
+    if (has_time) {
+      row.emplace_back(TimeOf(device));
     }
+    row.emplace_back(device.answer.empty() ? "-" : HexText(device.answer));
+    table.Add(row);
+    if (const std::string content = ContentText(device); !content.empty()) {
+      table.AddLine("        " + content);
+    }
+  }
+  table.Print(output);
+}
+
+void PrintNamed(std::ostream& output, const RequestReport& report) {
+  PrintError(report);
+  const bool has_colour = HasColour(output);
+  for (const DeviceReport& device : report.devices) {
+    output << device.label << ": ";
+    if (!device.is_good) {
+      output << Coloured(device.status, Tone::kBad, has_colour);
+      const std::string time = TimeOf(device);
+      output << (time == "-" ? "" : " (" + time + ")");
+    }
+    for (const auto& value : device.values) {
+      output << (device.is_bits ? value.get<bool>() ? "on" : "off" : ValueText(value));
+    }
+    output << (device.is_good && !device.unit.empty() ? " " + device.unit : "") << '\n';
   }
 }
 
-// No text in a report holds a character that JSON would want escaped: they are our own words, names
-// of serial codes, and places that have passed as IPv4 addresses.
 void PrintJson(std::ostream& output, const RequestReport& report) {
-  output << R"({"channel":)" << report.channel << R"(,"elapsed_ms":)" << report.elapsed_ms
-         << R"(,"devices":[)";
-  const char* separator = "";
-  for (const DeviceReport& device : report.devices) {
-    output << separator << R"({"device":)" << device.address << R"(,"place":")" << device.place
-           << R"(","ok":)" << (device.is_good ? "true" : "false") << R"(,"status":")"
-           << device.status << R"(","answer":")" << HexText(device.answer) << R"(","registers":[)"
-           << JoinNumbers(device.registers, ",") << "]}";
-    separator = ",";
+  nlohmann::ordered_json json;
+  json["channel"] = report.bus.channel;
+  json["elapsed_ms"] = report.elapsed_ms;
+  json["time"] = IsoTime(report.begin_ms);
+  json["ok"] = report.exit_code == 0;
+  json["exit"] = report.exit_code;
+  json["outcome"] = report.outcome;
+  json["status"] = report.outcome == "answered" ? nlohmann::ordered_json(report.status) : nullptr;
+  if (!report.error.empty()) {
+    json["error"] = report.error;
   }
-  output << "]}\n";
+  json["devices"] = nlohmann::ordered_json::array();
+  for (const DeviceReport& device : report.devices) {
+    json["devices"].push_back(JsonOf(device));
+  }
+  output << json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
 }
 
 }  // namespace tmsc::ctl

@@ -78,4 +78,9 @@ std::string SocketPath(const DaemonOptions& options) {
   return LoggerSettingManager().GetComSocketPath();
 }
 
+std::string HealthFilePath(const DaemonOptions& options) {
+  UseSettings(options.settings_path);
+  return LoggerSettingManager().GetHealthFilePath();
+}
+
 }  // namespace tmsc::ctl

@@ -34,6 +34,9 @@ void UseSettings(const std::string& settings_path);
 /// read is thrown as by ThrowUsage.
 std::string SocketPath(const DaemonOptions& options);
 
+/// The health file of the same settings; empty when they name none.
+std::string HealthFilePath(const DaemonOptions& options);
+
 }  // namespace tmsc::ctl
 
 #endif  // TAMSELCTL_SHARED_DAEMON_OPTIONS_H_

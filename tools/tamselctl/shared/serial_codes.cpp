@@ -13,6 +13,23 @@ namespace {
 const std::vector<SerialCode> kSpeeds(std::begin(kSerialSpeeds), std::end(kSerialSpeeds));
 const std::vector<SerialCode> kLines(std::begin(kSerialLines), std::end(kSerialLines));
 
+std::optional<SerialCode> Find(const std::vector<SerialCode>& codes, const std::string& name) {
+  for (const SerialCode& code : codes) {
+    if (name == code.name) {
+      return code;
+    }
+  }
+  return std::nullopt;
+}
+
+std::string Names(const std::vector<SerialCode>& codes) {
+  std::string names;
+  for (const SerialCode& code : codes) {
+    names += (names.empty() ? "" : ", ") + std::string(code.name);
+  }
+  return names;
+}
+
 template <typename Target>
 CLI::Option* AddSerialCode(CLI::App& command, const std::string& name,
                            const std::vector<SerialCode>& codes, Target& target,
@@ -20,20 +37,45 @@ CLI::Option* AddSerialCode(CLI::App& command, const std::string& name,
   return command.add_option_function<std::string>(
       name,
       [name, &codes, &target](const std::string& text) {
-        std::string names;
-        for (const SerialCode& code : codes) {
-          if (text == code.name) {
-            target = code;
-            return;
-          }
-          names += (names.empty() ? "" : ", ") + std::string(code.name);
+        const auto code = Find(codes, text);
+        if (!code) {
+          ThrowUsage(name, text + " is not one of " + Names(codes));
         }
-        ThrowUsage(name, text + " is not one of " + names);
+        target = *code;
       },
       description);
 }
 
+std::string NameOf(const std::vector<SerialCode>& codes, unsigned wanted) {
+  for (const SerialCode& code : codes) {
+    if (code.code == wanted) {
+      return code.name;
+    }
+  }
+  return "code " + std::to_string(wanted);
+}
+
 }  // namespace
+
+std::string LineText(unsigned speed_code, unsigned format_code) {
+  return NameOf(kSpeeds, speed_code) + " " + NameOf(kLines, format_code);
+}
+
+std::optional<SerialCode> FindSpeed(const std::string& name) {
+  return Find(kSpeeds, name);
+}
+
+std::optional<SerialCode> FindLineFormat(const std::string& name) {
+  return Find(kLines, name);
+}
+
+std::string SpeedNames() {
+  return Names(kSpeeds);
+}
+
+std::string LineFormatNames() {
+  return Names(kLines);
+}
 
 CLI::Option* AddLineOptions(CLI::App& command, const char* baud_description,
                             std::optional<SerialCode>& baud, SerialCode& line) {

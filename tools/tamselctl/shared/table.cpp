@@ -61,6 +61,10 @@ void Table::Add(std::vector<Cell> row) {
   rows_.push_back(std::move(row));
 }
 
+void Table::AddLine(std::string line) {
+  lines_.emplace(rows_.size(), std::move(line));
+}
+
 void Table::Print(std::ostream& output) const {
   std::vector<std::vector<Cell>> lines(1);
   for (const std::string& heading : headings_) {
@@ -74,6 +78,7 @@ void Table::Print(std::ostream& output) const {
     }
   }
   const bool has_colour = HasColour(output);
+  std::size_t rows_above = 0;
   for (const auto& line : lines) {
     std::size_t owed = 0;  // blanks, which follow only when something stands behind them
     for (std::size_t column = 0; column < line.size(); ++column) {
@@ -89,6 +94,9 @@ void Table::Print(std::ostream& output) const {
       owed += 2;
     }
     output << '\n';
+    for (auto [own, end] = lines_.equal_range(rows_above++); own != end; ++own) {
+      output << own->second << '\n';
+    }
   }
 }
 

@@ -1,7 +1,9 @@
 #ifndef TAMSELCTL_SHARED_TABLE_H_
 #define TAMSELCTL_SHARED_TABLE_H_
 
+#include <cstddef>
 #include <iosfwd>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -34,6 +36,8 @@ class Table {
 
   /// As many cells as there are headings, or fewer.
   void Add(std::vector<Cell> row);
+  /// A line of its own below the rows so far, outside the columns.
+  void AddLine(std::string line);
   bool IsEmpty() const { return rows_.empty(); }
 
   /// Two blanks between columns, none at the end of a line.
@@ -43,6 +47,7 @@ class Table {
   std::vector<std::string> headings_;
   std::vector<bool> is_right_;
   std::vector<std::vector<Cell>> rows_;
+  std::multimap<std::size_t, std::string> lines_;  // by the number of rows above
 };
 
 }  // namespace tmsc::ctl

@@ -52,6 +52,10 @@ std::string IsoTime(std::int64_t moment_ms) {
   return Format(moment_ms, "%Y-%m-%dT%H:%M:%S", true) + fraction;
 }
 
+std::string DayTimeText(std::int64_t moment_ms) {
+  return Format(moment_ms, "%a %H:%M", false);
+}
+
 std::string DurationText(std::int64_t duration_ms) {
   if (duration_ms < kSecond) {
     return std::to_string(duration_ms) + " ms";

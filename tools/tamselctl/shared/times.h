@@ -14,6 +14,8 @@ std::int64_t NowMs();
 std::string TimeText(std::int64_t moment_ms);
 /// The same for programs, "2026-07-25T12:03:22.123Z"; empty for 0.
 std::string IsoTime(std::int64_t moment_ms);
+/// A moment of the last days, "Sat 14:03" in local time.
+std::string DayTimeText(std::int64_t moment_ms);
 /// A length of time, in ms, in its largest one or two units: "350 ms", "12 s", "3 min 20 s",
 /// "5 h 12 min", "4 d 3 h".
 std::string DurationText(std::int64_t duration_ms);
