@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstddef>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -135,13 +134,13 @@ bool CommunicationServer::ServePass(const Descriptor& listening_socket) {
     LoggerLog::Debug(kLogTag, "select err continue");
     return true;
   }
-  if (events.stop.revents != 0) {
+  if (events[kStopEntry].revents != 0) {
     return false;
   }
   // The waiting clients first: one that has sent its header by now is not the one to go when a
   // new client needs its place.
   ServeSilentClients(events);
-  return events.listener.revents == 0 || AcceptClient(listening_socket);
+  return events[kListenerEntry].revents == 0 || AcceptClient(listening_socket);
 }
 
 /// The listening socket; none when listening failed.
@@ -171,18 +170,17 @@ Descriptor CommunicationServer::Listen() const {
 
 /// Waits for an event or for the first client's deadline. Returns what poll(2) returned.
 int CommunicationServer::WaitForEvents(const Descriptor& listening_socket, Events& events) const {
-  events.stop = {stop_event_.Get(), POLLIN, 0};
-  events.listener = {listening_socket.Get(), POLLIN, 0};
-  pollfd* next = events.clients;
+  events[kStopEntry] = {stop_event_.Get(), POLLIN, 0};
+  events[kListenerEntry] = {listening_socket.Get(), POLLIN, 0};
+  std::size_t count = kFirstClientEntry;
   for (const SilentClient& client : silent_clients_) {
-    *next++ = {client.connection.Get(), POLLIN, 0};
+    events[count++] = {client.connection.Get(), POLLIN, 0};
   }
   int timeout = kPollTimeoutMs;
   if (!silent_clients_.empty()) {
     timeout = std::min(timeout, silent_clients_.front().deadline.RemainingMs());
   }
-  static_assert(offsetof(Events, clients) == 2 * sizeof(pollfd), "one array for poll");
-  return ::poll(&events.stop, static_cast<nfds_t>(next - &events.stop), timeout);
+  return ::poll(events.data(), static_cast<nfds_t>(count), timeout);
 }
 
 bool CommunicationServer::AcceptClient(const Descriptor& listening_socket) {
@@ -205,7 +203,7 @@ void CommunicationServer::ServeSilentClients(const Events& events) {
   for (std::size_t i = 0; i < count; ++i) {
     SilentClient client = std::move(silent_clients_.front());
     silent_clients_.pop_front();
-    if (events.clients[i].revents != 0) {
+    if (events[kFirstClientEntry + i].revents != 0) {
       HandleConnection(std::move(client.connection));
     } else if (client.deadline.HasPassed()) {
       LoggerLog::Debug(kLogTag, "Exec read err...");

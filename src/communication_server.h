@@ -4,7 +4,9 @@
 #include <Poco/Runnable.h>
 #include <poll.h>
 
+#include <array>
 #include <chrono>
+#include <cstddef>
 #include <deque>
 #include <memory>
 #include <string>
@@ -48,12 +50,11 @@ class CommunicationServer : public Poco::Runnable {
 
   static constexpr std::size_t kSilentClientsMost = 64;
 
-  /// What poll(2) waits for, as one array.
-  struct Events {
-    pollfd stop;
-    pollfd listener;
-    pollfd clients[kSilentClientsMost];  // of silent_clients_, in their order
-  };
+  /// What poll(2) waits for; from kFirstClientEntry on silent_clients_, in their order.
+  static constexpr std::size_t kStopEntry = 0;
+  static constexpr std::size_t kListenerEntry = 1;
+  static constexpr std::size_t kFirstClientEntry = 2;
+  using Events = std::array<pollfd, kFirstClientEntry + kSilentClientsMost>;
 
   Descriptor Listen() const;
   void Serve(const Descriptor& listening_socket);

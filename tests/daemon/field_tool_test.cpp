@@ -43,7 +43,7 @@ TEST(FieldTool, AsksScansAndNamesWhatIsThere) {
       {"request --site " + site + " inverter-17", 0, "Inverter 17: 327816.075 kW\n"},
       {"request --site " + site + " all", 0, "Roof 3, on: off\nRoof 3, V: 3003\n"},
       {"request --site " + site + " roof-4", 2, "did you mean roof-3?"},
-      {"scan " + kBus + "--unit 1-4,40 --at-once 5", 0, "no answer in time: 2, 4\n"},
+      {"scan " + kBus + "--unit 1-4,40 --at-once 5", 0, "no answer in time (status 1): 2, 4\n"},
       {"scan " + kBus + "--unit 5-6", 5, "at once: about 244 ms at most"},
       {"scan --channel 3 --unit 1-6 --gateway " + gateway, 0, "2 of 6 answer, channel 3, 127"},
       {"scan --channel 3 --gateway 127.0.0.1:1", 5, "243 were not asked\nconnect refused: 1-4\n"}};

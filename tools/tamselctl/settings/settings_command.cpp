@@ -12,6 +12,7 @@
 #include "logger_setting/logger_setting_manager.h"
 #include "settings/settings_check.h"
 #include "settings/settings_print.h"
+#include "shared/daemon_options.h"
 #include "shared/exit_code.h"
 #include "shared/number_option.h"
 #include "shared/times.h"
@@ -36,7 +37,9 @@ int RunSettings(const SettingsOptions& options, bool has_poll) {
       ThrowUsage("--user", "there is no user " + options.user);
     }
   }
-  if (!options.path.empty()) {
+  if (options.path.empty()) {
+    UseSettings({});
+  } else {
     ::setenv(kLoggerSettingFileVariable.c_str(), options.path.c_str(), 1);
   }
   LoggerSettingManager settings;
@@ -79,10 +82,7 @@ void AddSettingsCommand(CLI::App& app, int& exit_code) {
   const auto options = std::make_shared<SettingsOptions>();
   CLI::App& command = *app.add_subcommand(
       "settings", "Check the daemon's settings file and print what is in effect");
-  command
-      .add_option("file", options->path,
-                  "Settings file (default: " + kLoggerSettingFileVariable +
-                      " of the environment, else " + kLoggerSettingXmlFilePath + ")")
+  command.add_option("file", options->path, "Settings file (" + DefaultSettingsHelp() + ")")
       ->type_name("FILE");
   CLI::Option* user =
       command

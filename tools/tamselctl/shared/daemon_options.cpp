@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -14,6 +15,9 @@
 
 namespace tmsc::ctl {
 namespace {
+
+// Where the service of an installed package has its settings.
+constexpr const char* kPackagedSettingsPath = "/etc/tamsel/LoggerSetting.xml";
 
 // The daemon goes on with its defaults where there is no file. Somebody who names one wants that.
 void RequireReadable(const std::string& path) {
@@ -28,7 +32,20 @@ void RequireReadable(const std::string& path) {
   }
 }
 
+// Empty where a daemon that is started with this environment would find a file of its own.
+std::string PackagedSettings() {
+  const char* const named = ::getenv(kLoggerSettingFileVariable.c_str());
+  const bool has_own = (named != nullptr && *named != '\0') ||
+                       ::access(kLoggerSettingXmlFilePath.c_str(), F_OK) == 0;
+  return has_own || ::access(kPackagedSettingsPath, F_OK) != 0 ? "" : kPackagedSettingsPath;
+}
+
 }  // namespace
+
+std::string DefaultSettingsHelp() {
+  return "default: " + kLoggerSettingFileVariable + " of the environment, else " +
+         kLoggerSettingXmlFilePath + ", else " + kPackagedSettingsPath;
+}
 
 void AddDaemonOptions(CLI::App& command, DaemonOptions& options) {
   command
@@ -41,15 +58,15 @@ void AddDaemonOptions(CLI::App& command, DaemonOptions& options) {
 void AddSettingsOption(CLI::App& command, std::string& settings_path) {
   command
       .add_option("--settings", settings_path,
-                  "Settings file of the daemon (default: " + kLoggerSettingFileVariable +
-                      " of the environment, else " + kLoggerSettingXmlFilePath + ")")
+                  "Settings file of the daemon (" + DefaultSettingsHelp() + ")")
       ->type_name("FILE");
 }
 
 void UseSettings(const std::string& settings_path) {
-  if (!settings_path.empty()) {
-    RequireReadable(settings_path);
-    ::setenv(kLoggerSettingFileVariable.c_str(), settings_path.c_str(), 1);
+  const std::string path = settings_path.empty() ? PackagedSettings() : settings_path;
+  if (!path.empty()) {
+    RequireReadable(path);
+    ::setenv(kLoggerSettingFileVariable.c_str(), path.c_str(), 1);
   }
 }
 

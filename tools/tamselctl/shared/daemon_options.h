@@ -21,14 +21,17 @@ void AddDaemonOptions(CLI::App& command, DaemonOptions& options);
 /// Adds --settings alone, for a command that has no use for the socket.
 void AddSettingsOption(CLI::App& command, std::string& settings_path);
 
+/// Where the settings are that count when no file is given, for a help text.
+std::string DefaultSettingsHelp();
+
 /// Makes the settings manager read the file that was given; without one, empty, what a daemon would
-/// read that is started with this environment. A file that cannot be read is thrown as by
-/// ThrowUsage.
+/// read that is started with this environment, and where that is no file, the settings of the
+/// installed package, if there is one. A file that cannot be read is thrown as by ThrowUsage.
 void UseSettings(const std::string& settings_path);
 
 /// The socket that was given; else that of the settings file that was given, read as the daemon
-/// reads it; else that of the settings a daemon would have that is started with this environment.
-/// A settings file that was given and cannot be read is thrown as by ThrowUsage.
+/// reads it; else that of the settings that UseSettings chooses. A settings file that cannot be
+/// read is thrown as by ThrowUsage.
 std::string SocketPath(const DaemonOptions& options);
 
 /// The health file of the same settings; empty when they name none.

@@ -110,7 +110,7 @@ class Fields {
       return {};
     }
     const bool is_text = value->value.is_string();
-    const auto text = is_text ? value->value.get<std::string>() : std::string();
+    auto text = is_text ? value->value.get<std::string>() : std::string();
     const bool has_control = std::any_of(text.begin(), text.end(), [](unsigned char letter) {
       return letter < ' ' || letter == 0x7F;
     });
@@ -129,8 +129,7 @@ class Fields {
     if (value == nullptr) {
       return std::nullopt;
     }
-    const auto result =
-        value->value.is_string() ? parse(value->value.get<std::string>()) : std::nullopt;
+    auto result = value->value.is_string() ? parse(value->value.get<std::string>()) : std::nullopt;
     if (!result) {
       mistakes_.Add(value->offset, Quoted(value->key) + " is not one of " + choices);
     }

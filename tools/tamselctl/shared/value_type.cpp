@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
-#include <limits>
 #include <sstream>
 #include <system_error>
 
@@ -84,7 +83,8 @@ std::optional<std::uint32_t> ParseFloat(const std::string& text) {
   return is_number ? std::optional(FloatBits(value)) : std::nullopt;
 }
 
-std::optional<std::uint32_t> ParseInteger(const std::string& text, int bits, bool is_hex) {
+std::optional<std::uint32_t> ParseInteger(const std::string& text, std::uint32_t most,
+                                          bool is_hex) {
   const bool is_negative = text.size() > 1 && text[0] == '-';
   std::string digits = text.substr(is_negative ? 1 : 0);
   const bool has_prefix = digits.size() > 2 && digits[0] == '0' && (digits[1] | 0x20) == 'x';
@@ -92,9 +92,8 @@ std::optional<std::uint32_t> ParseInteger(const std::string& text, int bits, boo
   std::uint32_t value = 0;
   const auto [rest, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value,
                                              is_hex || has_prefix ? 16 : 10);
-  const std::uint32_t most =
-      is_negative ? 1U << (bits - 1) : std::numeric_limits<std::uint32_t>::max() >> (32 - bits);
-  if (error != std::errc() || rest != digits.data() + digits.size() || value > most) {
+  if (error != std::errc() || rest != digits.data() + digits.size() ||
+      value > (is_negative ? most / 2 + 1 : most)) {
     return std::nullopt;
   }
   return is_negative ? 0U - value : value;
@@ -167,9 +166,9 @@ std::optional<std::vector<int>> EncodeValues(const std::string& text, ValueType 
   std::vector<int> registers;
   std::istringstream parts(text + ",");
   for (std::string part; std::getline(parts, part, ',');) {
-    const auto bits = type == ValueType::kF32
-                          ? ParseFloat(part)
-                          : ParseInteger(part, 16 * size, type == ValueType::kHex);
+    const auto bits = type == ValueType::kF32 ? ParseFloat(part)
+                                              : ParseInteger(part, size == 1 ? 0xFFFF : 0xFFFFFFFF,
+                                                             type == ValueType::kHex);
     if (!bits) {
       return std::nullopt;
     }
