@@ -223,8 +223,7 @@ void ExpectSite(const std::string& text, int exit_code, const std::string& words
 }
 
 TEST(Tamselctl, SiteFileIsCheckedToTheCharacter) {
-  const std::string example =
-      test::ReadFile(std::filesystem::path(__FILE__).parent_path() / "../../packaging/site.json");
+  const std::string example = test::ReadFile(TAMSEL_DOCS_DIR "/../packaging/site.json");
   ExpectSite(example, 0, "192.0.2.9:502 unit 101  Inverter 101  inverter-101  ");
   const char* const cases[][3] = {
       // what stands in the example, in its place, what follows
