@@ -118,12 +118,16 @@ class FaultyField : public ::testing::Test {
     return parsed;
   }
 
+  std::string Request(const Side& side) const {
+    return "request --read-holding 0,3 --timeout 500 --json --channel " +
+           std::to_string(side.channel) + side.devices + " --settings " +
+           daemon_->Folder().Path("settings.xml");
+  }
+
   /// What is said of each round while it happens.
   void ExpectRequests(const Side& side) const {
     const ShellResult run =
-        Run("request --read-holding 0,3 --timeout 500 --json --watch " + side.pace + " --count " +
-            std::to_string(side.rounds) + " --channel " + std::to_string(side.channel) +
-            side.devices + " --settings " + daemon_->Folder().Path("settings.xml"));
+        Run(Request(side) + " --watch " + side.pace + " --count " + std::to_string(side.rounds));
     EXPECT_EQ(run.exit_code, 5);
     std::istringstream lines(run.output);
     for (std::string line; std::getline(lines, line);) {
@@ -174,7 +178,8 @@ class FaultyField : public ::testing::Test {
     }
   }
 
-  void ExpectLog(const Side& side, const json& summary) const {
+  /// `rounds_without_bus` came after the others.
+  void ExpectLog(const Side& side, const json& summary, int rounds_without_bus = 0) const {
     std::size_t devices = 0;
     for (const json& device : summary["devices"]) {
       if (device["channel"] != side.channel) {
@@ -182,10 +187,15 @@ class FaultyField : public ::testing::Test {
       }
       ++devices;
       const FaultRow& row = side.rows.at(device["device"].get<std::size_t>() - 1);
-      EXPECT_EQ(device["exchanges"], side.rounds) << device;
-      EXPECT_EQ(device["failures"],
-                row.log_words == nullptr ? json::object() : (json{{row.log_words, side.rounds}}))
-          << device;
+      json failures = json::object();
+      if (row.log_words != nullptr) {
+        failures[row.log_words] = side.rounds;
+      }
+      if (rounds_without_bus > 0) {
+        failures["port gone"] = rounds_without_bus;
+      }
+      EXPECT_EQ(device["failures"], failures) << device;
+      EXPECT_EQ(device["exchanges"], side.rounds + rounds_without_bus) << device;
     }
     EXPECT_EQ(devices, side.rows.size()) << summary;
   }
@@ -202,10 +212,14 @@ TEST_F(FaultyField, EachFaultIsNamedRightAndCountedExactly) {
   ExpectRequests(bus_);
   ExpectHealth(tcp_);
   ExpectHealth(bus_);
+  field_.Unplug(0);
+  for (const json& device : RunJson(Request(bus_))["devices"]) {
+    EXPECT_EQ(device["cause"], "port_gone") << device;
+  }
   ExpectStops(*daemon_);
   const json summary = RunJson("log --summary --json " + daemon_->Folder().Path("card"));
   ExpectLog(tcp_, summary);
-  ExpectLog(bus_, summary);
+  ExpectLog(bus_, summary, 1);
   EXPECT_EQ(summary["exchanges_of_unknown_device"], 0);
   EXPECT_EQ(summary["exchanges_without_end"], 0);
 }
