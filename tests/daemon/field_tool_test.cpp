@@ -42,6 +42,7 @@ TEST(FieldTool, AsksScansAndNamesWhatIsThere) {
       {"request " + kBus + "--device 1 --read-holding 2,1 --json", 0, R"("response_ms":)"},
       {"request --site " + site + " inverter-17", 0, "Inverter 17: 327816.075 kW\n"},
       {"request --site " + site + " all", 0, "Roof 3, on: off\nRoof 3, V: 3003\n"},
+      {"request --site " + site + " --register v roof-3", 0, "Roof 3: 3003\n"},
       {"request --site " + site + " roof-4", 2, "did you mean roof-3?"},
       {"scan " + kBus + "--unit 1-4,40 --at-once 5", 0, "no answer in time (status 1): 2, 4\n"},
       {"scan " + kBus + "--unit 5-6", 5, "at once: about 244 ms at most"},

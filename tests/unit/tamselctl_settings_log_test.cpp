@@ -20,6 +20,14 @@ void ExpectRun(const std::string& command, int exit_code, const std::string& tex
       << command << " gives " << run.exit_code << ": " << run.output << ", not " << text;
 }
 
+std::string Repeated(const std::string& text) {
+  std::string all;
+  for (int count = 0; count < 256; ++count) {
+    all += text;
+  }
+  return all;
+}
+
 TEST(TamselctlSettings, EachMistakeIsToldWithItsPlace) {
   const TempFolder folder;
   const std::string path = folder.Path("settings.xml");
@@ -35,6 +43,15 @@ TEST(TamselctlSettings, EachMistakeIsToldWithItsPlace) {
       {"<LogLevel>1<!-- x -->2</LogLevel>", "only the last part counts"},
       {size + "500K</LoggerComLogMaxFileSize>", "\"500K\" is read as 1 bytes"},
       {size + "010KB</LoggerComLogMaxFileSize>", "\"010KB\" is read as 8192 bytes"},
+      {size + "500 KB</LoggerComLogMaxFileSize>", "\"500 KB\" is read as 1024 bytes"},
+      {size + "1.5MB</LoggerComLogMaxFileSize>", "\"1.5MB\" is read as 1048576 bytes"},
+      {"<LogLevel a='b'>1</LogLevel>", ":2:1: LogLevel: attributes are not read"},
+      {"<LogLevel><![CDATA[2]]></LogLevel>", "LogLevel: a CDATA section is not read"},
+      {"x<LogLevel>1</LogLevel>", "text between the keys is not read: x"},
+      {Repeated("<a>") + Repeated("</a>"), "more than 256 elements within each other"},
+      {"<SdcardPath> /tmp</SdcardPath>", "blanks or line ends around a path belong to it: \" /tmp"},
+      {"<HealthFilePath>x</HealthFilePath>", "x is relative to the folder that the daemon"},
+      {"<TcpReuseCheck>2</TcpReuseCheck>", "2 is not 0 to 1; 1 holds"},
       {size + "2GB</LoggerComLogMaxFileSize>", "10485760 bytes hold"},
       {"<ComSocketPath>/" + std::string(107, 'x') + "</ComSocketPath>", "108 bytes are more than"},
       {"<SdcardPath>/nonexistent</SdcardPath>", "/nonexistent does not exist"},
@@ -43,6 +60,27 @@ TEST(TamselctlSettings, EachMistakeIsToldWithItsPlace) {
     WriteFile(path, "<LoggerSetting>\n" + text + "\n</LoggerSetting>");
     ExpectRun(check, 1, mistake);
   }
+  WriteFile(path,
+            SettingsXml({{"LogLevel", "9"}, {"ApiRetryCount", "30s"}, {"SdcardPath", "/no"}}));
+  const auto json = nlohmann::json::parse(RunShell(check + "--no-paths --json").output);
+  const std::map<std::string, std::pair<nlohmann::json, const char*>> sources = {
+      {"LogLevel", {1, "fallback"}},
+      {"ApiRetryCount", {30, "file"}},
+      {"ApiRetryInterval", {100, "default"}},
+      {"SdcardPath", {"/no", "file"}},
+      {"HealthFilePath", {nullptr, "default"}}};
+  std::size_t found = 0;
+  for (const auto& setting : json.at("settings")) {
+    if (const auto source = sources.find(setting.at("key")); source != sources.end()) {
+      ++found;
+      EXPECT_EQ(setting.at("value"), source->second.first) << setting;
+      EXPECT_EQ(setting.at("source"), source->second.second) << setting;
+    }
+  }
+  EXPECT_EQ(found, sources.size());
+  EXPECT_EQ(json.at("mistakes").size(), 2U) << json;
+  ExpectRun(check + "--no-paths", 1, "every 5 s, 10 registers each, with 12 copies of ");
+  ExpectRun(TAMSELCTL_PATH " settings --no-paths --every 90m /dev/null", 1, "every 1 h 30 min");
   WriteFile(path, "<Settings/>");
   ExpectRun(check, 1, ":1:1: the root element is Settings and not LoggerSetting");
   std::filesystem::create_directory(folder.Path("card"));
