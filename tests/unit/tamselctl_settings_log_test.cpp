@@ -259,6 +259,7 @@ TEST(TamselctlLog, LinesAreTakenAsTheyAreMeant) {
     ExpectRun(in_summer + filter, 0, is_shown ? warn : "no line is in the time or of the kind");
     ExpectRun(in_summer + filter, 0, "2 cut or damaged lines left out\n");
   }
+  ExpectRun(kLog + "--tag Wdog " + log, 0, warn);  // a tag takes one word
   ExpectRun(in_summer + " --summary", 0, "from 2026-07-25 14:03:04 to 2026-07-25 14:03:04, 2 cut");
   ExpectRun(in_summer + " --since 2026-07-25T14:03:04+02:00", 2, "neither a moment nor a length");
 }
