@@ -83,6 +83,7 @@ void AddSiteOptions(CLI::App& command, Options& options) {
       .add_option("--register", options.registers,
                   "Only this register of each device; repeatable (default: all)")
       ->type_name("NAME")
+      ->allow_extra_args(false)
       ->needs(site);
 }
 
