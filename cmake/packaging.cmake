@@ -98,20 +98,19 @@ endif()
 
 if(TAMSEL_BUILD_TOOLS)
   install(TARGETS tamselctl field_simulator RUNTIME COMPONENT tools)
-  # Under the names that each shell looks for.
-  foreach(completion bash/bash-completion/completions/tamselctl
-      zsh/zsh/vendor-completions/_tamselctl fish/fish/vendor_completions.d/tamselctl.fish)
-    string(REGEX MATCH "^[a-z]+" shell ${completion})
-    string(REGEX REPLACE "^[a-z]+/" "" path ${completion})
-    get_filename_component(folder ${path} DIRECTORY)
-    set(script ${generated}/${path})
-    file(MAKE_DIRECTORY ${generated}/${folder})
+  function(add_completion shell folder name)
+    set(script ${generated}/completion/${shell}/${name})
+    file(MAKE_DIRECTORY ${generated}/completion/${shell})
     add_custom_command(OUTPUT ${script}
-      COMMAND tamselctl completion ${shell} >${script}
+      COMMAND tamselctl completion ${shell} > ${script}
       DEPENDS tamselctl VERBATIM)
-    list(APPEND completions ${script})
+    set_property(GLOBAL APPEND PROPERTY tamsel_completions ${script})
     install(FILES ${script} DESTINATION ${CMAKE_INSTALL_DATADIR}/${folder} COMPONENT tools)
-  endforeach()
+  endfunction()
+  add_completion(bash bash-completion/completions tamselctl)
+  add_completion(zsh zsh/vendor-completions _tamselctl)
+  add_completion(fish fish/vendor_completions.d tamselctl.fish)
+  get_property(completions GLOBAL PROPERTY tamsel_completions)
   add_custom_target(completions ALL DEPENDS ${completions})
 endif()
 

@@ -61,8 +61,9 @@ void LoggerLog::Setup() {
   if (!FileUtil::IsFileExists(directory)) {
     FileUtil::CreateDirectory(directory, true);
   }
-  // Calls find the output from here on: what goes wrong in the following steps is logged, too.
   auto* const output = new LogFileOutput;
+  output->SetTimeStampFormat(kLogTimeStampFormatMs);
+  // Calls find the output from here on: what goes wrong in the following steps is logged, too.
   logger_com_file_output_ = output;
   output->SetFileSize(
       CountOrIgnored(StringUtil::StringFileSizeToLogFileSize(settings->GetMaxLogFileSize())));
@@ -70,7 +71,6 @@ void LoggerLog::Setup() {
   output->SetLogLevel(settings->GetLogLevel());
   output->SetIsEnableBufferdIO(settings->IsEnableLogBufferedIO());
   output->SetBufferSize(CountOrIgnored(settings->GetLoggerLogMaxBufferdSize()));
-  output->SetTimeStampFormat(kLogTimeStampFormatMs);
   output->Setup(directory + "/LoggerCom.log");
 }
 

@@ -152,7 +152,7 @@ TEST_F(Rs485, AllTransportsLogAndHealthAfterTheYear2038) {
                         {"LoggerComLogMaxFileSize", "20KB"}},
                        {true,
                         "mkdir -p $F/card/velmorahome/Log $F/check; "
-                        "head -c 20400 /dev/zero > $F/card/velmorahome/Log/LoggerCom.log; "
+                        "head -c 20470 /dev/zero > $F/card/velmorahome/Log/LoggerCom.log; "
                         "find $F " +
                             folder_.Path() +
                             " -exec touch -d 2061-01-01 {} +; "
@@ -169,7 +169,7 @@ TEST_F(Rs485, AllTransportsLogAndHealthAfterTheYear2038) {
   const std::string stamp = lines.substr(lines.rfind("\nLoggerCom.log [") + 15, 29);
   EXPECT_TRUE(stamp_of(begin) <= stamp && stamp <= stamp_of(end)) << stamp;
   EXPECT_TRUE(WaitFor(5000, [&] { return Contains(ReadFile(daemon.LogPath()), stamp); }));
-  EXPECT_EQ(ReadFile(daemon.LogPath() + ".1").size(), 20400U);
+  EXPECT_EQ(ReadFile(daemon.LogPath() + ".1").size(), 20470U);
   EXPECT_FALSE(Contains(lines, "[E]")) << lines;
   HealthReading reading;
   ASSERT_TRUE(WaitFor(5000, [&] {
@@ -181,7 +181,7 @@ TEST_F(Rs485, AllTransportsLogAndHealthAfterTheYear2038) {
     EXPECT_TRUE(begin - 1000 <= time && time <= end) << stamp_of(time);
   }
   const std::string table =
-      RunShell("env LD_PRELOAD=" LATER_CLOCK " " TAMSEL_BIN_DIR "/tamselctl health --wide " +
+      RunShell("env LD_PRELOAD=" LATER_CLOCK " " TAMSEL_BIN_DIR "/tamselctl health --json " +
                health)
           .output;
   EXPECT_TRUE(Contains(table, stamp.substr(1, 7))) << table;
