@@ -113,7 +113,7 @@ class FaultyField : public ::testing::Test {
   }
   json RunJson(const std::string& arguments) const {
     const ShellResult run = Run(arguments);
-    const json parsed = json::parse(run.output, nullptr, false);
+    json parsed = json::parse(run.output, nullptr, false);
     EXPECT_FALSE(parsed.is_discarded()) << arguments << run.output;
     return parsed;
   }
@@ -151,10 +151,21 @@ class FaultyField : public ::testing::Test {
     EXPECT_EQ(CountText(run.output, "\n"), side.rounds + 1) << run.output;
   }
 
+  static void ExpectMetrics(const std::string& metrics, const json& device,
+                            const std::string& cause, int rounds) {
+    const std::string labels = "{channel=\"" + device["channel"].dump() +
+                               "\",transport=" + device["transport"].dump() + ",address=\"" +
+                               device["device"].dump() + "\"";
+    const std::string count = labels + ",cause=\"" + cause + "\"} " + std::to_string(rounds);
+    const std::string state = labels + (cause == kAnswered ? "} 1\n" : "} 0\n");
+    EXPECT_TRUE(Contains(metrics, "tamsel_exchanges_total" + count + "\n")) << count;
+    EXPECT_TRUE(Contains(metrics, "tamsel_device_answering" + state)) << state;
+  }
+
   void ExpectHealth(const Side& side) const {
     const std::string health = "health " + folder_.Path("health") + " ";
-    const std::string channel = std::to_string(side.channel);
-    const json devices = RunJson(health + "--json --channel " + channel)["devices"];
+    const json devices =
+        RunJson(health + "--json --channel " + std::to_string(side.channel))["devices"];
     const std::string metrics = Run(health + "--openmetrics").output;
     const std::string page = Run(health + "--html -").output;
     EXPECT_EQ(devices.size(), side.rows.size());
@@ -165,15 +176,7 @@ class FaultyField : public ::testing::Test {
       EXPECT_EQ(device["ends"], (json{{cause, side.rounds}})) << device;
       EXPECT_EQ(device["last_day"][is_good ? "answered" : "failed"], side.rounds) << device;
       EXPECT_EQ(device["failures_in_a_row"], is_good ? 0 : side.rounds) << device;
-      const std::string labels = "{channel=\"" + channel + "\",transport=\"" +
-                                 device["transport"].get<std::string>() + "\",address=\"" +
-                                 std::to_string(address) + "\"";
-      const std::string count = std::to_string(side.rounds) + "\n";
-      for (const std::string& sample :
-           {"tamsel_exchanges_total" + labels + ",cause=\"" + cause + "\"} " + count,
-            "tamsel_device_answering" + labels + "} " + (is_good ? "1\n" : "0\n")}) {
-        EXPECT_TRUE(Contains(metrics, sample)) << sample;
-      }
+      ExpectMetrics(metrics, device, cause, side.rounds);
       EXPECT_TRUE(is_good || Contains(page, device["text"])) << device["text"];
     }
   }

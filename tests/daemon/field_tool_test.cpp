@@ -36,6 +36,8 @@ TEST(FieldTool, AsksScansAndNamesWhatIsThere) {
       {kTcp + "2=" + gateway + " --read-coils 0,3 --json", 5,
        R"("cause":"no_answer","cause_code":3)"},
       {kTcp + "1=127.0.0.1:1 --read-coils 0,3", 5, "  connect refused  "},
+      // Health of another channel is not taken for that of this one.
+      {"request --channel 2 --device 1=" + gateway + " --read-coils 0,1", 0, "ok"},
       {kTcp + "1=" + gateway + " --write-coils 0,1,1,1", 0, "ok"},
       {kTcp + "1=" + gateway + " --read-coils 0,4", 0, "bits: 1 1 1 0\n"},
       {kTcp + "1=" + gateway + " --read-discrete 0,1 --json", 0, R"("response_ms":)"},

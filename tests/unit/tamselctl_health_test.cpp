@@ -81,6 +81,7 @@ TEST(TamselctlHealth, EveryFormSaysWhoFailsSinceWhenAndWhy) {
       "health --watch 100ms >out & until [ $(grep -c daemon out) = 3 ]; do sleep 0.02; done; "
       "kill $!; wait $!",
       5, {});
+  ExpectHealth(file, "health --json --openmetrics", 2, {"--json excludes --openmetrics"});
   ExpectHealth(file, "none", 3, {"none cannot be read: No such file"});
   ExpectHealth(file, "--settings health", 3, {"the settings name no HealthFilePath"});
   ExpectHealth(file, "health --output .", 1, {". cannot be written: it is no regular file"});
@@ -123,7 +124,7 @@ TEST(TamselctlHealth, FiguresAreThoseOfTheFileInEveryForm) {
        "  2        answered", "2.5   7.3    31     0 %   7.1 %", "<0.1 %  <0.1 %"});
   ExpectHealth(
       file, "health --openmetrics", 5,
-      {"tamsel_daemon_running 1", "tamsel_card_present 0", "tamsel_power_on 0",
+      {"tamsel_daemon_running 1", "tamsel_card_present 0", "gauge\ntamsel_power_on 0\n",
        "_longest_seconds{channel=\"1\"} 1.250000", "cycle_seconds_sum{channel=\"1\"} 0.010000",
        "cycle_seconds_count{channel=\"1\"} 4", "address=\"2\"} 0.002500", "address=\"2\"} 0.031400",
        "address=\"2\"} 0.094900", "address=\"2\"} 13"});

@@ -51,6 +51,8 @@ TEST(TamselctlSettings, EachMistakeIsToldWithItsPlace) {
       {Repeated("<a>") + Repeated("</a>"), "more than 256 elements within each other"},
       {"<SdcardPath> /tmp</SdcardPath>", "blanks or line ends around a path belong to it: \" /tmp"},
       {"<HealthFilePath>x</HealthFilePath>", "x is relative to the folder that the daemon"},
+      {"<WatchdogFileUpdateInterval>0</WatchdogFileUpdateInterval>",
+       "0 is not 1 to 2147483: touched"},
       {"<TcpReuseCheck>2</TcpReuseCheck>", "2 is not 0 to 1; 1 holds"},
       {size + "2GB</LoggerComLogMaxFileSize>", "10485760 bytes hold"},
       {"<ComSocketPath>/" + std::string(107, 'x') + "</ComSocketPath>", "108 bytes are more than"},
@@ -79,6 +81,8 @@ TEST(TamselctlSettings, EachMistakeIsToldWithItsPlace) {
   }
   EXPECT_EQ(found, sources.size());
   EXPECT_EQ(json.at("mistakes").size(), 2U) << json;
+  EXPECT_EQ(json.at("poll").at("week_log_level"), 2) << json;
+  EXPECT_EQ(json.at("poll").at("week_log_level_all_silent"), 3) << json;
   ExpectRun(check + "--no-paths", 1, "every 5 s, 10 registers each, with 12 copies of ");
   ExpectRun(TAMSELCTL_PATH " settings --no-paths --every 90m /dev/null", 1, "every 1 h 30 min");
   WriteFile(path, "<Settings/>");
@@ -252,7 +256,7 @@ TEST(TamselctlLog, LinesAreTakenAsTheyAreMeant) {
                                                   {" --since 36500d", true},
                                                   {" --since 2026-07-26", false},
                                                   {" --level 3", true},
-                                                  {" --level error", false},
+                                                  {" --level 4", false},
                                                   {" --level warn --tag Wdog", true},
                                                   {" --tag Wdo", false}};
   for (const auto& [filter, is_shown] : filters) {
