@@ -68,20 +68,19 @@ install(PROGRAMS ${packaging}/check_watchdog
 # Manual pages out of what the programs print for --help and out of docs/settings.md.
 find_package(Python3 COMPONENTS Interpreter)
 set(make_page ${Python3_EXECUTABLE} ${packaging}/make_man_page)
-function(add_man_page component name section)
+function(add_man_page component name section source)
   set(page ${generated}/${name}.${section}.gz)
   add_custom_command(OUTPUT ${page}
-    COMMAND ${make_page} ${page} ${name} ${section} ${PROJECT_VERSION} ${ARGN}
-    DEPENDS ${packaging}/make_man_page ${ARGN}
+    COMMAND ${make_page} ${page} ${name} ${section} ${PROJECT_VERSION} ${ARGN} ${source}
+    DEPENDS ${packaging}/make_man_page ${source}
     VERBATIM)
   set_property(GLOBAL APPEND PROPERTY tamsel_man_pages ${page})
   install(FILES ${page}
     DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
 endfunction()
 function(add_program_page component target section)
-  set(page ${generated}/${target}.${section}.gz)
-  add_man_page(${component} ${target} ${section} ${CMAKE_CROSSCOMPILING_EMULATOR}
-    $<TARGET_FILE:${target}>)
+  add_man_page(${component} ${target} ${section} $<TARGET_FILE:${target}>
+    ${CMAKE_CROSSCOMPILING_EMULATOR})
 endfunction()
 if(Python3_FOUND AND NOT TAMSEL_SANITIZE)
   add_program_page(daemon tamsel_communication 8)
