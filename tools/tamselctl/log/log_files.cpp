@@ -224,10 +224,14 @@ bool LogFollower::TakeNewerFiles(const LineTaker& take) {
   const Identity identity = IdentityOf(file_);
   std::vector<LogFile> newer;
   bool is_found = false;
-  for (int number = 0; number <= kMostCopies && !is_found; ++number) {
+  // A rotation in progress leaves a gap, which moves down as this search moves up.
+  constexpr int kGapsMost = 3;
+  int gaps = 0;
+  for (int number = 0; number <= kMostCopies && gaps <= kGapsMost && !is_found; ++number) {
     LogFile file = Open(CopyPath(file_.path, number));
     if (!file.descriptor.IsOpen()) {
-      break;
+      ++gaps;
+      continue;
     }
     is_found = IdentityOf(file) == identity;
     if (!is_found && !Contains(newer, file)) {
