@@ -1,10 +1,19 @@
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include "support/health_file.h"
 #include "support/shell.h"
 
 namespace tmsc {
 namespace {
+
+// What `health` prints of the file.
+std::string Health(test::HealthFile& file, const std::string& arguments) {
+  const test::TempFolder folder;
+  file.Write(folder.Path("health"));
+  return test::RunShell(TAMSELCTL_PATH " health " + folder.Path("health") + arguments).output;
+}
 
 // What `health` says of the file: its exit status, and what stands in its output in this order.
 void ExpectHealth(test::HealthFile& file, const std::string& arguments, int exit_code,
@@ -72,9 +81,81 @@ TEST(TamselctlHealth, EveryFormSaysWhoFailsSinceWhenAndWhy) {
       "health --watch 100ms >out & until [ $(grep -c daemon out) = 3 ]; do sleep 0.02; done; "
       "kill $!; wait $!",
       5, {});
+  ExpectHealth(file, "health --json --openmetrics", 2, {"--json excludes --openmetrics"});
   ExpectHealth(file, "none", 3, {"none cannot be read: No such file"});
   ExpectHealth(file, "--settings health", 3, {"the settings name no HealthFilePath"});
   ExpectHealth(file, "health --output .", 1, {". cannot be written: it is no regular file"});
+}
+
+TEST(TamselctlHealth, FiguresAreThoseOfTheFileInEveryForm) {
+  test::HealthFile file;
+  file.contents.process.card_gone_since_ms = file.Ago(90);
+  file.contents.process.power = TAMSEL_POWER_OUTAGE;
+  file.contents.channels[0] = {0,         1, 7,    0,   0,     1250,  0, 0,
+                               {0, 6, 1}, 4, 1000, 900, 31000, 10000, {}};
+  for (int exchange = 0; exchange < 2000; ++exchange) {
+    file.Add(1, 2, 1, exchange == 0 ? 3 : 1);
+    file.Add(3, 2, 1, exchange == 0 ? 11 : exchange < 1990 ? 4 : 1);
+  }
+  for (int exchange = 0; exchange < 14; ++exchange) {
+    auto& device = file.Add(1, 2, 2, exchange == 0 ? 3 : 1, exchange == 0 ? 10 : 0);
+    device.response_count = 13;
+    device.response_total_us = 94900;
+    device.response_last_us = 2500;
+    device.response_least_us = 1200;
+    device.response_most_us = 31400;
+  }
+  file.Add(2, 1, 4, 18);
+  for (const int address : {3, 9}) {
+    file.Add(1, 2, address, 1);
+    file.Add(1, 2, address, 13).failing_since_ms = file.Ago(address == 3 ? 600 : 7200);
+  }
+  const test::TempFolder folder;
+  test::WriteFile(folder.Path("site"), R"({"buses": [{"channel": 1, "baud": 9600, "devices":
+      [{"name": "Other", "address": 3}]}, {"channel": 1, "devices":
+      [{"name": "R&Ü", "address": 3, "ip": "192.0.2.1"}]}]})");
+  const std::string site = " --site " + folder.Path("site");
+  ExpectHealth(
+      file, "health" + site, 5,
+      {"power outage, card gone for 1 min 30 s", "  1.0 / 2.5 / 31  1 of status 1",
+       "device  name  state", "       9        fails for 2 h", "  3  R&Ü   fails for 10 min",
+       " 50 %    50 %", "  4        never answered in 1 exchange  serial", "  1        answered",
+       "connect refused (1989), connection reset by the device (1)", ">99 %   >99 %",
+       "  2        answered", "2.5   7.3    31     0 %   7.1 %", "<0.1 %  <0.1 %"});
+  ExpectHealth(
+      file, "health --openmetrics", 5,
+      {"tamsel_daemon_running 1", "tamsel_card_present 0", "gauge\ntamsel_power_on 0\n",
+       "_longest_seconds{channel=\"1\"} 1.250000", "cycle_seconds_sum{channel=\"1\"} 0.010000",
+       "cycle_seconds_count{channel=\"1\"} 4", "address=\"2\"} 0.002500", "address=\"2\"} 0.031400",
+       "address=\"2\"} 0.094900", "address=\"2\"} 13"});
+  const std::string metrics = Health(file, " --openmetrics");
+  EXPECT_EQ(test::CountText(metrics, "tamsel_device_last_answer_timestamp_seconds{"), 5);
+  ExpectHealth(file, "health --html -" + site, 5,
+               {">3 R&amp;Ü<", "<h2>Causes", "connect refused", "1989 times, 1 device<",
+                "2 times, 2 devices<"});
+  const auto json = nlohmann::json::parse(Health(file, " --json --channel 1 --device 2"));
+  EXPECT_EQ(json.at("channels").at(0).at("statuses"), nlohmann::json({{"0", 6}, {"1", 1}}));
+  EXPECT_EQ(json.at("devices").at(0).at("response_ms"),
+            nlohmann::json(
+                {{"count", 13}, {"last", 2.5}, {"least", 1.2}, {"mean", 7.3}, {"most", 31.4}}));
+  const auto& hours = json.at("devices").at(0).at("hours");
+  const std::string now = json.at("daemon").at("updated");
+  EXPECT_EQ(hours.back().at("hour"), now.substr(0, 13) + ":00:00.000Z");
+  EXPECT_EQ(hours.front().at("failed"), 1);
+}
+
+TEST(TamselctlHealth, AFileOfTheDayBeforeYesterdayAndADamagedOne) {
+  test::HealthFile file;
+  auto& device = file.Add(1, 2, 1, 3, 60);
+  device.newest_hour -= 60;
+  device.last_ms = file.contents.process.stopped_ms = file.contents.process.updated_ms =
+      file.Ago(60 * 3600);
+  ExpectHealth(file, "health", 5, {"stopped", "100 %  100 %"});
+  ExpectHealth(file, "health --openmetrics", 5, {"tamsel_daemon_running 0"});
+  ExpectHealth(file,
+               "health; printf x | dd of=health seek=1400 bs=1 conv=notrunc 2>&1;" TAMSELCTL_PATH
+               " health health",
+               5, {"1 damaged records of the file are left out"});
 }
 
 }  // namespace

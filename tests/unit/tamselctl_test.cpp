@@ -7,6 +7,7 @@
 
 #include "request_builder.h"
 #include "support/fake_daemon.h"
+#include "support/health_file.h"
 #include "support/shell.h"
 
 namespace tmsc {
@@ -77,6 +78,24 @@ TEST(Tamselctl, ExitStatusAndTextFollowTheResponse) {
     ExpectOf({kGoodAnswer}, kRead + "--type " + type + " ", 0, "values: " + std::string(values));
   }
 
+  const std::pair<const char*, const char*> values[] = {{"f32 3DCCCCCD", "0.1\n"},
+                                                        {"f32 7FC00000", "no number\n"},
+                                                        {"f32 FF800000", "no number\n"},
+                                                        {"string 41200042", "A\n"},
+                                                        {"string 42432020", "BC\n"}};
+  for (const auto& [given, value] : values) {
+    const std::string text = given;
+    const std::size_t blank = text.find(' ');
+    ExpectOf({Answer(0, "0001 0000 0007 05 0304" + text.substr(blank))},
+             kRead + "--type " + text.substr(0, blank), 0, "values: " + std::string(value));
+  }
+  ExpectOf({Answer(0, "0001 0000 0007 05 0304 43004142")},
+           kRead + "--type string --word-order little --json", 0, R"("values":["ABC"])");
+  ExpectOf({Answer(0, "0001 0000 0003 05 8302")}, kRead + "--json", 5,
+           R"("code":0,"exception":2,)");
+  ExpectRun(kRequest + kRead + "--json --socket /nonexistent/socket", 3,
+            R"("exit":3,"outcome":"not_reachable","status":null,"error":"no daemon can be)");
+
   ExpectOf({Answer(1, "")}, kRtu + "--read-input 0,1 --format json", 5,
            R"("19200 8N1","ok":false,"st)");
   ExpectOf({Answer(0, "05 10 0100 0001 01B1")}, kRtu + "--write-registers 256,1,2", 5,
@@ -131,6 +150,8 @@ TEST(Tamselctl, SendsTheRecordAskedInOneWrite) {
       {"-2,0x10000 --type i32 --word-order little",
        "05150000010000000F05100001000408FFFEFFFF00000001"},
       {"A,B --type string", "05110000010000000B05100001000204412C4200"},
+      {"1.5,-0.1 --type f32", "05150000010000000F051000010004083FC00000BDCCCCCD"},
+      {"ABC --type string --word-order little", "05110000010000000B0510000100020443004142"},
       {"0a0B,ff --type hex", "05110000010000000B051000010002040A0B00FF"}};
   for (const auto& [values, data] : writes) {
     ExpectRecord("--device 5=192.0.2.7:503 --write-registers 1," + std::string(values),
@@ -152,7 +173,17 @@ TEST(Tamselctl, SendsTheRecordAskedInOneWrite) {
 
 TEST(Tamselctl, WrongUsageIsRefusedBeforeAnythingIsSent) {
   const std::string one = "--channel 1 --device 1=192.0.2.1:502 ";
+  const std::string most = "--write-registers 65480$(yes ,7 | head -56 | tr -d '\\n')";
+  ExpectRun(kRequest + "--socket /nonexistent/socket " + one + most, 3, "no daemon");
   const std::pair<std::string, const char*> cases[] = {
+      {one + most + ",7", "1 to 56 registers"},
+      {one + "--write-registers 65535,1,2", "none above 65535"},
+      {one + "--write-registers 1,1e39 --type f32", "of the --type"},
+      {one + "--write-coil 7,1,1", "7,1,1 is not COIL,0|1"},
+      {one + "--write-coils 7,2", "7,2 is not START"},
+      {one + "--read-coils 0,2001", "1 to 2000 bits"},
+      {one + "--unit 9-5 --read-coils 1,1", "range of 0 to 255"},
+      {"--channel 1 --device 1-3,2=192.0.2.1:502 --read-coils 1,1", "range of 1 to 31"},
       {"--channel 4 --device 1=192.0.2.1:502 --frame 01", "4 is not a number of 1 to 3"},
       {"--channel 1 --device 1=192.0.2.1 --frame 01", "1=192.0.2.1 is not ADDRESS=IP:PORT"},
       {one + "--device '2=192.0.2.2 :502' --frame 01", "192.0.2.2 \" is not an IPv4 address"},
@@ -216,6 +247,49 @@ TEST(Tamselctl, AnExceptionIsAnAnswerOfAScan) {
             "2: illegal data address\n1 of 2 answer");
 }
 
+// Ends the program at the other end of the connection.
+void KillPeer(int connection, int number) {
+  ucred client{};
+  socklen_t size = sizeof(client);
+  ASSERT_EQ(::getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &client, &size), 0);
+  ::kill(client.pid, number);
+}
+
+TEST(Tamselctl, AnInterruptedScanTellsWhatItHas) {
+  ::signal(SIGINT, SIG_DFL);  // as at a terminal, whatever has started the test
+  const FakeDaemon daemon([is_first = true](int connection) mutable {
+    FakeDaemon::ReadOnce(connection, sizeof(TcpIpRequest));
+    if (std::exchange(is_first, false)) {
+      FakeDaemon::Send(connection, Answer(0, "05 8302 8130"));
+    } else {
+      KillPeer(connection, SIGINT);
+      FakeDaemon::ReadOnce(connection, 1);
+    }
+  });
+  ExpectRun(
+      TAMSELCTL_PATH " scan --channel 2 --baud 9600 --unit 5-9 --json --socket " + daemon.Path(),
+      130, R"("complete":false,"asked":1,"answers":1,)");
+}
+
+TEST(Tamselctl, OnATerminalThePictureIsColouredAndRedrawnInPlace) {
+  const test::TempFolder folder;
+  const std::string file = folder.Path("health");
+  test::HealthFile().Write(file);
+  const auto on_terminal = [](const std::string& command) {
+    return test::RunShell("env -u NO_COLOR TERM=xterm script -qec \"stty rows 4 cols 80; " +
+                          command + "\" /dev/null < /dev/null")
+        .output;
+  };
+  const std::string health = TAMSELCTL_PATH " health " + file;
+  EXPECT_TRUE(test::Contains(on_terminal(health), "\033[32mrunning for 1 h\033[0m"));
+  EXPECT_FALSE(test::Contains(on_terminal("NO_COLOR=1 " + health), "\033[3"));
+  const std::string watch = on_terminal("timeout -s INT 2 " + health + " --watch 100ms");
+  const std::size_t first = watch.find("\033[H");
+  const std::size_t second = watch.find("\033[H", first + 1);
+  ASSERT_NE(second, std::string::npos) << watch;
+  EXPECT_EQ(test::CountText(watch.substr(first, second - first), "\n"), 3) << watch;
+}
+
 void ExpectSite(const std::string& text, int exit_code, const std::string& words) {
   const test::TempFolder folder;
   test::WriteFile(folder.Path("site"), text);
@@ -239,6 +313,12 @@ TEST(Tamselctl, SiteFileIsCheckedToTheCharacter) {
       {"\"kind\": \"meter\"", "\"kind\": \"metre\"", "; did you mean \"meter\"?"},
       {"\"kind\": \"meter\"", "\"kind\": \"meter\", \"kind\": 1", "doubled key \"kind\""},
       {"\"channel\": 3", "\"channel\": 1, \"baud\": 9600", ":22:5: channel 1 has a bus with"},
+      {"\"Inverter 17\"", "\"INVERTER 16\"", ":19:9: doubled device name"},
+      {"\"energy today\"", "\"Power\"", ":6:7: doubled register \"Power\" of \"inverter\""},
+      {"\"scale\": 0.1,", "\"scale\": 0.0,", ":6:114: \"scale\" is not a number other than 0"},
+      {"\"timeout\": 1000", "\"line\": \"8E1\"", ":23:55: \"line\" stands with \"baud\" only"},
+      {"\"Meter\",", "\"Zähler\", \"x\": 1,", ":25:28: unknown key \"x\" in a device\n"},
+      {"\"Meter\"", "\"a\\n\"", ":25:18: \"name\" is not a text of printable characters"},
       {"\"Meter\"", "\"All\"", ":25:18: \"All\" cannot be a name"},
   };
   for (const auto& [from, to, mistake] : cases) {
@@ -293,10 +373,7 @@ void ExpectEndBySignal(int number, const std::string& before, const std::string&
   ::signal(number, SIG_DFL);  // as at a terminal, whatever has started the test
   const FakeDaemon daemon([&](int connection) {
     FakeDaemon::ReadOnce(connection, sizeof(TcpIpRequest));
-    ucred client{};
-    socklen_t size = sizeof(client);
-    ASSERT_EQ(::getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &client, &size), 0);
-    ::kill(client.pid, number);
+    KillPeer(connection, number);
     if (exit_code == 0) {
       FakeDaemon::Send(connection, kGoodAnswer);
     }

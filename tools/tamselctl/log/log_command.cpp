@@ -336,7 +336,8 @@ void AddLogCommand(CLI::App& app, int& exit_code) {
   CLI::Option* tag =
       command
           .add_option("--tag", options->tags, "Lines with this tag, such as TCPIPAUnit; repeatable")
-          ->type_name("TAG");
+          ->type_name("TAG")
+          ->allow_extra_args(false);
   AddRanges(command, "--channel", options->channels, kMaxChannel,
             "Lines that belong, or may belong, to these channels, such as 1,3");
   AddRanges(command, "--device", options->devices, kMaxDeviceCountAtChannel,

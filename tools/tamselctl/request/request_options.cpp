@@ -18,7 +18,8 @@ void AddFrameOptions(CLI::App& command, Options& options) {
       ->add_option("--frame", options.frames,
                    "Bytes to send as they are, to all devices or, as ADDRESS:HEX, to one; "
                    "repeatable. When they are Modbus/TCP, the answer is checked against them")
-      ->type_name("HEX");
+      ->type_name("HEX")
+      ->allow_extra_args(false);
   AddReadOptions(*frame, options.reads);
   const struct {
     const char* name;
@@ -82,6 +83,7 @@ void AddSiteOptions(CLI::App& command, Options& options) {
       .add_option("--register", options.registers,
                   "Only this register of each device; repeatable (default: all)")
       ->type_name("NAME")
+      ->allow_extra_args(false)
       ->needs(site);
 }
 
@@ -125,7 +127,8 @@ void AddRequestOptions(CLI::App& command, Options& options) {
       .add_option("--device", options.devices,
                   "A device of the channel or several, such as 1-31, reached over TCP/IP or, with "
                   "--baud and addresses alone, over RS485; repeatable")
-      ->type_name("ADDRESSES[=IP:PORT]");
+      ->type_name("ADDRESSES[=IP:PORT]")
+      ->allow_extra_args(false);
   AddFrameOptions(command, options);
   AddTypeOptions(command, options);
   CLI::Option* unit =
