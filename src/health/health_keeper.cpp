@@ -198,7 +198,9 @@ HealthKeeper::HealthKeeper(const std::string& path)
 
 HealthKeeper::~HealthKeeper() {
   End();
-  thread_.join();
+  if (thread_.joinable()) {
+    thread_.join();
+  }
 }
 
 void HealthKeeper::End() {
@@ -351,7 +353,10 @@ void HealthKeeper::ReportStop() noexcept {
                    [](tamsel_health_process& record) { record.stopped_ms = NowMs(); });
     keeper->End();
     std::unique_lock<std::mutex> lock(keeper->mutex_);
-    keeper->pass_ended_.wait_for(lock, kStopWait, [keeper] { return keeper->is_over_; });
+    if (keeper->pass_ended_.wait_for(lock, kStopWait, [keeper] { return keeper->is_over_; })) {
+      lock.unlock();
+      keeper->thread_.join();  // else the file system keeps it, and the process ends without it
+    }
   }
 }
 
