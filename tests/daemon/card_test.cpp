@@ -8,12 +8,12 @@ TEST(Card, ReadOnlyForAWhileThenGone) {
     GTEST_SKIP() << "this machine gives unprivileged users no mount namespace of their own";
   }
   // The card is a small file system that nobody else sees. Nor does anybody see the daemon's /tmp,
-  // where the error file goes; the test's own folder and the daemon's program stay where they are.
+  // where the error file goes; the test's own folder and all that was built stay where they are.
   const DaemonProcess daemon(
       {{"EnableLogBufferedIO", "0"}},
       {true,
        "mkdir $F/card && mount -t tmpfs -o size=128k none $F/card && "
-       "for kept in $F " TAMSEL_BIN_DIR "/..; do mkdir -p $F/tmp$kept && "
+       "for kept in $F " TAMSEL_BIN_DIR "/../..; do mkdir -p $F/tmp$kept && "
        "mount --rbind $kept $F/tmp$kept || exit; done && mount --rbind $F/tmp/tmp /tmp",
        true});
   const std::string root = daemon.ProcPath("root");
