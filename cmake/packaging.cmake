@@ -101,7 +101,7 @@ if(TAMSEL_BUILD_TOOLS)
     set(script ${generated}/completion/${shell}/${name})
     file(MAKE_DIRECTORY ${generated}/completion/${shell})
     add_custom_command(OUTPUT ${script}
-      COMMAND tamselctl completion ${shell} > ${script}
+      COMMAND ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:tamselctl> completion ${shell} > ${script}
       DEPENDS tamselctl VERBATIM)
     set_property(GLOBAL APPEND PROPERTY tamsel_completions ${script})
     install(FILES ${script} DESTINATION ${CMAKE_INSTALL_DATADIR}/${folder} COMPONENT tools)
