@@ -57,8 +57,6 @@ const CauseWords* FindWords(int cause) {
   return cause >= 0 && cause < TAMSEL_CAUSES_KNOWN ? &kCauses[cause] : nullptr;
 }
 
-constexpr std::uint32_t kByteOrder = 0x01020304;
-
 enum class RecordState { kWhole, kEmpty, kDamaged };
 
 template <typename Record>
@@ -129,7 +127,7 @@ int CheckHeader(int file, tamsel_health_header& header) {
       std::memcmp(header.magic, TAMSEL_HEALTH_MAGIC, sizeof(header.magic)) != 0) {
     return TAMSEL_HEALTH_OTHER_FILE;
   }
-  return header.byte_order == kByteOrder && header.version == TAMSEL_HEALTH_VERSION &&
+  return header.byte_order == TAMSEL_HEALTH_BYTE_ORDER && header.version == TAMSEL_HEALTH_VERSION &&
                  header.file_size == sizeof(tamsel_health_file)
              ? TAMSEL_OK
              : TAMSEL_HEALTH_OTHER_LAYOUT;
@@ -149,7 +147,7 @@ std::string FindObstacle(int file) {
     default:
       break;
   }
-  if (header.byte_order != kByteOrder) {
+  if (header.byte_order != TAMSEL_HEALTH_BYTE_ORDER) {
     return "comes from a machine with another byte order";
   }
   return "has layout version " + std::to_string(header.version) + ", this program knows " +

@@ -36,7 +36,7 @@ TAMSEL_API std::string HealthCauseName(int cause);
 TAMSEL_API std::string HealthCauseText(int cause, int detail);
 /// Whether an exchange that ended so counts as answered; a broadcast that was sent does, too.
 inline bool IsHealthyCause(int cause) {
-  return cause == TAMSEL_CAUSE_ANSWERED || cause == TAMSEL_CAUSE_SENT;
+  return tamsel_health_is_answered(cause) != 0;
 }
 
 }  // namespace tmsc

@@ -20,6 +20,8 @@
 
 enum {
   TAMSEL_HEALTH_VERSION = 1,
+  TAMSEL_HEALTH_BYTE_ORDER = 0x01020304,
+  TAMSEL_HEALTH_STALE_MS = 30000, /* a daemon that has not renewed its record for so long is gone */
   TAMSEL_HEALTH_CHANNELS = 3,
   TAMSEL_HEALTH_TRANSPORTS = 2,
   TAMSEL_HEALTH_ADDRESSES = 31,
@@ -70,7 +72,7 @@ enum { TAMSEL_POWER_ON = 0, TAMSEL_POWER_OUTAGE = 1, TAMSEL_POWER_OFF = 2 };
 typedef struct tamsel_health_header {
   char magic[8];       /* TAMSEL_HEALTH_MAGIC */
   uint32_t version;    /* TAMSEL_HEALTH_VERSION; another version is another layout */
-  uint32_t byte_order; /* 0x01020304 */
+  uint32_t byte_order; /* TAMSEL_HEALTH_BYTE_ORDER */
   uint32_t file_size;  /* bytes; also sizeof(tamsel_health_file) */
   uint32_t reserved[11];
 } tamsel_health_header;
@@ -154,6 +156,11 @@ typedef struct tamsel_health_file {
   /* Index: tamsel_health_device_index. No record crosses a page, so none is cut by a kill. */
   tamsel_health_device devices[TAMSEL_HEALTH_DEVICES];
 } tamsel_health_file;
+
+/* Whether an exchange that ended with `cause` counts as answered. */
+static inline int tamsel_health_is_answered(int cause) {
+  return cause == TAMSEL_CAUSE_ANSWERED || cause == TAMSEL_CAUSE_SENT;
+}
 
 /* Where the record of a device stands. `channel`, `transport` and `address` count from 1. */
 static inline size_t tamsel_health_device_index(int channel, int transport, int address) {

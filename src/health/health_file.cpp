@@ -1,10 +1,8 @@
 #include "health/health_file.h"
 
 #include <fcntl.h>
-#include <linux/magic.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +13,7 @@
 
 #include "tamsel_health.h"
 #include "utility/file_util.h"
+#include "utility/memory_file_system.h"
 
 namespace tmsc {
 
@@ -30,7 +29,7 @@ tamsel_health_header MakeHeader() {
   tamsel_health_header header{};
   std::memcpy(header.magic, TAMSEL_HEALTH_MAGIC, sizeof(header.magic));
   header.version = TAMSEL_HEALTH_VERSION;
-  header.byte_order = 0x01020304;
+  header.byte_order = TAMSEL_HEALTH_BYTE_ORDER;
   header.file_size = sizeof(tamsel_health_file);
   return header;
 }
@@ -73,15 +72,6 @@ bool IsSameFile(int file, int other_file) {
   return ::fstat(file, &status) == 0 && ::fstat(other_file, &other) == 0 && IsSame(status, other);
 }
 
-bool IsMemoryFileSystem(int file) {
-  struct statfs system {};
-  if (::fstatfs(file, &system) != 0) {
-    return false;
-  }
-  const auto type = static_cast<std::uint32_t>(system.f_type);  // where it has 32 bits, with a sign
-  return type == TMPFS_MAGIC || type == RAMFS_MAGIC;
-}
-
 }  // namespace
 
 HealthFile::HealthFile(std::string path)
@@ -109,7 +99,7 @@ std::string HealthFile::Open() {
   if (!HasRightHeader(file_.Get())) {
     static_cast<void>(::ftruncate(file_.Get(), 0) == 0);
   }
-  is_in_memory_ = IsMemoryFileSystem(file_.Get());
+  is_in_memory_ = IsOnMemoryFileSystem(file_.Get());
   return WriteHeader() ? std::string() : ErrorText();
 }
 

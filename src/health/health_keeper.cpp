@@ -1,7 +1,6 @@
 #include "health/health_keeper.h"
 
 #include <dirent.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,6 +13,7 @@
 #include "log/log_text.h"
 #include "logger_setting/logger_setting_manager.h"
 #include "utility/constant_string.h"
+#include "utility/descriptor_limit.h"
 
 namespace tmsc {
 
@@ -87,7 +87,7 @@ void SetPlace(tamsel_health_device& device, const HealthPlace& place) {
 
 void CountEnd(tamsel_health_device& device, const HealthEnd& end) {
   const std::int64_t now_ms = NowMs();
-  const bool is_answered = end.cause == TAMSEL_CAUSE_ANSWERED || end.cause == TAMSEL_CAUSE_SENT;
+  const bool is_answered = tamsel_health_is_answered(end.cause) != 0;
   device.first_ms = device.exchanges == 0 ? now_ms : device.first_ms;
   ++device.exchanges;
   ++device.ends[end.cause];
@@ -139,12 +139,6 @@ std::uint32_t CountDescriptors() {
     --count;  // the directory's own
   }
   return count;
-}
-
-std::uint32_t DescriptorLimit() {
-  rlimit limit{};
-  ::getrlimit(RLIMIT_NOFILE, &limit);
-  return static_cast<std::uint32_t>(std::min<rlim_t>(limit.rlim_cur, UINT32_MAX));
 }
 
 /// Whether the settings name the path for another purpose.
@@ -241,12 +235,16 @@ void HealthKeeper::VisitRecords(Visit visit) {
   }
 }
 
-/// Changes a record and writes it, now or in the next pass.
+/// Changes a record and, when that made it another, writes it, now or in the next pass.
 template <typename Record, typename Change>
 void HealthKeeper::Update(Kept<Record>& kept, Change change) noexcept {
   const std::lock_guard<std::mutex> lock(kept.mutex);
+  const std::uint32_t checksum_before = kept.record.checksum;
   change(kept.record);
   kept.record.checksum = tamsel_health_checksum(&kept.record, sizeof(Record));
+  if (kept.record.checksum == checksum_before) {
+    return;
+  }
   kept.is_written = false;
   if (file_.IsInMemory()) {
     Write(kept);
@@ -417,29 +415,17 @@ void HealthKeeper::UpdateProcess(bool is_renewal) {
   if (is_card_gone != (card_gone_since_ms_ != 0)) {
     card_gone_since_ms_ = is_card_gone ? NowMs() : 0;
   }
-  if (is_renewal) {
-    updated_ms_ = NowMs();
-    descriptors_in_use_ = CountDescriptors();
-  }
-  const auto change = [&](tamsel_health_process& record) {
+  const std::uint32_t descriptors = is_renewal ? CountDescriptors() : 0;
+  Update(records_->process, [&](tamsel_health_process& record) {
     record.card_gone_since_ms = card_gone_since_ms_;
     record.power = power_;
     record.log_lines_lost = log_condition.lines_lost;
-    record.updated_ms = updated_ms_;
-    record.descriptors_in_use = descriptors_in_use_;
-    record.descriptor_limit = DescriptorLimit();
-  };
-  tamsel_health_process changed{};
-  bool is_changed = false;
-  {
-    const std::lock_guard<std::mutex> lock(records_->process.mutex);
-    changed = records_->process.record;
-    change(changed);
-    is_changed = std::memcmp(&changed, &records_->process.record, sizeof(changed)) != 0;
-  }
-  if (is_changed) {
-    Update(records_->process, change);
-  }
+    if (is_renewal) {
+      record.updated_ms = NowMs();
+      record.descriptors_in_use = descriptors;
+      record.descriptor_limit = static_cast<std::uint32_t>(DescriptorLimit());
+    }
+  });
 }
 
 }  // namespace tmsc

@@ -113,8 +113,6 @@ class HealthKeeper : public Singleton<HealthKeeper> {
   std::string obstacle_;        // why there is no file; empty: there is one
   bool is_taken_over_ = false;  // what an earlier process left in the file
   std::int64_t card_gone_since_ms_ = 0;
-  std::int64_t updated_ms_ = 0;
-  std::uint32_t descriptors_in_use_ = 0;
 
   std::mutex mutex_;
   std::condition_variable pass_is_due_;

@@ -12,6 +12,8 @@ namespace {
 // 64 silent clients, 3 served ones and one being refused, and plenty for the rest.
 constexpr int kReservedMost = 128;
 
+}  // namespace
+
 int DescriptorLimit() {
   rlimit limit{};
   const rlim_t highest = std::numeric_limits<int>::max();
@@ -19,8 +21,6 @@ int DescriptorLimit() {
              ? static_cast<int>(std::min(limit.rlim_cur, highest))
              : std::numeric_limits<int>::max();
 }
-
-}  // namespace
 
 void RaiseDescriptorLimit() {
   rlimit limit{};

@@ -7,6 +7,9 @@ namespace tmsc {
 /// are other threads.
 void RaiseDescriptorLimit();
 
+/// The soft limit of descriptors. Any thread.
+int DescriptorLimit();
+
 /// How many descriptors device connections leave to all others: clients, log, watchdog, serial
 /// ports. At least a quarter of the limit stays for connections.
 int ReservedDescriptors();

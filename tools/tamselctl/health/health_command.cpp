@@ -11,11 +11,11 @@
 #include "health/health_page.h"
 #include "health/health_text.h"
 #include "health/health_view.h"
-#include "shared/address_ranges.h"
 #include "shared/atomic_file.h"
 #include "shared/daemon_options.h"
 #include "shared/exit_code.h"
 #include "shared/number_option.h"
+#include "shared/ranges_option.h"
 #include "shared/screen.h"
 #include "shared/site.h"
 #include "shared/times.h"
@@ -109,20 +109,10 @@ int RunHealth(const HealthOptions& options) {
 void AddSelection(CLI::App& command, HealthOptions& options) {
   HealthSelection& selection = options.selection;
   AddNumber(command, "--channel", selection.channel, 1, kMaxChannel, "Only this channel, 1 to 3");
-  command
-      .add_option_function<std::string>(
-          "--device",
-          [&selection](const std::string& text) {
-            const auto addresses = ParseRanges(text, 1, kMaxDeviceCountAtChannel);
-            if (!addresses) {
-              ThrowUsage("--device", text + " is not a list of addresses of 1 to " +
-                                         std::to_string(kMaxDeviceCountAtChannel) +
-                                         ", such as 1-5,8");
-            }
-            selection.addresses = *addresses;
-          },
-          "Only these addresses, such as 1-5,8")
-      ->type_name("RANGES");
+  AddRanges(
+      command, "--device", selection.addresses, 1, kMaxDeviceCountAtChannel,
+      "a list of addresses of 1 to " + std::to_string(kMaxDeviceCountAtChannel) + ", such as 1-5,8",
+      "Only these addresses, such as 1-5,8");
   command.add_flag("--failing", selection.is_failing_only,
                    "Only devices whose last exchange failed");
 }

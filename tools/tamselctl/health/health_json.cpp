@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 
+#include "shared/json_line.h"
 #include "shared/times.h"
 
 namespace tmsc::ctl {
@@ -136,8 +137,7 @@ void PrintHealthJson(std::ostream& output, const HealthView& view) {
                          {"daemon", DaemonJson(view)},
                          {"channels", channels},
                          {"devices", devices}};
-  // A name may come from a file in another encoding.
-  output << document.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+  PrintJsonLine(output, document);
 }
 
 }  // namespace tmsc::ctl

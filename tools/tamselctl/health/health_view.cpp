@@ -18,8 +18,6 @@ namespace tmsc::ctl {
 namespace {
 
 constexpr std::int64_t kHourMs = 3600 * 1000;
-/// The daemon renews its record every 10 s.
-constexpr std::int64_t kStaleMs = 30 * 1000;
 
 // Nothing in a file that anybody may have written reaches a terminal as a control sequence.
 std::string Printable(const char* text, std::size_t size) {
@@ -72,7 +70,7 @@ DaemonState FindDaemonState(const tamsel_health_process& process, std::int64_t n
   if (process.stopped_ms != 0) {
     return DaemonState::kStopped;
   }
-  if (now_ms - process.updated_ms <= kStaleMs) {
+  if (now_ms - process.updated_ms <= TAMSEL_HEALTH_STALE_MS) {
     return DaemonState::kRunning;
   }
   return HasProcess(process.pid) ? DaemonState::kSilent : DaemonState::kKilled;
@@ -102,6 +100,11 @@ auto Rank(const DeviceHealth& device) {
   const int state = !device.IsFailing() ? 2 : device.HasEverAnswered() ? 0 : 1;
   return std::make_tuple(state, state == 0 ? device.record.failing_since_ms : 0,
                          state == 2 ? -share : 0.0);
+}
+
+/// How long ago a moment is; none for one that a clock set back has put ahead.
+std::string SinceText(std::int64_t moment_ms, std::int64_t now_ms) {
+  return DurationText(std::max<std::int64_t>(now_ms - moment_ms, 0));
 }
 
 std::string Plural(std::uint64_t count, const char* noun) {
@@ -209,8 +212,7 @@ std::string DaemonText(const HealthView& view) {
       TimeText(process.updated_ms) + ", " + AgoText(process.updated_ms, view.now_ms);
   switch (view.daemon_state) {
     case DaemonState::kRunning:
-      return "running for " +
-             DurationText(std::max<std::int64_t>(view.now_ms - process.started_ms, 0));
+      return "running for " + SinceText(process.started_ms, view.now_ms);
     case DaemonState::kStopped:
       return "stopped " + TimeText(process.stopped_ms) + ", " +
              AgoText(process.stopped_ms, view.now_ms);
@@ -240,9 +242,7 @@ std::string PowerText(const tamsel_health_process& process) {
 
 std::string CardText(const HealthView& view) {
   const std::int64_t since_ms = view.process.card_gone_since_ms;
-  return since_ms == 0 ? "card present"
-                       : "card gone for " +
-                             DurationText(std::max<std::int64_t>(view.reference_ms - since_ms, 0));
+  return since_ms == 0 ? "card present" : "card gone for " + SinceText(since_ms, view.reference_ms);
 }
 
 std::string StateText(const DeviceHealth& device, std::int64_t now_ms) {
@@ -251,10 +251,8 @@ std::string StateText(const DeviceHealth& device, std::int64_t now_ms) {
     return (record.last_cause == TAMSEL_CAUSE_SENT ? "sent " : "answered ") +
            AgoText(record.last_ms, now_ms);
   }
-  return device.HasEverAnswered()
-             ? "fails for " +
-                   DurationText(std::max<std::int64_t>(now_ms - record.failing_since_ms, 0))
-             : "never answered in " + Plural(record.exchanges, "exchange");
+  return device.HasEverAnswered() ? "fails for " + SinceText(record.failing_since_ms, now_ms)
+                                  : "never answered in " + Plural(record.exchanges, "exchange");
 }
 
 std::string WhyText(const DeviceHealth& device) {
@@ -304,8 +302,7 @@ std::string FailedRequestsText(const tamsel_health_channel& channel) {
 }
 
 std::string AgoText(std::int64_t moment_ms, std::int64_t now_ms) {
-  return moment_ms == 0 ? "never"
-                        : DurationText(std::max<std::int64_t>(now_ms - moment_ms, 0)) + " ago";
+  return moment_ms == 0 ? "never" : SinceText(moment_ms, now_ms) + " ago";
 }
 
 std::string MsText(std::uint64_t microseconds) {

@@ -22,10 +22,11 @@
 #include "log/log_files.h"
 #include "log/log_summary.h"
 #include "logger_setting/logger_setting_manager.h"
-#include "shared/address_ranges.h"
 #include "shared/daemon_options.h"
 #include "shared/exit_code.h"
 #include "shared/interruption.h"
+#include "shared/json_line.h"
+#include "shared/ranges_option.h"
 #include "shared/table.h"
 #include "shared/times.h"
 #include "shared/usage.h"
@@ -176,8 +177,7 @@ class LogPrinter {
     if (owners.devices != 0) {
       json["devices"] = NumbersOf(owners.devices);
     }
-    std::cout << json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace)
-              << '\n';
+    PrintJsonLine(std::cout, json);
   }
 
   const LogOptions& options_;
@@ -280,22 +280,6 @@ void AddMoment(CLI::App& command, const char* name, std::int64_t& moment, const 
       ->type_name("MOMENT");
 }
 
-void AddRanges(CLI::App& command, const char* name, std::vector<int>& numbers, int most,
-               const char* description) {
-  command
-      .add_option_function<std::string>(
-          name,
-          [name, &numbers, most](const std::string& text) {
-            const auto parsed = ParseRanges(text, 1, most);
-            if (!parsed) {
-              ThrowUsage(name, text + " is not numbers or ranges of 1 to " + std::to_string(most));
-            }
-            numbers = *parsed;
-          },
-          description)
-      ->type_name("RANGES");
-}
-
 CLI::Option* AddLevel(CLI::App& command, std::size_t& least_level) {
   static const std::vector<std::string> kNames = {"verbose", "debug", "info",
                                                   "warn",    "error", "fatal"};
@@ -338,9 +322,11 @@ void AddLogCommand(CLI::App& app, int& exit_code) {
           .add_option("--tag", options->tags, "Lines with this tag, such as TCPIPAUnit; repeatable")
           ->type_name("TAG")
           ->allow_extra_args(false);
-  AddRanges(command, "--channel", options->channels, kMaxChannel,
+  AddRanges(command, "--channel", options->channels, 1, kMaxChannel,
+            "numbers or ranges of 1 to " + std::to_string(kMaxChannel),
             "Lines that belong, or may belong, to these channels, such as 1,3");
-  AddRanges(command, "--device", options->devices, kMaxDeviceCountAtChannel,
+  AddRanges(command, "--device", options->devices, 1, kMaxDeviceCountAtChannel,
+            "numbers or ranges of 1 to " + std::to_string(kMaxDeviceCountAtChannel),
             "Lines that belong, or may belong, to the devices with these addresses, such as 1-5");
   CLI::Option* follow = command.add_flag("-f,--follow", options->is_following,
                                          "Go on with what is appended, until Ctrl-C");

@@ -3,6 +3,7 @@
 #include <ostream>
 
 #include "log/log_summary.h"
+#include "shared/json_line.h"
 #include "shared/table.h"
 #include "shared/times.h"
 
@@ -137,7 +138,7 @@ void LogSummary::PrintJson(std::ostream& output, const SummaryScope& scope) cons
                                  {"failures", Json(counts.failures)}});
     }
   }
-  output << json.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+  PrintJsonLine(output, json);
 }
 
 }  // namespace tmsc::ctl

@@ -4,8 +4,8 @@
 #include <limits>
 
 #include "request/frame_limits.h"
-#include "shared/address_ranges.h"
 #include "shared/number_option.h"
+#include "shared/ranges_option.h"
 #include "shared/times.h"
 #include "shared/usage.h"
 
@@ -132,18 +132,9 @@ void AddRequestOptions(CLI::App& command, Options& options) {
   AddFrameOptions(command, options);
   AddTypeOptions(command, options);
   CLI::Option* unit =
-      command
-          .add_option_function<std::string>(
-              "--unit",
-              [&options](const std::string& text) {
-                const auto units = ParseRanges(text, 0, 255);
-                if (!units) {
-                  ThrowUsage("--unit", text + " is not a number or range of 0 to 255");
-                }
-                options.units = *units;
-              },
-              "Modbus unit in the frames, or one for each device, such as 101-110 (default: the "
-              "device's address)")
+      AddRanges(command, "--unit", options.units, 0, 255, "a number or range of 0 to 255",
+                "Modbus unit in the frames, or one for each device, such as 101-110 (default: the "
+                "device's address)")
           ->type_name("NUMBERS");
   CLI::Option* baud = AddBusOptions(command, options.bus);
   AddNumber(command, "--deadline", options.deadline_ms, 1, kLongestMs,

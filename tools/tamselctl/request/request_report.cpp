@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "health_reader.h"
+#include "shared/json_line.h"
 #include "shared/table.h"
 #include "shared/times.h"
 
@@ -158,7 +159,7 @@ void PrintJson(std::ostream& output, const RequestReport& report) {
   for (const DeviceReport& device : report.devices) {
     json["devices"].push_back(JsonOf(device));
   }
-  output << json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
+  PrintJsonLine(output, json);
 }
 
 }  // namespace tmsc::ctl

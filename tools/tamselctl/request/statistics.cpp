@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "shared/exit_code.h"
+#include "shared/json_line.h"
 #include "shared/table.h"
 
 namespace tmsc::ctl {
@@ -109,7 +110,7 @@ void Statistics::PrintJson(std::ostream& output) const {
     device.update(json_of(tally));
     summary["devices"].push_back(std::move(device));
   }
-  output << nlohmann::ordered_json{{"summary", std::move(summary)}}.dump() << '\n';
+  PrintJsonLine(output, {{"summary", std::move(summary)}});
 }
 
 }  // namespace tmsc::ctl

@@ -4,8 +4,8 @@
 #include <limits>
 #include <numeric>
 
-#include "shared/address_ranges.h"
 #include "shared/number_option.h"
+#include "shared/ranges_option.h"
 #include "shared/usage.h"
 
 namespace tmsc::ctl {
@@ -42,18 +42,10 @@ ScanOptions::ScanOptions() {
 
 void AddScanOptions(CLI::App& command, ScanOptions& options) {
   AddGateway(command, options);
-  command
-      .add_option_function<std::string>(
-          "--unit",
-          [&options](const std::string& text) {
-            const auto units = ParseRanges(text, 1, kLastUnit);
-            if (!units) {
-              ThrowUsage("--unit", text + " is not a number or range of 1 to 247");
-            }
-            options.units = *units;
-          },
-          "Addresses on the bus, or units of the gateway, to ask (default: 1-31 over RS485, 1-247 "
-          "of a gateway)")
+  AddRanges(
+      command, "--unit", options.units, 1, kLastUnit, "a number or range of 1 to 247",
+      "Addresses on the bus, or units of the gateway, to ask (default: 1-31 over RS485, 1-247 "
+      "of a gateway)")
       ->type_name("NUMBERS");
   CLI::App* read = command.add_option_group("read",
                                             "What to ask for; a Modbus exception is an answer, too "

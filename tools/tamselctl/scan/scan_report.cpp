@@ -7,6 +7,7 @@
 
 #include "shared/address_ranges.h"
 #include "shared/exchange.h"
+#include "shared/json_line.h"
 #include "shared/table.h"
 #include "shared/times.h"
 
@@ -88,7 +89,7 @@ void PrintJson(std::ostream& output, const ScanReport& report) {
     }
     json["units"].push_back(std::move(item));
   }
-  output << json.dump() << '\n';
+  PrintJsonLine(output, json);
 }
 
 }  // namespace tmsc::ctl

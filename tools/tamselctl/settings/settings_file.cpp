@@ -6,8 +6,6 @@
 #include <Poco/SAX/Locator.h>
 #include <Poco/SAX/SAXException.h>
 #include <Poco/SAX/SAXParser.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,6 +13,7 @@
 #include <utility>
 
 #include "logger_setting/logger_setting_manager.h"
+#include "shared/regular_file.h"
 #include "utility/descriptor.h"
 #include "utility/string_util.h"
 
@@ -136,16 +135,11 @@ SettingsFile ParseSettings(const std::string& text, const std::string& encoding)
 
 /// Why the daemon passes over what is there; empty when it reads it.
 std::string WhyNotTaken(const std::string& path) {
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  struct stat status {};
-  if (!file.IsOpen() || ::fstat(file.Get(), &status) != 0) {
-    return "cannot be read: " + std::generic_category().message(errno);
+  const RegularFile file = OpenRegularFile(path);
+  if (!file.obstacle.empty()) {
+    return file.obstacle;
   }
-  if (!S_ISREG(status.st_mode)) {
-    return "is no regular file";
-  }
-  return static_cast<std::uintmax_t>(status.st_size) > kSettingFileSizeMax ? "is larger than 8 MiB"
-                                                                           : "";
+  return file.size > kSettingFileSizeMax ? "is larger than 8 MiB" : "";
 }
 
 }  // namespace

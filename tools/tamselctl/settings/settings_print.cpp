@@ -8,6 +8,7 @@
 #include <string>
 
 #include "log/log_file_output.h"
+#include "shared/json_line.h"
 #include "shared/table.h"
 #include "shared/times.h"
 
@@ -224,7 +225,7 @@ void PrintSettingsJson(std::ostream& output, const SettingsReport& report,
   if (poll) {
     json["poll"] = OutlookJson(LogOutlook(report, *poll), *poll);
   }
-  output << json.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+  PrintJsonLine(output, json);
 }
 
 }  // namespace tmsc::ctl

@@ -1,7 +1,5 @@
 #include "shared/daemon_options.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -10,6 +8,7 @@
 #include <system_error>
 
 #include "logger_setting/logger_setting_manager.h"
+#include "shared/regular_file.h"
 #include "shared/usage.h"
 #include "utility/descriptor.h"
 
@@ -21,14 +20,8 @@ constexpr const char* kPackagedSettingsPath = "/etc/tamsel/LoggerSetting.xml";
 
 // The daemon goes on with its defaults where there is no file. Somebody who names one wants that.
 void RequireReadable(const std::string& path) {
-  // A FIFO without a writer would not be opened before there is one.
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  if (!file.IsOpen()) {
-    ThrowUsage("--settings", path + " cannot be read: " + std::generic_category().message(errno));
-  }
-  struct stat state {};
-  if (::fstat(file.Get(), &state) != 0 || !S_ISREG(state.st_mode)) {
-    ThrowUsage("--settings", path + " is no regular file");
+  if (const RegularFile file = OpenRegularFile(path); !file.obstacle.empty()) {
+    ThrowUsage("--settings", path + " " + file.obstacle);
   }
 }
 

@@ -1,8 +1,5 @@
 #include "shared/exchange.h"
 
-#include <linux/magic.h>
-#include <sys/vfs.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -16,6 +13,7 @@
 #include "shared/times.h"
 #include "status_text.h"
 #include "utility/deadline.h"
+#include "utility/memory_file_system.h"
 
 namespace tmsc::ctl {
 namespace {
@@ -87,14 +85,7 @@ class Exchanger::HealthProbe {
 
   bool IsReadable() const { return now_.snapshot.has_value(); }
 
-  bool IsInMemory() const {
-    struct statfs state {};
-    if (::statfs(path_.c_str(), &state) != 0) {
-      return false;
-    }
-    const auto type = static_cast<std::uint32_t>(state.f_type);
-    return type == TMPFS_MAGIC || type == RAMFS_MAGIC;
-  }
+  bool IsInMemory() const { return IsOnMemoryFileSystem(path_); }
 
   void Begin() {
     now_ = ReadHealth(path_);
@@ -148,9 +139,8 @@ class Exchanger::HealthProbe {
 
   // Whether a running daemon keeps the file up to date.
   bool IsKept() const {
-    constexpr int kStaleMs = 30000;
     return IsReadable() && now_.snapshot->process.stopped_ms == 0 &&
-           NowMs() - now_.snapshot->process.updated_ms < kStaleMs;
+           NowMs() - now_.snapshot->process.updated_ms < TAMSEL_HEALTH_STALE_MS;
   }
 
   std::optional<DeviceEnd> EndOf(const Bus& bus, int address, bool is_alone) const {

@@ -46,19 +46,13 @@ CLI::Option* AddSerialCode(CLI::App& command, const std::string& name,
       description);
 }
 
-std::string NameOf(const std::vector<SerialCode>& codes, unsigned wanted) {
-  for (const SerialCode& code : codes) {
-    if (code.code == wanted) {
-      return code.name;
-    }
-  }
-  return "code " + std::to_string(wanted);
-}
-
 }  // namespace
 
 std::string LineText(unsigned speed_code, unsigned format_code) {
-  return NameOf(kSpeeds, speed_code) + " " + NameOf(kLines, format_code);
+  const int speed = tamsel_baud_of_code(static_cast<int>(speed_code));
+  const char* const format = tamsel_line_of_code(static_cast<int>(format_code));
+  return (speed != 0 ? std::to_string(speed) : "code " + std::to_string(speed_code)) + " " +
+         (format != nullptr ? format : "code " + std::to_string(format_code));
 }
 
 std::optional<SerialCode> FindSpeed(const std::string& name) {

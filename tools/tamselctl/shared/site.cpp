@@ -1,8 +1,6 @@
 #include "shared/site.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +15,7 @@
 #include "modbus/pdu.h"
 #include "shared/json_tree.h"
 #include "shared/nearest_word.h"
+#include "shared/regular_file.h"
 #include "shared/usage.h"
 #include "utility/descriptor.h"
 
@@ -377,18 +376,15 @@ class SiteBuilder {
 
 /// The text of a file, or why it cannot be read.
 std::string ReadText(const std::string& path, std::string& error) {
-  constexpr off_t kMostBytes = 8 << 20;
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-  struct stat state {};
-  if (!file.IsOpen()) {
-    error = path + " cannot be read: " + std::generic_category().message(errno);
-  } else if (::fstat(file.Get(), &state) != 0 || !S_ISREG(state.st_mode)) {
-    error = path + " is no regular file";
-  } else if (state.st_size == 0 || state.st_size > kMostBytes) {
-    error = path + (state.st_size == 0 ? " is empty" : " is larger than 8 MiB");
+  constexpr std::uintmax_t kMostBytes = 8 << 20;
+  const RegularFile file = OpenRegularFile(path);
+  if (!file.obstacle.empty()) {
+    error = path + " " + file.obstacle;
+  } else if (file.size == 0 || file.size > kMostBytes) {
+    error = path + (file.size == 0 ? " is empty" : " is larger than 8 MiB");
   }
-  std::string text(error.empty() ? static_cast<std::size_t>(state.st_size) : 0, '\0');
-  const ssize_t size = error.empty() ? ::read(file.Get(), text.data(), text.size()) : 0;
+  std::string text(error.empty() ? static_cast<std::size_t>(file.size) : 0, '\0');
+  const ssize_t size = error.empty() ? ::read(file.descriptor.Get(), text.data(), text.size()) : 0;
   if (size < 0) {
     error = path + " cannot be read: " + std::generic_category().message(errno);
   }

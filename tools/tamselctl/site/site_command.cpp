@@ -7,6 +7,7 @@
 #include <string>
 
 #include "shared/exit_code.h"
+#include "shared/json_line.h"
 #include "shared/site.h"
 #include "shared/table.h"
 
@@ -92,7 +93,7 @@ void PrintJson(std::ostream& output, const std::string& file, const SiteReading&
       json["devices"].push_back(std::move(item));
     }
   }
-  output << json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
+  PrintJsonLine(output, json);
 }
 
 int RunSite(const SiteOptions& options) {
