@@ -35,7 +35,7 @@ void CheckLines(const std::string& text) {
       ++count;
     }
   }
-  EXPECT_NEAR(count, 1100, 400) << "what 1 MiB holds";
+  EXPECT_NEAR(count, 1225, 525) << "what 1 MiB holds, or 2 when as much was just being written";
   EXPECT_EQ(count + lost, kThreads * kLines);
 }
 
