@@ -41,7 +41,9 @@ const std::vector<FaultRow>& TcpRows() {
       {FaultKind::kEndless, kAnswered, "ok", nullptr},
       {{FaultKind::kLate, 100}, kAnswered, "ok", nullptr},
       {FaultKind::kGarbage, "too_long", "frame too long", "answer too long"},
-      {FaultKind::kFixed, "too_long", "frame too long (65541 bytes)", "answer too long"}};
+      {FaultKind::kFixed, "too_long", "frame too long (65541 bytes)", "answer too long"},
+      {FaultKind::kReset, "reset", "connection reset by the device", "no answer in time, or reset"},
+      {FaultKind::kUnaccepted, "connect_timed_out", "connect timed out", "connect timed out"}};
   return rows;
 }
 

@@ -40,11 +40,15 @@ TEST(FieldSimulatorTest, RefusesAndListensAgainOnTheSamePort) {
   ASSERT_EQ(0, client.Connect(kLimitMs));
   Ask(client.GetDescriptor(), TcpFrame(9, 2, kRead), 0);  // due while the device refuses
   EXPECT_TRUE(test::WaitFor(kLimitMs, [&] { return field.RequestsReceived(2) == 1; }));
-  for (const bool is_refusing : {true, false, true, false}) {
-    field.SetFault(2, is_refusing ? FaultKind::kRefuse : FaultKind::kDelay);
+  for (const auto& [fault, result] : {std::pair(FaultKind::kRefuse, ECONNREFUSED),
+                                      {FaultKind::kDelay, 0},
+                                      {FaultKind::kUnaccepted, int{TCPSocket::kConnectTimeout}},
+                                      {FaultKind::kRefuse, ECONNREFUSED},
+                                      {FaultKind::kDelay, 0}}) {
+    field.SetFault(2, fault);
     EXPECT_EQ(0U, field.OpenConnections());
     client.Close();
-    ASSERT_EQ(is_refusing ? ECONNREFUSED : 0, client.Connect(kLimitMs));
+    ASSERT_EQ(result, client.Connect(fault == FaultKind::kUnaccepted ? 200 : kLimitMs));
   }
   EXPECT_EQ(TcpFrame(9, 2, kReply), Ask(client.GetDescriptor(), TcpFrame(9, 2, kRead), 13));
 }
@@ -66,7 +70,7 @@ TEST(FaultTest, RefusesWhatDoesNotFit) {
   for (const char* text : {"", "pieces:0", "pieces:439", "delay:1x", "silence:1", "pieces:1:2:3"}) {
     EXPECT_THROW(Fault::Parse(text), std::invalid_argument) << text;
   }
-  for (const int start : {19999, 20201, 20300, 21700, 22000}) {
+  for (const int start : {19999, 20201, 20300, 21700, 22100}) {
     EXPECT_FALSE(Fault::OfRegister(start, Transport::kTcp)) << start;
   }
 }

@@ -24,6 +24,7 @@ struct Piece {
 enum class Ending {
   kKeepOpen,
   kClose,
+  kReset,
   kEndless,  ///< Filling bytes follow as fast as the peer reads, until it closes.
 };
 

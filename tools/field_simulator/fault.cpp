@@ -215,6 +215,12 @@ constexpr FaultDescription kFaults[] = {
        return OneFrame(
            modbus::RtuFrame(reply.frame[0] + 1, {reply.frame.begin() + 1, reply.frame.end() - 2}));
      }},
+    {FaultKind::kReset, "reset", "breaks the connection with a reset when a request comes",
+     [](const Reply&) {
+       return Answer{{}, Ending::kReset};
+     }},
+    {FaultKind::kUnaccepted, "unaccepted", "has no room for a connection: connect timed out",
+     PlayNothing},
 };
 
 constexpr bool RowsAreInOrder() {
@@ -235,9 +241,8 @@ Player PlayerOn(const FaultDescription& description, Transport transport) {
   return transport == Transport::kTcp ? description.play_tcp : description.play_rtu;
 }
 
-/// False for a fault that shows before any request.
 bool HasRegister(const FaultDescription& description) {
-  return description.kind != FaultKind::kRefuse;
+  return !Fault(description.kind).IsAtConnect();
 }
 
 std::string TransportNames(const FaultDescription& description) {

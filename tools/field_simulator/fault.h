@@ -35,6 +35,8 @@ enum class FaultKind {
   kNoise,
   kWrongCrc,
   kOtherAddress,
+  kReset,
+  kUnaccepted,
 };
 
 /// Holding registers from here on choose a fault for one exchange (Fault::OfRegister).
@@ -74,6 +76,10 @@ class Fault {
   void CheckTransport(Transport transport) const;
 
   FaultKind Kind() const { return kind_; }
+  /// Whether it shows at the connect, before any request: the device needs a port of its own.
+  bool IsAtConnect() const {
+    return kind_ == FaultKind::kRefuse || kind_ == FaultKind::kUnaccepted;
+  }
   /// Parameter 0 or 1; 0 for one the fault does not have.
   int Parameter(std::size_t index) const { return parameters_[index]; }
 

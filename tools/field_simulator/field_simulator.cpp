@@ -26,8 +26,9 @@ void CheckTcpDevices(const FieldSimulatorConfig& config) {
     if (!addresses.insert(device.address).second) {
       throw std::invalid_argument(name + " is there twice");
     }
-    if (config.is_same_port && device.fault.Kind() == FaultKind::kRefuse) {
-      throw std::invalid_argument(name + " cannot refuse behind a shared port");
+    if (config.is_same_port && device.fault.IsAtConnect()) {
+      throw std::invalid_argument(name +
+                                  " cannot have a fault at the connect behind a shared port");
     }
     device.fault.CheckTransport(Transport::kTcp);
   }

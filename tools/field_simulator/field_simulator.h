@@ -86,11 +86,11 @@ class FieldSimulator {
   /// The port the device listens on, also while it refuses.
   std::uint16_t Port(int address) const;
 
-  /// Changes a device's fault for the requests that come from now on. Refusing also closes its
-  /// connections; leaving it listens on the same port again, and throws std::system_error when that
-  /// was taken meanwhile. Answers under way, an endless one too, go on. Throws
-  /// std::invalid_argument for kRefuse behind a gateway and for a fault that is not one of the
-  /// transport.
+  /// Changes a device's fault for the requests that come from now on. A fault at the
+  /// connect also closes its connections; to set and to leave one binds the same port again, and
+  /// throws std::system_error when that was taken meanwhile. Answers under way, an endless one too,
+  /// go on otherwise. Throws std::invalid_argument for a fault at the connect behind a gateway and
+  /// for one that is not of the transport.
   void SetFault(int address, const Fault& fault);
   void SetFault(std::size_t bus, int address, const Fault& fault);
 

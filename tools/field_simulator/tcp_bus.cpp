@@ -72,9 +72,7 @@ void TcpBus::AddListener(const std::string& ip_address, std::uint16_t port, bool
   listener->devices = std::move(devices);
   Bind(*listener);
   const std::uint64_t id = loop_.Add(*this);
-  if (is_gateway || listener->devices.front()->fault.Kind() != FaultKind::kRefuse) {
-    Listen(id, *listener);
-  }
+  Open(id, *listener, listener->devices.front()->fault.Kind());
   listeners_.emplace(id, std::move(listener));
 }
 
@@ -85,6 +83,7 @@ void TcpBus::Close() {
   }
   for (const auto& [id, listener] : listeners_) {
     listener->descriptor.Reset();
+    listener->filling.Reset();
   }
 }
 
@@ -113,14 +112,12 @@ std::uint64_t TcpBus::ConnectionsAccepted(const SimulatedDevice& device) const {
 void TcpBus::SetFault(SimulatedDevice& device, const Fault& fault) {
   const auto lock = loop_.Lock();
   const auto& [id, listener] = *ListenerOf(device);
-  const bool is_refusing = fault.Kind() == FaultKind::kRefuse;
-  if (is_refusing && listener->is_gateway) {
-    throw std::invalid_argument("a device cannot refuse behind a shared port");
+  if (fault.IsAtConnect() && listener->is_gateway) {
+    throw std::invalid_argument("a device cannot have a fault at the connect behind a shared port");
   }
-  if (is_refusing && listener->is_listening) {
-    StopListening(*listener);
-  } else if (!is_refusing && !listener->is_listening) {
-    Listen(id, *listener);
+  if (fault.IsAtConnect() || !listener->is_accepting) {
+    Shut(*listener);
+    Open(id, *listener, fault.Kind());
   }
   device.fault = fault;
 }
@@ -139,19 +136,36 @@ void TcpBus::Bind(Listener& listener) {
   listener.descriptor = std::move(descriptor);
 }
 
-void TcpBus::Listen(std::uint64_t id, Listener& listener) {
-  if (!listener.descriptor.IsOpen()) {
-    Bind(listener);
+/// Takes connects as a device with this fault does.
+void TcpBus::Open(std::uint64_t id, Listener& listener, FaultKind kind) {
+  if (kind == FaultKind::kRefuse) {
+    return;
   }
-  if (listen(listener.descriptor.Get(), SOMAXCONN) != 0) {
+  listener.is_accepting = kind != FaultKind::kUnaccepted;
+  if (listen(listener.descriptor.Get(), listener.is_accepting ? SOMAXCONN : 0) != 0) {
     throw SystemError("cannot listen on " + EndpointText(listener.endpoint));
   }
-  loop_.Watch(listener.descriptor.Get(), id, EPOLLIN, EPOLL_CTL_ADD);
-  listener.is_listening = true;
+  if (listener.is_accepting) {
+    loop_.Watch(listener.descriptor.Get(), id, EPOLLIN, EPOLL_CTL_ADD);
+  } else {
+    Fill(listener);
+  }
 }
 
-void TcpBus::StopListening(Listener& listener) {
-  listener.is_listening = false;
+/// Takes the one place in a queue of the shortest length: the kernel drops what else comes.
+void TcpBus::Fill(Listener& listener) {
+  listener.filling.Reset(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  const auto* address = reinterpret_cast<const sockaddr*>(&listener.endpoint);
+  if (connect(listener.filling.Get(), address, sizeof(listener.endpoint)) != 0 &&
+      errno != EINPROGRESS) {
+    throw SystemError("cannot fill the queue of " + EndpointText(listener.endpoint));
+  }
+}
+
+/// Closes an endpoint with its connections; its port stays bound.
+void TcpBus::Shut(Listener& listener) {
+  listener.is_accepting = false;
+  listener.filling.Reset();
   listener.descriptor.Reset();
   std::vector<std::uint64_t> ids;
   for (const auto& [id, connection] : connections_) {
@@ -165,7 +179,7 @@ void TcpBus::StopListening(Listener& listener) {
 
 void TcpBus::HandleEvents(std::uint64_t id, std::uint32_t events) {
   if (const auto listener = listeners_.find(id); listener != listeners_.end()) {
-    if (listener->second->is_listening) {
+    if (listener->second->is_accepting) {
       Accept(*listener->second);
     }
     return;
@@ -281,8 +295,13 @@ void TcpBus::Enqueue(Connection& connection, Answer answer) {
 /// False when the connection is over: the device closes it, or the peer has.
 bool TcpBus::Transmit(Connection& connection) {
   const PieceQueue::Result result = SendQueued(connection);
+  const bool is_out = connection.output.Size() == 0;
+  if (is_out && connection.ending == Ending::kReset) {
+    const linger at_once = {1, 0};
+    setsockopt(connection.descriptor.Get(), SOL_SOCKET, SO_LINGER, &at_once, sizeof(at_once));
+  }
   if (result == PieceQueue::Result::kFailed ||
-      (connection.output.Size() == 0 && connection.ending == Ending::kClose)) {
+      (is_out && (connection.ending == Ending::kClose || connection.ending == Ending::kReset))) {
     return false;
   }
   Arm(connection, result == PieceQueue::Result::kBlocked);

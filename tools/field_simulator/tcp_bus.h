@@ -36,8 +36,8 @@ class TcpBus : private EventLoop::Handler {
   TcpBus(const TcpBus&) = delete;
   TcpBus& operator=(const TcpBus&) = delete;
 
-  /// Binds an endpoint (port 0: one that the kernel picks) and listens there, unless its device
-  /// refuses. As a gateway it takes any number of devices, else exactly one. The devices stay with
+  /// Binds an endpoint (port 0: one that the kernel picks) and takes connects there as its device
+  /// does. As a gateway it takes any number of devices, else exactly one. The devices stay with
   /// the caller and outlive the bus. Throws as FieldSimulator::Start.
   void AddListener(const std::string& ip_address, std::uint16_t port, bool is_gateway,
                    std::vector<SimulatedDevice*> devices);
@@ -60,7 +60,9 @@ class TcpBus : private EventLoop::Handler {
     std::vector<SimulatedDevice*> devices;
     /// Bound but not listening while the device refuses, so that the port stays its own.
     Descriptor descriptor;
-    bool is_listening = false;
+    /// The connection that fills the queue of a device that accepts none.
+    Descriptor filling;
+    bool is_accepting = false;
     std::atomic<std::uint64_t> accepted{0};
   };
 
@@ -80,8 +82,9 @@ class TcpBus : private EventLoop::Handler {
   void HandleTime(std::uint64_t id) override;
 
   void Bind(Listener& listener);
-  void Listen(std::uint64_t id, Listener& listener);
-  void StopListening(Listener& listener);
+  void Open(std::uint64_t id, Listener& listener, FaultKind kind);
+  static void Fill(Listener& listener);
+  void Shut(Listener& listener);
   void Accept(Listener& listener);
   void CloseConnection(std::uint64_t id);
 
