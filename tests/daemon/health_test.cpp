@@ -157,6 +157,37 @@ TEST_F(Health, TheDaemonsOwnCondition) {
   EXPECT_TRUE(WaitFor(4000, [&] { return Read().process.power == TAMSEL_POWER_OUTAGE; }));
 }
 
+TEST_F(Health, AFileSystemThatHangsHoldsNobodyUpAndLosesNothing) {
+  const std::string hanging = folder_.Path("hanging");
+  WriteFile(hanging, "");
+  Devices devices(31);
+  const Stopwatch start;
+  DaemonProcess daemon(Changes(), {true, "export LD_PRELOAD=" HANGING_PWRITE " HANGING_WHILE=" +
+                                             hanging + " ASAN_OPTIONS=verify_asan_link_order=0"});
+  EXPECT_LT(start.Ms(), 100 + kSlackMs);
+  std::uint32_t rounds = 0;
+  const auto exchange = [&] {
+    const Stopwatch watch;
+    ExpectAnswered(Exchange(daemon, devices.Request(1)), 31);
+    EXPECT_LT(watch.Ms(), kSlackMs);
+    ++rounds;
+  };
+  for (int time = 1; time <= 2; ++time) {
+    exchange();
+    SleepMs(1200);  // a pass of the keeper hangs
+    exchange();
+    std::filesystem::remove(hanging);
+    EXPECT_TRUE(WaitFor(3000, [&] { return ReadHealth(path_).snapshot.has_value(); }));
+    for (const int address : {1, 31}) {
+      EXPECT_TRUE(WaitFor(
+          3000, [&] { return Device(1, TAMSEL_HEALTH_TCPIP, address).exchanges == rounds; }));
+    }
+    WriteFile(hanging, "");
+  }
+  exchange();
+  ExpectStops(daemon);
+}
+
 TEST_F(Health, AReaderNeverSeesHalfARecordAndHoldsNobodyUp) {
   const DaemonProcess daemon(Changes());
   Devices devices(31);

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 
 #include "daemon_client.h"
+#include "health_reader.h"
 
 namespace tmsc::test {
 namespace {
@@ -65,8 +66,10 @@ TEST(Start, ArgumentsPrintTheUsageAndStartNothing) {
 // What is left of the descriptors is for clients, log and watchdog: however many devices are asked,
 // the service goes on.
 TEST(Start, DevicesNeverTakeTheLastDescriptors) {
+  const TempFolder run("/dev/shm");
   // 120 of them are kept back.
-  const DaemonProcess daemon({}, {true, "ulimit -Sn 20; ulimit -Hn 160"});
+  const DaemonProcess daemon({{"HealthFilePath", run.Path("health")}},
+                             {true, "ulimit -Sn 20; ulimit -Hn 160"});
   const Devices devices[] = {Devices(31), Devices(31), Devices(31)};
   int refused = 0;
   for (const Devices& part : devices) {
@@ -78,6 +81,12 @@ TEST(Start, DevicesNeverTakeTheLastDescriptors) {
   }
   EXPECT_GT(refused, 93 - 40);
   EXPECT_LT(refused, 93) << "the soft limit was raised";
+  int without_descriptor = 0;
+  const HealthReading health = ReadHealth(run.Path("health"));
+  for (const tamsel_health_device& device : health.snapshot->devices) {
+    without_descriptor += static_cast<int>(device.ends[TAMSEL_CAUSE_NO_DESCRIPTOR]);
+  }
+  EXPECT_EQ(without_descriptor, refused);
   EXPECT_TRUE(WaitFor(
       5000, [&] { return CountText(daemon.Console(), "Con err.  [127.0.0.1][-1]") == refused; }));
   std::vector<RawClient> silent;

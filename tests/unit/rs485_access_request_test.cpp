@@ -4,6 +4,8 @@
 
 #include <optional>
 
+#include "health/health_keeper.h"
+#include "health_reader.h"
 #include "support/log_fixture.h"
 #include "vlm_rs485.h"
 
@@ -183,17 +185,31 @@ TEST_F(RS485AccessRequestTest, AnswersAreJudgedOneByOne) {
   Answer(3, 2, 2);
   Answer(4, 439, 1);
   Answer(6, 2);
+  AddDevice(7, 7, {1, 0, 0x07});
+  Answer(7, 0, VLM_RS485_LINE_ERROR);
+  Singleton<HealthKeeper>::Create(folder_.Path("health"));
   const ResponseReceiveData response = Execute();
   EXPECT_EQ(response.header.type, kRequestDataTypeRS485);
   for (int address = 1; address <= kMaxDeviceCountAtChannel; ++address) {
     const DeviceReceiveData& slot = response.receive_data.receive_data[address - 1];
     EXPECT_EQ(int{slot.length}, address == 12 ? 438 : 0) << address;
-    EXPECT_EQ(slot.status, address == 12 ? 9 : address == 3 ? 2 : 0) << address;
+    EXPECT_EQ(slot.status, address == 12 ? 9 : address == 3 || address == 7 ? 2 : 0) << address;
   }
+  HealthKeeper::GetInstance()->Inspect();
+  const HealthReading reading = ReadHealth(folder_.Path("health"));
+  std::string health;
+  for (const tamsel_health_device& device : reading.snapshot->devices) {
+    health += std::to_string(device.address) + " " +
+              HealthCauseText(device.last_cause, device.last_detail) + "; ";
+  }
+  EXPECT_EQ(health,
+            "3 line error (status 2); 4 frame too long (439 bytes); 5 no answer in time; "
+            "6 answered; 7 line error (status 2); 12 status of the serial library 9; ");
+  Singleton<HealthKeeper>::Destroy();
   EXPECT_EQ(response.receive_data.receive_data[11].data[437], 0xa5);
   EXPECT_EQ(response.receive_data.receive_data[2].data[0], 0);
   const std::string calls = library->TakeCalls();
-  EXPECT_TRUE(test::Contains(calls, "flags 2 2108;")) << calls;
+  EXPECT_TRUE(test::Contains(calls, "flags 2 2172;")) << calls;
   EXPECT_FALSE(test::Contains(calls, " 32 ")) << calls;
   library->is_answer_missing = true;
   EXPECT_EQ(Status(), -1);
