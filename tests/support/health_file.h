@@ -38,6 +38,10 @@ class HealthFile {
 
   /// Writes all of it; what had requests or exchanges, with check sums.
   void Write(const std::string& path) {
+    Seal();
+    WriteFile(path, {reinterpret_cast<const char*>(&contents), sizeof(contents)});
+  }
+  void Seal() {
     Seal(contents.process, true);
     for (auto& channel : contents.channels) {
       Seal(channel, channel.requests != 0);
@@ -45,7 +49,6 @@ class HealthFile {
     for (auto& device : contents.devices) {
       Seal(device, device.exchanges != 0);
     }
-    WriteFile(path, {reinterpret_cast<const char*>(&contents), sizeof(contents)});
   }
 
  private:
@@ -60,7 +63,7 @@ class HealthFile {
 
  public:
   tamsel_health_file contents{
-      {TAMSEL_HEALTH_MAGIC, TAMSEL_HEALTH_VERSION, 0x01020304, sizeof(contents), {}},
+      {TAMSEL_HEALTH_MAGIC, TAMSEL_HEALTH_VERSION, TAMSEL_HEALTH_BYTE_ORDER, sizeof(contents), {}},
       {0, 0x7FFFFFFF, "1.2.3", Ago(3600), now_ms_, 0, 0, 3, 37, 1024, 0, 0, {}},
       {},
       {},
