@@ -208,7 +208,7 @@ void HealthKeeper::End() {
 /// Goes on with what the file has of an earlier process, where there is nothing newer.
 void HealthKeeper::TakeOver() {
   VisitRecords([this](auto& kept) {
-    auto in_file = kept.record;
+    decltype(kept.record) in_file{};
     file_.Read(kept.offset, &in_file, sizeof(in_file));
     const std::lock_guard<std::mutex> lock(kept.mutex);
     if (kept.record.checksum == 0 && tamsel_health_is_whole(&in_file, sizeof(in_file)) != 0 &&
