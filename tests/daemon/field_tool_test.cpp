@@ -6,7 +6,7 @@ namespace tmsc::test {
 namespace {
 
 const std::string kTcp = "request --channel 3 --timeout 300 --device ";
-const std::string kBus = "--channel 1 --baud 115200 --timeout 100 ";
+const std::string kBus = "--channel 1 --baud 115200 --timeout 300 ";
 
 TEST(FieldTool, AsksScansAndNamesWhatIsThere) {
   const TempFolder folder("/dev/shm");  // where the daemon writes the health at once
@@ -29,7 +29,7 @@ TEST(FieldTool, AsksScansAndNamesWhatIsThere) {
             "unit":"kW"}],"b":[{"name":"on","function":"coil","start":1},{"name":"V","start":3}]},
             "buses":[{"channel":3,"timeout":300,"devices":[
             {"name":"Inverter 17","address":9,"ip":"127.0.0.1","unit_id":5,"kind":"a","port":)" +
-                port + R"(}]},{"channel":1,"baud":115200,"timeout":100,"devices":[
+                port + R"(}]},{"channel":1,"baud":115200,"timeout":300,"devices":[
             {"name":"Roof 3","address":3,"kind":"b"}]}]})");
   const std::tuple<std::string, int, const char*> cases[] = {
       {kTcp + "1-3=" + gateway + " --unit 1,2,5 --read-coils 0,3", 5, " unit 5  ok "},
@@ -47,7 +47,7 @@ TEST(FieldTool, AsksScansAndNamesWhatIsThere) {
       {"request --site " + site + " --register v roof-3", 0, "Roof 3: 3003\n"},
       {"request --site " + site + " roof-4", 2, "did you mean roof-3?"},
       {"scan " + kBus + "--unit 1-4,40 --at-once 5", 0, "no answer in time (status 1): 2, 4\n"},
-      {"scan " + kBus + "--unit 5-6", 5, "at once: about 244 ms at most"},
+      {"scan " + kBus + "--unit 5-6", 5, "at once: about 644 ms at most"},
       {"scan --channel 3 --unit 1-6 --gateway " + gateway, 0, "2 of 6 answer, channel 3, 127"},
       {"scan --channel 3 --gateway 127.0.0.1:1", 5, "243 were not asked\nconnect refused: 1-4\n"}};
   for (const auto& [arguments, exit_code, text] : cases) {
