@@ -20,6 +20,9 @@ bool AnswerReader::Add(unsigned char byte, bool is_damaged) {
   if (is_damaged) {
     damaged_end_ = bytes_.size();
   }
+  if (IsTooLong()) {
+    return false;
+  }
   if (delimiter_ != 0) {
     return EndsWithDelimiter();
   }
@@ -29,7 +32,7 @@ bool AnswerReader::Add(unsigned char byte, bool is_damaged) {
 }
 
 bool AnswerReader::AddSilence() {
-  if (delimiter_ != 0 || bytes_.empty()) {
+  if (delimiter_ != 0 || bytes_.empty() || IsTooLong()) {
     return false;
   }
   if (TakeFrame(bytes_.size())) {

@@ -182,6 +182,7 @@ TEST(SerialLibraryTest, AnAnswerIsFoundInWhatIsHeardAndEndsInTime) {
        {"still coming then", Steps(150, {20, {1}}), {VLM_RS485_NO_ANSWER, {}}, {500, 0, 255}, 755},
        {"longest", {{0, Bytes(436, 1)}}, {0, Bytes(436, 1)}},
        {"too long", {{0, Bytes(437, 1)}}, {VLM_RS485_TOO_LONG, {}}},
+       {"a delimiter too late", {{0, Bytes(436, 1) + Bytes{7}}}, {3, {}}, {500, 7}},
        {"delimiter", {{0, {7}}, {50, {13, 5}}, {50, {6, 99}}}, {0, {7, 13, 5, 6}}, {900, 13, 2}},
        {"delimiter missing", {{0, {7, 13, 5}}}, {VLM_RS485_NO_ANSWER, {}}, {500, 13, 2}, 500}});
 }
