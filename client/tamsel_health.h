@@ -84,7 +84,7 @@ typedef struct tamsel_health_process {
   int64_t started_ms;         /* this process */
   int64_t updated_ms;         /* renewed every 10 s as long as the daemon runs */
   int64_t stopped_ms;         /* 0 while it runs, and when it was killed */
-  int64_t card_gone_since_ms; /* 0: log lines reach the card */
+  int64_t card_gone_since_ms; /* or full, or read-only; 0: log lines reach it */
   uint32_t starts;            /* of the daemon since the file was begun; restarts and one */
   uint32_t descriptors_in_use;
   uint32_t descriptor_limit;

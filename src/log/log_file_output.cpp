@@ -487,6 +487,7 @@ void LogFileOutput::FileOutput(std::string output_message) {
   }
   const CardFile::Outcome outcome = card_file_.Append(output_message);
   is_output_failed_ = outcome != CardFile::Outcome::kWritten;
+  log_condition.is_card_gone = is_output_failed_;
   if (is_output_failed_) {
     log_condition.lines_lost +=
         static_cast<std::uint32_t>(std::count(output_message.begin(), output_message.end(), '\n'));

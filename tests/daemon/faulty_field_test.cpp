@@ -218,7 +218,9 @@ TEST_F(FaultyField, EachFaultIsNamedRightAndCountedExactly) {
   ExpectHealth(tcp_);
   ExpectHealth(bus_);
   field_.Unplug(0);
-  for (const json& device : RunJson(Request(bus_))["devices"]) {
+  const json unplugged = RunJson(Request(bus_))["devices"];
+  EXPECT_EQ(unplugged.size(), bus_.rows.size());
+  for (const json& device : unplugged) {
     EXPECT_EQ(device["cause"], "port_gone") << device;
   }
   ExpectStops(*daemon_);

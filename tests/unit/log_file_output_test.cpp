@@ -4,6 +4,7 @@
 
 #include <csignal>
 
+#include "log/log_condition.h"
 #include "support/console.h"
 #include "support/log_fixture.h"
 
@@ -186,11 +187,13 @@ TEST_F(LogFileOutputTest, AFullCardLosesTextAndLeavesOneLineAnEpisode) {
     Log("written");
     output_->Flush();
     EXPECT_TRUE(WaitForText("[x UTC] written\n"));
+    EXPECT_TRUE(test::WaitFor(2000, [] { return !log_condition.is_card_gone; }));
     fs::resize_file(path_, kRoom - 5);  // a part of a line still fits
     Log("lost");
     Log("lost");
     output_->Flush();
     EXPECT_TRUE(WaitForConsole(2 * i, "log_file error " + path_ + "\n"));
+    EXPECT_TRUE(log_condition.is_card_gone);
     EXPECT_EQ(ErrorLines(), std::min(i, 2)) << "no writing to a link";
     if (i == 2) {
       fs::create_hard_link(error_file_, error_file_ + ".2");

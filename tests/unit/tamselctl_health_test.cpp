@@ -83,7 +83,7 @@ TEST(TamselctlHealth, EveryFormSaysWhoFailsSinceWhenAndWhy) {
       5, {});
   ExpectHealth(file, "health --json --openmetrics", 2, {"--json excludes --openmetrics"});
   ExpectHealth(file, "none", 3, {"none cannot be read: No such file"});
-  ExpectHealth(file, "--settings health", 3, {"the settings name no HealthFilePath"});
+  ExpectHealth(file, "--settings health", 3, {"name no HealthFilePath"});
   ExpectHealth(file, "health --output .", 1, {". cannot be written: it is no regular file"});
 }
 
@@ -115,13 +115,13 @@ TEST(TamselctlHealth, FiguresAreThoseOfTheFileInEveryForm) {
       [{"name": "Other", "address": 3}]}, {"channel": 1, "devices":
       [{"name": "R&Ü", "address": 3, "ip": "192.0.2.1"}]}]})");
   const std::string site = " --site " + folder.Path("site");
-  ExpectHealth(
-      file, "health" + site, 5,
-      {"power outage, card gone for 1 min 30 s", "  1.0 / 2.5 / 31  1 of status 1",
-       "device  name  state", "       9        fails for 2 h", "  3  R&Ü   fails for 10 min",
-       " 50 %    50 %", "  4        never answered in 1 exchange  serial", "  1        answered",
-       "connect refused (1989), connection reset by the device (1)", ">99 %   >99 %",
-       "  2        answered", "2.5   7.3    31     0 %   7.1 %", "<0.1 %  <0.1 %"});
+  ExpectHealth(file, "health" + site, 5,
+               {"power outage, card gone, full or read-only for 1 min 30 s",
+                "  1.0 / 2.5 / 31  1 of status 1", "device  name  state",
+                "       9        fails for 2 h", "  3  R&Ü   fails for 10 min", " 50 %    50 %",
+                "  4        never answered in 1 exchange  serial", "  1        answered",
+                "connect refused (1989), connection reset by the device (1)", ">99 %   >99 %",
+                "  2        answered", "2.5   7.3    31     0 %   7.1 %", "<0.1 %  <0.1 %"});
   ExpectHealth(
       file, "health --openmetrics", 5,
       {"tamsel_daemon_running 1", "tamsel_card_present 0", "gauge\ntamsel_power_on 0\n",

@@ -11,6 +11,7 @@
 #include "health/health_page.h"
 #include "health/health_text.h"
 #include "health/health_view.h"
+#include "logger_setting/logger_setting_manager.h"
 #include "shared/atomic_file.h"
 #include "shared/daemon_options.h"
 #include "shared/exit_code.h"
@@ -91,8 +92,8 @@ int ShowOnce(const std::string& path, const HealthOptions& options, std::ostream
 int RunHealth(const HealthOptions& options) {
   const std::string path = options.file.empty() ? HealthFilePath(options.daemon) : options.file;
   if (path.empty()) {
-    std::cerr << "tamselctl: the settings name no HealthFilePath, so the daemon keeps no health; "
-                 "set it, or name a FILE\n";
+    std::cerr << "tamselctl: the settings " << LoggerSettingManager::SettingFilePath()
+              << " name no HealthFilePath, so the daemon keeps no health; set it, or name a FILE\n";
     return kExitNoDaemon;
   }
   if (!options.watch_ms) {

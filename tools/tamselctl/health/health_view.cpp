@@ -70,7 +70,7 @@ DaemonState FindDaemonState(const tamsel_health_process& process, std::int64_t n
   if (process.stopped_ms != 0) {
     return DaemonState::kStopped;
   }
-  if (now_ms - process.updated_ms <= TAMSEL_HEALTH_STALE_MS) {
+  if (process.updated_ms >= now_ms - TAMSEL_HEALTH_STALE_MS) {
     return DaemonState::kRunning;
   }
   return HasProcess(process.pid) ? DaemonState::kSilent : DaemonState::kKilled;
@@ -104,7 +104,7 @@ auto Rank(const DeviceHealth& device) {
 
 /// How long ago a moment is; none for one that a clock set back has put ahead.
 std::string SinceText(std::int64_t moment_ms, std::int64_t now_ms) {
-  return DurationText(std::max<std::int64_t>(now_ms - moment_ms, 0));
+  return DurationText(now_ms - std::clamp<std::int64_t>(moment_ms, 0, now_ms));
 }
 
 std::string Plural(std::uint64_t count, const char* noun) {
@@ -242,7 +242,9 @@ std::string PowerText(const tamsel_health_process& process) {
 
 std::string CardText(const HealthView& view) {
   const std::int64_t since_ms = view.process.card_gone_since_ms;
-  return since_ms == 0 ? "card present" : "card gone for " + SinceText(since_ms, view.reference_ms);
+  return since_ms == 0
+             ? "card present"
+             : "card gone, full or read-only for " + SinceText(since_ms, view.reference_ms);
 }
 
 std::string StateText(const DeviceHealth& device, std::int64_t now_ms) {

@@ -93,7 +93,7 @@ std::string DaemonStateName(DaemonState state);
 std::string DaemonText(const HealthView& view);
 /// "on", "outage", "off".
 std::string PowerText(const tamsel_health_process& process);
-/// "card gone for 2 h 5 min".
+/// "card gone, full or read-only for 2 h 5 min".
 std::string CardText(const HealthView& view);
 /// How a device is doing: "answered 4 s ago", "fails for 3 h 12 min", "never answered in 120
 /// exchanges".
