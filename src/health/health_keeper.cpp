@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstring>
 #include <exception>
+#include <string_view>
+#include <utility>
 
 #include "common/time_of_day.h"
 #include "log/log_condition.h"
@@ -29,10 +31,22 @@ constexpr std::chrono::milliseconds kStopWait{500};
 constexpr int kPassesPerRenewal = 10;
 constexpr int kPassesPerInspection = 30;
 constexpr std::int64_t kHourMs = 3600 * 1000;
-constexpr std::uint32_t kHourOf2020 = 438288;  // before that the clock has not been set
+constexpr std::uint32_t kHourOf2020 = 438288;
 
 std::int64_t NowMs() {
   return MicrosecondsSinceEpoch() / 1000;
+}
+
+/// Whether the clock had been set by then.
+bool IsOfSetClock(std::int64_t moment_ms) {
+  return moment_ms >= kHourOf2020 * kHourMs;
+}
+
+/// How far the clock is ahead of the one that counts from the start of the system.
+std::int64_t ClockAheadMs() {
+  using std::chrono::milliseconds;
+  return NowMs() -
+         std::chrono::duration_cast<milliseconds>(Clock::now().time_since_epoch()).count();
 }
 
 std::uint32_t Microseconds(std::chrono::nanoseconds time) {
@@ -58,7 +72,7 @@ void AdvanceTo(tamsel_health_device& device, std::uint32_t hour) {
 
 void CountHour(tamsel_health_device& device, std::int64_t now_ms, bool is_answered) {
   const auto hour = static_cast<std::uint32_t>(now_ms / kHourMs);
-  if (hour >= kHourOf2020) {
+  if (IsOfSetClock(now_ms)) {
     AdvanceTo(device, hour);
     tamsel_health_hour& cell = device.hours[hour % TAMSEL_HEALTH_HOURS];
     std::uint16_t& count = is_answered ? cell.answered : cell.failed;
@@ -129,6 +143,26 @@ bool IsOfPlace(const tamsel_health_device& device, std::size_t offset) {
          OffsetOf(device.channel, device.transport, device.address) == offset;
 }
 
+template <typename Visit>
+void VisitMoments(tamsel_health_process& process, Visit visit) {
+  visit(process.started_ms);
+  visit(process.updated_ms);
+}
+
+template <typename Visit>
+void VisitMoments(tamsel_health_channel& channel, Visit visit) {
+  visit(channel.longest_at_ms);
+  visit(channel.last_request_ms);
+}
+
+template <typename Visit>
+void VisitMoments(tamsel_health_device& device, Visit visit) {
+  visit(device.first_ms);
+  visit(device.last_ms);
+  visit(device.last_answer_ms);
+  visit(device.failing_since_ms);
+}
+
 std::uint32_t CountDescriptors() {
   std::uint32_t count = 0;
   if (DIR* directory = ::opendir("/proc/self/fd")) {
@@ -168,7 +202,7 @@ void HealthKeeper::Create() {
 }
 
 HealthKeeper::HealthKeeper(const std::string& path)
-    : file_(path), records_(std::make_unique<Records>()) {
+    : file_(path), records_(std::make_unique<Records>()), clock_ahead_ms_(ClockAheadMs()) {
   records_->process.offset = offsetof(tamsel_health_file, process);
   for (std::size_t i = 0; i < TAMSEL_HEALTH_CHANNELS; ++i) {
     records_->channels[i].offset =
@@ -182,7 +216,7 @@ HealthKeeper::HealthKeeper(const std::string& path)
   process.starts = 1;
   process.pid = static_cast<std::uint32_t>(::getpid());
   process.started_ms = NowMs();
-  kAppVersion.copy(process.version, sizeof(process.version) - 1);
+  std::string_view(TAMSEL_VERSION).copy(process.version, sizeof(process.version) - 1);
   thread_ = std::thread([this] { Run(); });
   // The first pass takes over what the file holds, best before the first report. A file system
   // that takes its time holds up no start.
@@ -373,6 +407,7 @@ void HealthKeeper::Run() {
     const bool is_inspection = is_inspection_due_ || passes_ % kPassesPerInspection == 0;
     lock.unlock();
     try {
+      FollowClock();
       UpdateProcess(passes_ % kPassesPerRenewal == 0);
       RunPass(is_inspection);
     } catch (...) {
@@ -407,6 +442,24 @@ void HealthKeeper::OpenFile() {
                                  : LogText("No health file [", file_.Path(), "] ", obstacle));
   }
   obstacle_ = obstacle;
+}
+
+/// A board may get its time late: what came before is dated anew by the clock that has been set.
+void HealthKeeper::FollowClock() {
+  const std::int64_t ahead_ms = ClockAheadMs();
+  const std::int64_t step_ms = ahead_ms - std::exchange(clock_ahead_ms_, ahead_ms);
+  const std::int64_t now_ms = NowMs();
+  if (!IsOfSetClock(now_ms) || IsOfSetClock(now_ms - step_ms)) {
+    return;
+  }
+  const auto date_anew = [&](std::int64_t& moment_ms) {
+    if (moment_ms != 0 && !IsOfSetClock(moment_ms)) {
+      moment_ms = std::min(moment_ms + step_ms, now_ms);
+    }
+  };
+  date_anew(card_gone_since_ms_);
+  VisitRecords(
+      [&](auto& kept) { Update(kept, [&](auto& record) { VisitMoments(record, date_anew); }); });
 }
 
 /// Takes over what the daemon's condition is; `is_renewal`: also what is costly to find out.

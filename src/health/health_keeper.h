@@ -103,6 +103,7 @@ class HealthKeeper : public Singleton<HealthKeeper> {
   void TakeOver();
   void RunPass(bool is_inspection);
   void OpenFile();
+  void FollowClock();
   void UpdateProcess(bool is_renewal);
   void Run();
 
@@ -113,6 +114,7 @@ class HealthKeeper : public Singleton<HealthKeeper> {
   std::string obstacle_;        // why there is no file; empty: there is one
   bool is_taken_over_ = false;  // what an earlier process left in the file
   std::int64_t card_gone_since_ms_ = 0;
+  std::int64_t clock_ahead_ms_;  // of the steady clock, in the last pass
 
   std::mutex mutex_;
   std::condition_variable pass_is_due_;

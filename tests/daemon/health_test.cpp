@@ -153,9 +153,37 @@ TEST_F(Health, TheDaemonsOwnCondition) {
   EXPECT_GE(Read().channels[0].busy_refusals, 1u);
   EXPECT_TRUE(WaitFor(4000, [&] { return Read().process.card_gone_since_ms != 0; }));
   EXPECT_GE(Read().process.descriptors_in_use, 5u);
+  EXPECT_TRUE(Contains(RunShell(TAMSEL_BIN_DIR "/tamsel_communication --version").output,
+                       std::string(" ") + Read().process.version + " "));
   daemon.Signal(SIGPWR);
   EXPECT_TRUE(WaitFor(4000, [&] { return Read().process.power == TAMSEL_POWER_OUTAGE; }));
 }
+
+#if __SIZEOF_POINTER__ == 8
+TEST_F(Health, AClockThatIsSetLateDatesWhatCameBefore) {
+  const std::string unset = folder_.Path("unset");
+  WriteFile(unset, "");
+  const auto now_ms = [] {
+    return std::chrono::system_clock::now().time_since_epoch() / std::chrono::milliseconds(1);
+  };
+  const std::int64_t begin = now_ms();
+  const DaemonProcess daemon(Changes(),
+                             {true, "export LD_PRELOAD=" UNSET_CLOCK " UNSET_WHILE=" + unset +
+                                        " ASAN_OPTIONS=verify_asan_link_order=0"});
+  Devices devices(1, FaultKind::kSilence);
+  Exchange(daemon, devices.Request(1, 50));
+  const std::int64_t end = now_ms();
+  const auto failing_since = [this] { return Device(1, TAMSEL_HEALTH_TCPIP, 1).failing_since_ms; };
+  EXPECT_LT(failing_since(), begin / 2);
+  std::filesystem::remove(unset);
+  EXPECT_TRUE(WaitFor(3000, [&] { return failing_since() > begin / 2; }));
+  for (const std::int64_t moment :
+       {failing_since(), Read().process.started_ms, Read().channels[0].last_request_ms}) {
+    EXPECT_GE(moment, begin - 20);
+    EXPECT_LE(moment, end + 20);
+  }
+}
+#endif
 
 TEST_F(Health, AFileSystemThatHangsHoldsNobodyUpAndLosesNothing) {
   const std::string hanging = folder_.Path("hanging");

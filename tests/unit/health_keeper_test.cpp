@@ -96,6 +96,15 @@ TEST(HealthKeeper, MendsWhateverIsDoneToTheFile) {
     ExpectWhole(path, exchanges + 1, "restart");
     EXPECT_EQ(ReadHealth(path).snapshot->process.starts, 2u);
     Singleton<HealthKeeper>::Destroy();
+    // What the end of the power may leave of one is no obstacle.
+    for (const char* const harm : {"truncate -s 5 $H", "truncate -s 0 $H; truncate -s 96256 $H"}) {
+      do_harm(harm);
+      Singleton<HealthKeeper>::Create(path);
+      Report(1);
+      HealthKeeper::GetInstance()->Inspect();
+      ExpectWhole(path, 1, harm);
+      Singleton<HealthKeeper>::Destroy();
+    }
   }
 }
 
