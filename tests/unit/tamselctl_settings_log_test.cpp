@@ -88,7 +88,8 @@ TEST(TamselctlSettings, EachMistakeIsToldWithItsPlace) {
   WriteFile(path, "<Settings/>");
   ExpectRun(check, 1, ":1:1: the root element is Settings and not LoggerSetting");
   std::filesystem::create_directory(folder.Path("card"));
-  WriteFile(path, SettingsXml(SettingsIn(folder, {{"LoggerComLogMaxFileSize", "5MB"}})));
+  WriteFile(path, SettingsXml(SettingsIn(folder, {{"LoggerComLogMaxFileSize", "5MB"},
+                                                  {"HealthFilePath", folder.Path("new/health")}})));
   ExpectRun(check, 0, "LogLevel 2 keeps a week as long as devices answer; with all of them");
   ExpectRun(check + "--user nobody", 1, "nobody may not enter " + folder.Path());
 }

@@ -363,6 +363,10 @@ TEST(Tamselctl, FindsTheSocketAsTheDaemonDoes) {
   ExpectRun(in_right + "--socket " + std::string(108, 'x'), 3, "is too long");
   ExpectRun(in_right + "--settings " + folder.Path("none"), 2, "none cannot be read: No such file");
   ExpectRun(in_right + "--settings " + fifo, 2, "is no regular file");
+  const std::string in_fifo = "env TAMSEL_SETTING_FILE=" + fifo + " " + kRequest + kRead;
+  ExpectRun(in_fifo, 1, "tamselctl: the settings " + fifo + " is no regular file\n");
+  ExpectRun(in_fifo + "--socket " + daemon.Path(), 0, "4660");
+  ExpectRun("env TAMSEL_SETTING_FILE=/nowhere " + kRequest + kRead, 3, "; the defaults hold\n");
   const FakeDaemon silent([](int) {}, 20000);
   ExpectRun("timeout 8 " + kRequest + kRead + "--deadline 500 --socket " + silent.Path(), 3,
             "did not answer in time");

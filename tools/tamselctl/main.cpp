@@ -36,6 +36,8 @@ int Run(int argc, char** argv) {
   }
   try {
     app.parse(argc, argv);
+  } catch (const CLI::RuntimeError& failure) {
+    return failure.get_exit_code();
   } catch (const CLI::ParseError& error) {
     // The help texts leave parse() as an error that counts as success.
     return app.exit(error) == 0 ? kExitOk : kExitUsage;

@@ -95,7 +95,7 @@ const std::vector<SettingKey>& SettingKeys() {
        "the device's time-out"},
       {kSettingTagTcpReuseCheck, SettingKind::kFlag, 0, 1, "",
        [](Settings& settings) { return std::to_string(settings.IsTcpReuseCheck() ? 1 : 0); }, ""},
-      {kSettingTagHealthFilePath, SettingKind::kFileIn, 0, 0, "",
+      {kSettingTagHealthFilePath, SettingKind::kFile, 0, 0, "",
        [](Settings& settings) { return settings.GetHealthFilePath(); }, "none is kept"},
   };
   return keys;

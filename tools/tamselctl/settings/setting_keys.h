@@ -14,7 +14,6 @@ enum class SettingKind {
   kSize,  // a size text; its value is bytes
   kSocket,
   kFile,    // a file that the daemon makes, with its folder
-  kFileIn,  // the same in a folder that has to be there
   kFolder,  // a folder that has to be there
 };
 

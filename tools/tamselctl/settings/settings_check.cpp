@@ -126,9 +126,6 @@ std::string WhyNotUsable(const SettingKey& key, const std::string& path, const D
   if (key.kind == SettingKind::kSocket && is_there && !S_ISDIR(status.st_mode)) {
     return user.WhyNoFolder(folder);
   }
-  if (key.kind == SettingKind::kFileIn && ::stat(folder.c_str(), &status) != 0 && errno == ENOENT) {
-    return "the folder " + folder + " does not exist, and the daemon does not make it";
-  }
   return user.WhyNoFile(path);
 }
 

@@ -37,14 +37,10 @@ int RunSettings(const SettingsOptions& options, bool has_poll) {
       ThrowUsage("--user", "there is no user " + options.user);
     }
   }
-  if (options.path.empty()) {
-    UseSettings({});
-  } else {
-    ::setenv(kLoggerSettingFileVariable.c_str(), options.path.c_str(), 1);
-  }
+  const std::string path = options.path.empty() ? DefaultSettingsPath() : options.path;
+  ::setenv(kLoggerSettingFileVariable.c_str(), path.c_str(), 1);
   LoggerSettingManager settings;
-  const SettingsReport report =
-      CheckSettings(LoggerSettingManager::SettingFilePath(), settings, user ? &*user : nullptr);
+  const SettingsReport report = CheckSettings(path, settings, user ? &*user : nullptr);
   const auto poll = has_poll ? std::optional(options.poll) : std::nullopt;
   (options.is_json ? PrintSettingsJson : PrintSettings)(std::cout, report, poll);
   return report.mistakes.empty() ? kExitOk : kExitFailed;

@@ -5,12 +5,12 @@
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdlib>
-#include <system_error>
+#include <iostream>
+#include <utility>
 
 #include "logger_setting/logger_setting_manager.h"
 #include "shared/regular_file.h"
 #include "shared/usage.h"
-#include "utility/descriptor.h"
 
 namespace tmsc::ctl {
 namespace {
@@ -18,26 +18,26 @@ namespace {
 // Where the service of an installed package has its settings.
 constexpr const char* kPackagedSettingsPath = "/etc/tamsel/LoggerSetting.xml";
 
-// The daemon goes on with its defaults where there is no file. Somebody who names one wants that.
-void RequireReadable(const std::string& path) {
-  if (const RegularFile file = OpenRegularFile(path); !file.obstacle.empty()) {
-    ThrowUsage("--settings", path + " " + file.obstacle);
-  }
+bool IsThere(const std::string& path) {
+  return ::access(path.c_str(), F_OK) == 0 || errno != ENOENT;
 }
 
-// Empty where a daemon that is started with this environment would find a file of its own.
-std::string PackagedSettings() {
+bool IsNamedByEnvironment() {
   const char* const named = ::getenv(kLoggerSettingFileVariable.c_str());
-  const bool has_own = (named != nullptr && *named != '\0') ||
-                       ::access(kLoggerSettingXmlFilePath.c_str(), F_OK) == 0;
-  return has_own || ::access(kPackagedSettingsPath, F_OK) != 0 ? "" : kPackagedSettingsPath;
+  return named != nullptr && *named != '\0';
 }
 
 }  // namespace
 
 std::string DefaultSettingsHelp() {
   return "default: " + kLoggerSettingFileVariable + " of the environment, else " +
-         kLoggerSettingXmlFilePath + ", else " + kPackagedSettingsPath;
+         kPackagedSettingsPath + ", else " + kLoggerSettingXmlFilePath;
+}
+
+std::string DefaultSettingsPath() {
+  return !IsNamedByEnvironment() && IsThere(kPackagedSettingsPath)
+             ? kPackagedSettingsPath
+             : LoggerSettingManager::SettingFilePath();
 }
 
 void AddDaemonOptions(CLI::App& command, DaemonOptions& options) {
@@ -56,11 +56,22 @@ void AddSettingsOption(CLI::App& command, std::string& settings_path) {
 }
 
 void UseSettings(const std::string& settings_path) {
-  const std::string path = settings_path.empty() ? PackagedSettings() : settings_path;
-  if (!path.empty()) {
-    RequireReadable(path);
-    ::setenv(kLoggerSettingFileVariable.c_str(), path.c_str(), 1);
+  const std::string path = settings_path.empty() ? DefaultSettingsPath() : settings_path;
+  if (const RegularFile file = OpenRegularFile(path); !file.obstacle.empty()) {
+    if (!settings_path.empty()) {
+      ThrowUsage("--settings", path + " " + file.obstacle);
+    }
+    if (IsThere(path)) {
+      ThrowFailure("the settings " + path + " " + file.obstacle);
+    }
+    // The daemon goes on with its defaults, too.
+    if (static bool is_told = false; IsNamedByEnvironment() && !std::exchange(is_told, true)) {
+      std::cerr << "tamselctl: the settings " << path << " " << file.obstacle
+                << "; the defaults hold\n";
+    }
+    return;
   }
+  ::setenv(kLoggerSettingFileVariable.c_str(), path.c_str(), 1);
 }
 
 std::string SocketPath(const DaemonOptions& options) {

@@ -24,14 +24,17 @@ void AddSettingsOption(CLI::App& command, std::string& settings_path);
 /// Where the settings are that count when no file is given, for a help text.
 std::string DefaultSettingsHelp();
 
-/// Makes the settings manager read the file that was given; without one, empty, what a daemon would
-/// read that is started with this environment, and where that is no file, the settings of the
-/// installed package, if there is one. A file that cannot be read is thrown as by ThrowUsage.
+/// The settings that count when no file is given: of the file that the environment names, else of
+/// the installed package's service, else of a daemon that is started by hand.
+std::string DefaultSettingsPath();
+
+/// Makes the settings manager read the file that was given; without one, empty, those of
+/// DefaultSettingsPath. A file that cannot be read is thrown as by ThrowUsage when it was given,
+/// and else as by ThrowFailure; where none is, the defaults hold.
 void UseSettings(const std::string& settings_path);
 
 /// The socket that was given; else that of the settings file that was given, read as the daemon
-/// reads it; else that of the settings that UseSettings chooses. A settings file that cannot be
-/// read is thrown as by ThrowUsage.
+/// reads it; else that of the settings that UseSettings chooses, which may throw.
 std::string SocketPath(const DaemonOptions& options);
 
 /// The health file of the same settings; empty when they name none.

@@ -10,6 +10,7 @@
 #include "health_reader.h"
 #include "logger_setting/logger_setting_manager.h"
 #include "shared/exit_code.h"
+#include "shared/regular_file.h"
 #include "shared/times.h"
 #include "status_text.h"
 #include "utility/deadline.h"
@@ -29,6 +30,9 @@ constexpr int kHealthWaitMs = 1200;
 
 // A daemon that another socket belongs to keeps its health elsewhere.
 std::string HealthOf(const DaemonOptions& daemon, const std::string& socket_path) {
+  if (daemon.settings_path.empty() && !OpenRegularFile(DefaultSettingsPath()).obstacle.empty()) {
+    return {};
+  }
   const std::string path = HealthFilePath(daemon);
   return daemon.settings_path.empty() && LoggerSettingManager().GetComSocketPath() != socket_path
              ? std::string()
