@@ -174,12 +174,16 @@ void MeasureEcho(const Daemon& daemon, const std::string& folder) {
 
 /// What keeping the health costs: the same requests to two daemons that differ in nothing else.
 void MeasureHealth(const std::string& folder, const std::vector<Device>& devices) {
-  const Daemon with_health(folder, "3", true);
-  const Daemon without(folder, "3");
-  const TcpIpRequest request = RequestFor(devices, 1, 1000);
-  PrintPairs(
-      "31 devices, LogLevel 3, with health / without", [&] { with_health.Request(request); },
-      [&] { without.Request(request); });
+  for (const std::string level : {"1", "3"}) {
+    const Daemon with_health(folder, level, true);
+    const Daemon without(folder, level);
+    const auto print = [&](const std::string& what, const TcpIpRequest& request) {
+      PrintPairs((what + ", LogLevel " + level + ", with health / without").c_str(),
+                 [&] { with_health.Request(request); }, [&] { without.Request(request); });
+    };
+    print("31 devices", RequestFor(devices, 1, 1000));
+    print("no device", MakeTcpIpRequest(1));
+  }
 }
 
 void MeasureMemory(const Daemon& daemon, const std::vector<Device>& silent_devices) {
@@ -271,11 +275,14 @@ void MeasureRs485(const std::string& folder) {
 }
 
 void MeasureStart(const std::string& folder) {
-  std::vector<double> starts;
+  std::vector<double> with_health;
+  std::vector<double> without;
   for (int i = 0; i < 21; ++i) {
-    starts.push_back(Daemon(folder, "1").StartMs());
+    with_health.push_back(Daemon(folder, "1", true).StartMs());
+    without.push_back(Daemon(folder, "1").StartMs());
   }
-  std::printf("%-52s %8.3f ms\n", "start to first answer", Median(starts));
+  std::printf("%-52s %8.3f ms  without health %8.3f ms\n", "start to first answer",
+              Median(with_health), Median(without));
 }
 
 void Run(const std::string& folder) {

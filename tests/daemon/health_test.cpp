@@ -142,6 +142,33 @@ TEST_F(Health, EachRs485FaultIsKnownByItsCauseAndOutlivesTheDaemon) {
   }
 }
 
+TEST_F(Health, AKillAtAnyMomentLosesNothingThatAClientWasTold) {
+  Devices devices(31);
+  std::uint32_t told = 0;
+  for (int life = 0; life < 8; ++life) {
+    DaemonProcess daemon(Changes());
+    ExpectAnswered(Exchange(daemon, devices.Request(1)), 31);
+    ++told;
+    auto kill = std::async(std::launch::async, [&] {
+      SleepMs(5 * life);
+      daemon.Signal(SIGKILL);
+    });
+    const TamselClient client(daemon.SocketPath());
+    while (client.Exchange(devices.Request(1), 5000).outcome == Outcome::kAnswered) {
+      ++told;
+    }
+    kill.wait();
+    const HealthSnapshot snapshot = Read();
+    EXPECT_EQ(snapshot.damaged_records, 0);
+    EXPECT_GE(snapshot.channels[0].requests, told);
+    EXPECT_EQ(snapshot.devices.size(), 31u);
+    for (const auto& device : snapshot.devices) {
+      EXPECT_GE(device.exchanges, told);
+      EXPECT_LE(device.exchanges, told + life + 1) << "more than one in flight at each kill";
+    }
+  }
+}
+
 TEST_F(Health, TheDaemonsOwnCondition) {
   Settings changes = Changes();
   changes["SdcardPath"] = "/proc/nowhere";

@@ -346,7 +346,7 @@ void AddLogCommand(CLI::App& app, int& exit_code) {
                   "  tamselctl log --since 1h --level W\n"
                   "  tamselctl log --channel 2 --device 17 --follow\n"
                   "  tamselctl log --summary /media/copy-of-card\n"
-                  "  journalctl -u tamsel-communication -o cat | tamselctl log --summary -\n\n") +
+                  "  tamsel_communication | tamselctl log --level W -\n\n") +
       kExitCodeHelp);
   command.callback([options, &exit_code] { exit_code = RunLog(*options); });
 }

@@ -49,16 +49,19 @@ class Scan {
   int Run() {
     Announce();
     const auto begin = std::chrono::steady_clock::now();
-    int exit_code = AskAll();
+    report_.exit_code = AskAll();
     progress_.Clear();
     report_.elapsed_ms = std::chrono::duration_cast<std::chrono::milliseconds>(
                              std::chrono::steady_clock::now() - begin)
                              .count();
-    (options_.is_json ? PrintJson : PrintTable)(std::cout, report_);
-    if (exit_code == kExitOk && report_.Answers() == 0) {
-      exit_code = kExitDeviceFailed;
+    if (report_.exit_code == kExitOk && report_.Answers() == 0) {
+      report_.exit_code = kExitDeviceFailed;
     }
-    return interruption_.Signal() != 0 ? interruption_.ExitCode() : exit_code;
+    if (interruption_.Signal() != 0) {
+      report_.exit_code = interruption_.ExitCode();
+    }
+    (options_.is_json ? PrintJson : PrintTable)(std::cout, report_);
+    return report_.exit_code;
   }
 
  private:
@@ -104,8 +107,8 @@ class Scan {
       }
       if (const int exit_code = exchange->ExitCode(); exit_code != kExitOk) {
         progress_.Clear();
-        std::cerr << "tamselctl: channel " << options_.bus.channel << ": " << exchange->ErrorText()
-                  << '\n';
+        report_.error = exchange->ErrorText();
+        std::cerr << "tamselctl: channel " << options_.bus.channel << ": " << report_.error << '\n';
         return exit_code;
       }
       if (!TakeAnswers(devices, *exchange)) {

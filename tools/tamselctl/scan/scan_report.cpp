@@ -7,6 +7,7 @@
 
 #include "shared/address_ranges.h"
 #include "shared/exchange.h"
+#include "shared/exit_code.h"
 #include "shared/json_line.h"
 #include "shared/table.h"
 #include "shared/times.h"
@@ -71,6 +72,11 @@ void PrintJson(std::ostream& output, const ScanReport& report) {
   json["asked"] = report.units.size();
   json["answers"] = report.Answers();
   json["elapsed_ms"] = report.elapsed_ms;
+  json["ok"] = report.exit_code == kExitOk;
+  json["exit"] = report.exit_code;
+  if (!report.error.empty()) {
+    json["error"] = report.error;
+  }
   json["units"] = nlohmann::ordered_json::array();
   for (const UnitReport& unit : report.units) {
     nlohmann::ordered_json item{

@@ -25,6 +25,8 @@ struct ScanReport {
   std::string place;
   std::size_t wanted = 0;  // units
   long long elapsed_ms = 0;
+  int exit_code = 0;
+  std::string error;              // why it ended early; empty: it did not fail
   std::vector<UnitReport> units;  // that were asked
 
   std::size_t Answers() const;
