@@ -61,7 +61,7 @@ const std::vector<FaultRow>& BusRows() {
       {FaultKind::kWrongCrc, kAnswered, "wrong CRC", nullptr},
       {FaultKind::kOtherAddress, "not_its_answer", "answer of somebody else", "not its answer"},
       // Last, so that its frame comes between two rounds.
-      {{FaultKind::kLate, 700}, "no_answer", "no answer in time", "no answer in time"}};
+      {{FaultKind::kLate, 1200}, "no_answer", "no answer in time", "no answer in time"}};
   return rows;
 }
 
@@ -209,7 +209,7 @@ class FaultyField : public ::testing::Test {
   simulator::FieldSimulator field_;
   std::optional<DaemonProcess> daemon_;
   Side tcp_{TcpRows(), 3, kTcpRounds, "10ms", ""};
-  Side bus_{BusRows(), 1, kBusRounds, "4s", " --device 1-11 --baud 115200 --silence 150"};
+  Side bus_{BusRows(), 1, kBusRounds, "4s", " --device 1-11 --baud 115200 --silence 255"};
 };
 
 TEST_F(FaultyField, EachFaultIsNamedRightAndCountedExactly) {

@@ -77,8 +77,11 @@ TEST_F(Health, EachTcpFaultIsKnownByItsCause) {
     EXPECT_TRUE(row.detail == 0 || device.last_detail == row.detail) << device.last_detail;
     EXPECT_EQ(device.failing_since_ms == 0, row.cause == TAMSEL_CAUSE_ANSWERED) << address;
     EXPECT_EQ(device.port, devices.Port(address));
-    const auto& hour = device.hours[device.newest_hour % TAMSEL_HEALTH_HOURS];
-    EXPECT_EQ(hour.answered + hour.failed, kRounds);
+    int of_hours = 0;  // the hour may change meanwhile
+    for (const auto& hour : device.hours) {
+      of_hours += hour.answered + hour.failed;
+    }
+    EXPECT_EQ(of_hours, kRounds);
   }
   const tamsel_health_device slow = Device(3, TAMSEL_HEALTH_TCPIP, address);
   EXPECT_GE(slow.response_least_us, 50000u);

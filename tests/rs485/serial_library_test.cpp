@@ -11,6 +11,7 @@
 #include <future>
 
 #include "modbus/rtu_frame.h"
+#include "support/files.h"
 #include "support/wait.h"
 #include "vlm_rs485.h"
 
@@ -56,10 +57,16 @@ class Field {
     PlugIn();
     EXPECT_EQ(vlm_rs485_open(channel, false, baud), 0);
   }
-  ~Field() { PullOut(); }
+  ~Field() {
+    if (thread_.joinable()) {
+      PullOut();
+    }
+  }
   void PlugIn() {
     ASSERT_EQ(::openpty(&master_, &slave_, nullptr, nullptr, nullptr), 0);
-    ::setenv(("RS485_PORT_" + std::to_string(channel_)).c_str(), ::ttyname(slave_), 1);
+    // A link: once pulled out, the terminal's own name may be another test's.
+    ASSERT_EQ(::symlink(::ttyname(slave_), port_.c_str()), 0);
+    ::setenv(("RS485_PORT_" + std::to_string(channel_)).c_str(), port_.c_str(), 1);
     is_ended_ = false;
     thread_ = std::thread([this] { Run(); });
   }
@@ -68,7 +75,10 @@ class Field {
     thread_.join();
     ::close(master_);
     ::close(slave_);
+    ::unlink(port_.c_str());
   }
+  /// Once pulled out: whether everything was sent when the script said.
+  bool IsInTime() const { return latest_ms_ <= 20; }
 
  private:
   void Run() {
@@ -78,15 +88,21 @@ class Field {
       const ssize_t count = ::poll(&entry, 1, 5) == 1 ? ::read(master_, buffer, sizeof(buffer)) : 0;
       for (ssize_t at = 0; at < count && script_; at += buffer[at] == 0 ? 64 : 8) {
         for (const auto& [pause_ms, bytes] : script_(buffer[at])) {
-          SleepMs(is_ended_ ? 0 : pause_ms);
+          const int wanted_ms = is_ended_ ? 0 : pause_ms;
+          const Stopwatch time;
+          SleepMs(wanted_ms);
+          latest_ms_ = std::max<int>(latest_ms_, time.Ms() - wanted_ms);
           EXPECT_GE(::write(master_, bytes.data(), bytes.size()), 0);
         }
       }
     }
   }
 
+  const TempFolder folder_;
+  const std::string port_ = folder_.Path("port");
   const int channel_;
   const Script script_;
+  std::atomic<int> latest_ms_{0};
   int master_ = -1;
   int slave_ = -1;  // keeps the master usable while the library has the port closed
   std::atomic<bool> is_ended_{false};
@@ -147,12 +163,21 @@ struct Case {
 void Check(const Bytes& frame, const std::vector<Case>& cases) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const Stopwatch time;
-    const Field field(1, c.baud, [&](int) { return c.steps; });
-    Add(1, 1, c.device, frame);
-    EXPECT_LE(RunCycle(1), c.device.timeout_ms + 255 + 2 * kSlackMs);
-    EXPECT_GE(time.Ms(), c.least_ms);
-    EXPECT_EQ(Answer(1, 1), c.outcome);
+    bool is_in_time = false;
+    for (int left = 20; !is_in_time && left > 0; --left) {
+      const Stopwatch time;
+      Field field(1, c.baud, [&](int) { return c.steps; });
+      Add(1, 1, c.device, frame);
+      const int cycle_ms = RunCycle(1);
+      const int ms = time.Ms();
+      field.PullOut();
+      is_in_time = field.IsInTime();
+      if (is_in_time || left == 1) {
+        EXPECT_LE(cycle_ms, c.device.timeout_ms + 255 + 2 * kSlackMs);
+        EXPECT_GE(ms, c.least_ms);
+        EXPECT_EQ(Answer(1, 1), c.outcome);
+      }
+    }
   }
 }
 
@@ -265,7 +290,11 @@ TEST(SerialLibraryTest, SpeedsAndFormatsAreThoseOfTheCodes) {
 }
 
 TEST(SerialLibraryTest, WhatCannotBeIsRefusedAndACloseEndsTheCycle) {
-  const Field field(1, k115200, {});
+  std::atomic<int> frames{0};
+  const Field field(1, k115200, [&](int) {
+    ++frames;
+    return Steps{};
+  });
   Bytes bytes(65, 1);
   xfer_data good{64, bytes.data()};
   ::setenv("RS485_PORT_2", "/dev/null", 1);  // no serial device
@@ -287,9 +316,9 @@ TEST(SerialLibraryTest, WhatCannotBeIsRefusedAndACloseEndsTheCycle) {
   EXPECT_EQ(vlm_rs485_open(1, true, k1200), -1);
   Add(1, 31, {2000});
   auto cycle = std::async(std::launch::async, RunCycle, 1);
-  SleepMs(100);
+  ASSERT_TRUE(WaitFor(5000, [&] { return frames == 1; }));
   EXPECT_EQ(vlm_rs485_close(1), 0);
-  EXPECT_LE(cycle.get(), 100 + kSlackMs);
+  EXPECT_LT(cycle.get(), 2000);
   EXPECT_EQ(Answer(1, 31), (Outcome{VLM_RS485_PORT_GONE, {}}));
   EXPECT_EQ(vlm_rs485_startCom(1), 0);
 }
@@ -308,20 +337,35 @@ TEST(SerialLibraryTest, APulledAdapterIsNoticedAndFoundAgain) {
 }
 
 TEST(SerialLibraryTest, ANoisyLineHoldsADeviceForItsTimeOnly) {
-  const Field field(1, k1200, [](int) { return Steps(800, {5, {0x55}}); });
-  Add(1, 1, {}, kBroadcast);
-  Add(1, 2, {500, 0, 0, 255});
-  EXPECT_LE(RunCycle(1), 29 + 533 + 29 + 255 + 500 + 2 * kSlackMs);
-  EXPECT_EQ(Answer(1, 2), kError);
+  bool is_in_time = false;
+  for (int left = 20; !is_in_time && left > 0; --left) {
+    Field field(1, k1200, [](int) { return Steps(800, {5, {0x55}}); });
+    Add(1, 1, {}, kBroadcast);
+    Add(1, 2, {500, 0, 0, 255});
+    EXPECT_LE(RunCycle(1), 29 + 533 + 29 + 255 + 500 + 2 * kSlackMs);
+    field.PullOut();
+    is_in_time = field.IsInTime();
+    if (is_in_time || left == 1) {
+      EXPECT_EQ(Answer(1, 2), kError);
+    }
+  }
 }
 
 TEST(SerialLibraryTest, ChannelsRunAtTheSameTime) {
-  const Field fields[] = {{1, k115200, AnswerAtOnce}, {3, k115200, AnswerAtOnce}};
+  std::atomic<int> frames[4] = {};
+  const auto field_of = [&](int channel, int other) {
+    return [&, channel, other](int address) {
+      frames[channel] = address;
+      EXPECT_TRUE(address < 31 || frames[other] > 0) << "one channel waits for the other";
+      return AnswerAtOnce(address);
+    };
+  };
+  const Field fields[] = {{1, k115200, field_of(1, 3)}, {3, k115200, field_of(3, 1)}};
   const auto serve = [](int channel) {
     for (unsigned char address = 1; address <= 31; ++address) {
       Add(channel, address, {500, 0, 255, 60});
     }
-    EXPECT_LE(RunCycle(channel), 31 * 100) << "no answer waits for its silence";
+    EXPECT_LE(RunCycle(channel), 31 * 250) << "no answer waits for its silence";
     for (int address = 1; address <= 31; ++address) {
       EXPECT_EQ(Answer(channel, address), (Outcome{0, Told(address)}));
     }

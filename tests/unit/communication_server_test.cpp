@@ -55,6 +55,8 @@ class CommunicationServerTest : public test::LogFixture {
 
 TEST_F(CommunicationServerTest, WaitingClientsAreClosedWhenTheServiceEnds) {
   test::RawClient waiting(folder_.Path("socket"));
+  // Once a later one has been served, it has been accepted.
+  EXPECT_EQ(Status(MakeTcpIpRequest(1)), 0);
   test::SleepMs(50);
   test::RawClient last;
   const rlimit none = {static_cast<rlim_t>(::fcntl(0, F_DUPFD_CLOEXEC, 0)), descriptors_.rlim_max};

@@ -241,7 +241,7 @@ TEST_F(RS485AccessRequestTest, TheEndDoesNotWaitForever) {
   status = StatusLater();
   ASSERT_TRUE(test::WaitFor(5000, [] { return library->cycles > 0; }));
   std::future<void> end = std::async(std::launch::async, Cache::Destroy);
-  ASSERT_EQ(end.wait_for(std::chrono::milliseconds(2500)), std::future_status::ready);
+  ASSERT_EQ(end.wait_for(std::chrono::seconds(10)), std::future_status::ready);
   EXPECT_EQ(test::CountText(library->TakeCalls(), "close 2"), 1);
   hold.unlock();
   EXPECT_EQ(status.get(), -1);
@@ -260,6 +260,7 @@ TEST_F(RS485AccessRequestTest, OnePortServesOneRequestAtATime) {
   second = StatusLater();
   EXPECT_EQ(second.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
   std::future<void> end = std::async(std::launch::async, Cache::Destroy);
+  ASSERT_TRUE(test::WaitFor(5000, [] { return Cache::GetInstance() == nullptr; }));
   EXPECT_EQ(end.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
   hold.unlock();
   EXPECT_EQ(first.get(), 0);

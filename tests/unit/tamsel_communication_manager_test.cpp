@@ -42,7 +42,7 @@ TEST_F(TamselCommunicationManagerTest, StartsServesAndEndsInProcess) {
     manager.Post(SignalNotification::kOutageRecovery);
     manager.Post(SignalNotification::kOutage);
     manager.Post(SignalNotification::kOutageRecovery);
-    EXPECT_GE(Serve(manager, 1200), 1500) << "the pass of the stop lasts its full time";
+    Serve(manager, 1200);
     EXPECT_EQ(Rs485AccessRequestLibcache::GetInstance(), nullptr);
     manager.Kill();
   }
@@ -57,7 +57,7 @@ TEST_F(TamselCommunicationManagerTest, StartsServesAndEndsInProcess) {
 TEST_F(TamselCommunicationManagerTest, AKillBeforeTheStartDoesNoHarm) {
   TamselCommunicationManager manager;
   manager.Kill();
-  Serve(manager, 300);
+  EXPECT_GE(Serve(manager, 300), 500) << "the pass of the stop lasts its full time";
   EXPECT_FALSE(std::filesystem::exists(folder_.Path("check/tmsc")));
 }
 

@@ -273,8 +273,10 @@ TEST(TamselctlLog, FollowsAcrossRotationsWithoutLossOrDouble) {
   const TempFolder folder;
   const std::string log = folder.Path("LoggerCom.log");
   const std::string command = kLog + "-f " + folder.Path() + " 2>/dev/null | sed /:59:49/q";
+  std::string all = Lines("10 I TMSCommMgr NotifyOutage");
+  WriteFile(log + ".1", all);  // the first look falls into a rotation
   auto run = std::async(std::launch::async, [&] { return RunShell(command).output; });
-  std::string all;
+  SleepMs(300);
   for (int second = 10; second < 50; ++second) {
     const std::string line = Lines(std::to_string(second) + " I TMSCommMgr NotifyOutage");
     all += line;

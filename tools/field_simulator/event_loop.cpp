@@ -69,6 +69,11 @@ void EventLoop::Watch(int descriptor, std::uint64_t id, std::uint32_t events, in
   }
 }
 
+void EventLoop::Close(Descriptor& descriptor) {
+  epoll_ctl(epoll_.Get(), EPOLL_CTL_DEL, descriptor.Get(), nullptr);
+  descriptor.Reset();
+}
+
 void EventLoop::WakeAt(std::uint64_t id, std::optional<TimePoint> time) {
   Entry& entry = entries_.at(id);
   if (entry.wake) {

@@ -52,12 +52,15 @@ class EventLoop {
 
   /// A new id, never given before. The handler outlives the id.
   std::uint64_t Add(Handler& handler);
-  /// Forgets the id and its time; its descriptor is the caller's to close. Events that are under
+  /// Forgets the id and its time; its descriptor is the caller's to Close. Events that are under
   /// way for it are dropped.
   void Remove(std::uint64_t id);
 
   /// Calls epoll_ctl with this operation (EPOLL_CTL_...); throws std::system_error when it fails.
   void Watch(int descriptor, std::uint64_t id, std::uint32_t events, int operation);
+  /// Closes a descriptor that may be watched, at once: left to the close, the loop's thread could
+  /// keep the file open, and its other end connected, until its next wake.
+  void Close(Descriptor& descriptor);
   /// Replaces the time at which the id's handler is called, once; empty: not at all. From another
   /// thread than the loop's it counts from the loop's next wake on.
   void WakeAt(std::uint64_t id, std::optional<TimePoint> time);

@@ -87,7 +87,7 @@ void RtuBus::Unplug() {
   }
   loop_.Remove(std::exchange(id_, 0));
   RemoveLink();
-  master_.Reset();
+  loop_.Close(master_);
   far_side_.Reset();
   terminal_name_.clear();
   input_.clear();

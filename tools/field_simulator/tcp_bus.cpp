@@ -82,7 +82,7 @@ void TcpBus::Close() {
     CloseConnection(connections_.begin()->first);
   }
   for (const auto& [id, listener] : listeners_) {
-    listener->descriptor.Reset();
+    loop_.Close(listener->descriptor);
     listener->filling.Reset();
   }
 }
@@ -166,7 +166,7 @@ void TcpBus::Fill(Listener& listener) {
 void TcpBus::Shut(Listener& listener) {
   listener.is_accepting = false;
   listener.filling.Reset();
-  listener.descriptor.Reset();
+  loop_.Close(listener.descriptor);
   std::vector<std::uint64_t> ids;
   for (const auto& [id, connection] : connections_) {
     if (connection->listener == &listener) {
@@ -229,6 +229,7 @@ void TcpBus::Accept(Listener& listener) {
 
 void TcpBus::CloseConnection(std::uint64_t id) {
   loop_.Remove(id);
+  loop_.Close(connections_.at(id)->descriptor);
   connections_.erase(id);
   --open_connections_;
 }

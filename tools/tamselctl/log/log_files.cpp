@@ -99,6 +99,9 @@ void OpenCopies(const std::string& live_path, int highest, LogFiles& log) {
       copies.push_back(std::move(file));
     }
   }
+  if (!copies.empty()) {
+    copies.front().path = live_path;  // in a rotation the newest one has another name already
+  }
   std::move(copies.rbegin(), copies.rend(), std::back_inserter(log.files));
 }
 
