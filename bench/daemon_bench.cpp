@@ -177,9 +177,11 @@ void MeasureHealth(const std::string& folder, const std::vector<Device>& devices
   for (const std::string level : {"1", "3"}) {
     const Daemon with_health(folder, level, true);
     const Daemon without(folder, level);
-    const auto print = [&](const std::string& what, const TcpIpRequest& request) {
-      PrintPairs((what + ", LogLevel " + level + ", with health / without").c_str(),
-                 [&] { with_health.Request(request); }, [&] { without.Request(request); });
+    const std::string rest = ", LogLevel " + level + ", with health / without";
+    const auto print = [&](std::string what, const TcpIpRequest& request) {
+      PrintPairs(
+          what.append(rest).c_str(), [&] { with_health.Request(request); },
+          [&] { without.Request(request); });
     };
     print("31 devices", RequestFor(devices, 1, 1000));
     print("no device", MakeTcpIpRequest(1));
