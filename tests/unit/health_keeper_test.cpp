@@ -74,8 +74,9 @@ TEST(HealthKeeper, MendsWhateverIsDoneToTheFile) {
       ExpectWhole(path, ++exchanges, harm);
     }
     // What cannot be taken over stays as it is until it is gone.
-    for (const char* const harm : {"mkdir $H", "mkfifo $H", "echo something else > $H",
-                                   "ln -s /dev/full $H", "ln -s /proc/nowhere/x $H"}) {
+    for (const char* const harm :
+         {"mkdir $H", "mkfifo $H", "echo something else > $H", "ln -s /dev/full $H",
+          "ln -s /proc/nowhere/x $H", "truncate -s 96257 $H"}) {
       do_harm(std::string("rm -r $H; ") + harm);
       const Stopwatch time;
       Report(1);
@@ -89,6 +90,7 @@ TEST(HealthKeeper, MendsWhateverIsDoneToTheFile) {
     // A second keeper leaves a file in use alone; a later one goes on with it.
     { const HealthKeeper second(path); }
     ExpectWhole(path, exchanges, "second");
+    EXPECT_EQ(ReadHealth(path).snapshot->process.starts, 1u) << "the second one took it over";
     Singleton<HealthKeeper>::Destroy();
     Singleton<HealthKeeper>::Create(path);
     Report(1);
