@@ -242,8 +242,9 @@ TEST(Tamselctl, RepeatsARequestAndCounts) {
 }
 
 TEST(Tamselctl, AnExceptionIsAnAnswerOfAScan) {
-  for (const auto& [form, text] : {std::pair("", "2: illegal data address\n1 of 2 answer"),
-                                   {" --json", R"("ok":false,"exit":6,"error":"the RS485 port could not be opened")"}}) {
+  for (const auto& [form, text] :
+       {std::pair("", "2: illegal data address\n1 of 2 answer"),
+        {" --json", R"("ok":false,"exit":6,"error":"the RS485 port could not be opened")"}}) {
     const FakeDaemon daemon(Answering({Answer(0, "05 8302 8130"), {}, {{}, {8, {}}}}));
     ExpectRun(std::string(TAMSELCTL_PATH " scan --channel 2 --baud 9600 --unit 5-9 --socket ") +
                   daemon.Path() + form,
