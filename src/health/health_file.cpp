@@ -10,6 +10,7 @@
 #include <cstring>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "tamsel_health.h"
 #include "utility/file_util.h"
@@ -42,16 +43,18 @@ bool HasRightHeader(int file) {
 }
 
 /// Whether the file is a health file, of whatever version, or what the end of the power may have
-/// left of one: no more than its begin, or zeros.
-bool MayBeTakenOver(int file, off_t size) {
-  char begin[sizeof(tamsel_health_header::magic)];
-  const ssize_t count = ::pread(file, begin, sizeof(begin), 0);
+/// left of one: no more than its begin, or only zeros.
+bool MayBeTakenOver(int file) {
+  std::vector<char> begin(sizeof(tamsel_health_file) + 1);
+  const ssize_t count = ::pread(file, begin.data(), begin.size(), 0);
   if (count < 0) {
     return false;
   }
-  const bool is_zeros = std::all_of(begin, begin + count, [](char byte) { return byte == 0; });
-  return std::memcmp(begin, TAMSEL_HEALTH_MAGIC, static_cast<std::size_t>(count)) == 0 ||
-         (is_zeros && size <= static_cast<off_t>(sizeof(tamsel_health_file)));
+  const auto size = static_cast<std::size_t>(count);
+  const std::size_t compared = std::min(size, sizeof(tamsel_health_header::magic));
+  return std::memcmp(begin.data(), TAMSEL_HEALTH_MAGIC, compared) == 0 ||
+         (size < begin.size() &&
+          std::all_of(begin.data(), begin.data() + size, [](char byte) { return byte == 0; }));
 }
 
 /// What keeps an open file from being a health file, for people to read; empty: nothing. A link
@@ -64,7 +67,7 @@ std::string FindObstacle(int file) {
   if (!S_ISREG(status.st_mode) || status.st_nlink > 1) {
     return "no regular file of its own";
   }
-  return MayBeTakenOver(file, status.st_size) ? std::string() : "a file that is no health file";
+  return MayBeTakenOver(file) ? std::string() : "a file that is no health file";
 }
 
 bool IsSame(const struct stat& one, const struct stat& other) {

@@ -32,6 +32,7 @@ constexpr int kPassesPerRenewal = 10;
 constexpr int kPassesPerInspection = 30;
 constexpr std::int64_t kHourMs = 3600 * 1000;
 constexpr std::uint32_t kHourOf2020 = 438288;
+constexpr std::int64_t kSmallestStepMs = 1000;  // of the clock; less is no setting of it
 
 std::int64_t NowMs() {
   return MicrosecondsSinceEpoch() / 1000;
@@ -269,16 +270,17 @@ void HealthKeeper::VisitRecords(Visit visit) {
   }
 }
 
-/// Changes a record and, when that made it another, writes it, now or in the next pass.
+/// Changes a record and, when that made it another, writes it, now or in the next pass. One that
+/// was never used stays so when nothing of it is changed.
 template <typename Record, typename Change>
 void HealthKeeper::Update(Kept<Record>& kept, Change change) noexcept {
   const std::lock_guard<std::mutex> lock(kept.mutex);
-  const std::uint32_t checksum_before = kept.record.checksum;
+  const Record before = kept.record;
   change(kept.record);
-  kept.record.checksum = tamsel_health_checksum(&kept.record, sizeof(Record));
-  if (kept.record.checksum == checksum_before) {
+  if (std::memcmp(&before, &kept.record, sizeof(Record)) == 0) {
     return;
   }
+  kept.record.checksum = tamsel_health_checksum(&kept.record, sizeof(Record));
   kept.is_written = false;
   if (file_.IsInMemory()) {
     Write(kept);
@@ -444,17 +446,20 @@ void HealthKeeper::OpenFile() {
   obstacle_ = obstacle;
 }
 
-/// A board may get its time late: what came before is dated anew by the clock that has been set.
+/// A board may get its time late, even in more than one step: what came before is dated anew.
 void HealthKeeper::FollowClock() {
-  const std::int64_t ahead_ms = ClockAheadMs();
-  const std::int64_t step_ms = ahead_ms - std::exchange(clock_ahead_ms_, ahead_ms);
+  const std::int64_t step_ms = ClockAheadMs() - clock_ahead_ms_;
+  if (std::abs(step_ms) < kSmallestStepMs) {
+    return;
+  }
+  clock_ahead_ms_ += step_ms;
   const std::int64_t now_ms = NowMs();
-  if (!IsOfSetClock(now_ms) || IsOfSetClock(now_ms - step_ms)) {
+  if (IsOfSetClock(now_ms - step_ms)) {
     return;
   }
   const auto date_anew = [&](std::int64_t& moment_ms) {
     if (moment_ms != 0 && !IsOfSetClock(moment_ms)) {
-      moment_ms = std::min(moment_ms + step_ms, now_ms);
+      moment_ms = std::max<std::int64_t>(std::min(moment_ms + step_ms, now_ms), 1);
     }
   };
   date_anew(card_gone_since_ms_);

@@ -76,7 +76,8 @@ TEST(HealthKeeper, MendsWhateverIsDoneToTheFile) {
     // What cannot be taken over stays as it is until it is gone.
     for (const char* const harm :
          {"mkdir $H", "mkfifo $H", "echo something else > $H", "ln -s /dev/full $H",
-          "ln -s /proc/nowhere/x $H", "truncate -s 96257 $H"}) {
+          "ln -s /proc/nowhere/x $H", "truncate -s 96257 $H",
+          "head -c 8 /dev/zero > $H; echo something else >> $H"}) {
       do_harm(std::string("rm -r $H; ") + harm);
       const Stopwatch time;
       Report(1);
