@@ -108,9 +108,7 @@ AnswerCheck CheckPdu(const Bytes& pdu, const Bytes& answer) {
   if (answer[kFunction] != function) {
     return Misfit("wrong function");
   }
-  const bool is_read =
-      IsBitRead(function) || function == kReadHoldingRegisters || function == kReadInputRegisters;
-  if (is_read && pdu.size() == kStartAndCountLength) {
+  if (IsRead(function) && pdu.size() == kStartAndCountLength) {
     return CheckReadAnswer(pdu, answer);
   }
   // What was written is confirmed by its place with its value or its count, which stand first in

@@ -41,6 +41,12 @@ constexpr bool IsBitRead(std::uint8_t function) {
   return function == kReadCoils || function == kReadDiscreteInputs;
 }
 
+/// Whether a function reads bits or registers, so that its answer's length follows from its
+/// request.
+constexpr bool IsRead(int function) {
+  return function >= kReadCoils && function <= kReadInputRegisters;
+}
+
 /// The PDU that reads `count` registers (functions 3 and 4) or bits (1 and 2) from `start` on.
 Bytes ReadRegistersPdu(std::uint8_t function, int start, int count);
 

@@ -3,12 +3,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <string_view>
 
 namespace rs485 {
 
 namespace {
 
 constexpr unsigned int kAllFlags = (1u << RS485_MAX_MC_NUM) - 1;
+
+// A serial-over-Ethernet server, a radio or a busy device may pause so long within an answer.
+constexpr std::chrono::milliseconds kPauseWithinAnswer{100};
 
 bool IsAddress(unsigned char address) {
   return address >= 1 && address <= RS485_MAX_MC_NUM;
@@ -43,6 +47,13 @@ std::string BusChannel::DevicePath() const {
   return path != nullptr && *path != '\0' ? path : "/dev/ttyRS485-" + number;
 }
 
+/// Opens the serial device, which may be another adapter than the last time. False with errno set.
+bool BusChannel::OpenLine() {
+  const char* echo = std::getenv(("RS485_ECHO_" + std::to_string(channel_)).c_str());
+  is_echoing_ = echo != nullptr && std::string_view(echo) == "1";
+  return line_.Open(DevicePath(), *rate_);
+}
+
 int BusChannel::Open(unsigned char baud_code) {
   const BaudRate* rate = FindBaudRate(baud_code);
   if (rate == nullptr) {
@@ -50,8 +61,8 @@ int BusChannel::Open(unsigned char baud_code) {
     return -1;
   }
   const Interruption interruption(*this);
-  is_open_ = line_.Open(DevicePath(), *rate);
   rate_ = rate;
+  is_open_ = OpenLine();
   has_answers_ = false;
   last_activity_ = Clock::now();
   return is_open_ ? 0 : -1;
@@ -113,7 +124,7 @@ bool BusChannel::RunCycle() {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     // The device may be back since it was found gone.
-    if (!is_open_ || (!line_.IsOpen() && !line_.Open(DevicePath(), *rate_))) {
+    if (!is_open_ || (!line_.IsOpen() && !OpenLine())) {
       return false;
     }
     for (int i = 0; i < RS485_MAX_MC_NUM; ++i) {
@@ -216,13 +227,15 @@ LineEvent BusChannel::Send(const Device& device, Duration timeout) {
   return event;
 }
 
-/// Silence that ends the device's answer.
-BusChannel::Duration BusChannel::AnswerSilence(const Device& device) const {
-  if (device.delimiter != 0 || device.after_delimiter == 0) {
-    return EndSilence(*rate_, *device.format);
+/// Silence that ends the device's answer as far as it has come.
+BusChannel::Duration BusChannel::AnswerSilence(const Device& device,
+                                               const AnswerReader& reader) const {
+  if (device.delimiter == 0 && device.after_delimiter != 0) {
+    return std::max<Duration>(InterFrameSilence(*rate_, *device.format),
+                              std::chrono::milliseconds(device.after_delimiter));
   }
-  return std::max<Duration>(InterFrameSilence(*rate_, *device.format),
-                            std::chrono::milliseconds(device.after_delimiter));
+  const Duration silence = EndSilence(*rate_, *device.format);
+  return reader.IsIncomplete() ? std::max<Duration>(silence, kPauseWithinAnswer) : silence;
 }
 
 /// Hands what has arrived to the reader, up to the end of the answer.
@@ -245,41 +258,19 @@ bool BusChannel::TakeAllInput(AnswerReader& reader) {
   return is_whole;
 }
 
-/// Receives the device's answer; returns its receive status. What has come by the time-out counts
-/// however late this process looks, and what is open then may still end in the silence behind it.
+/// Receives the device's answer; returns its receive status.
 unsigned char BusChannel::Receive(Device& device, Duration timeout) {
-  const Duration silence = AnswerSilence(device);
-  AnswerReader reader(device.frame, device.delimiter, device.after_delimiter);
-  Clock::time_point until = last_activity_ + timeout;
-  bool is_timed_out = false;
-  bool is_whole = false;
-  while (!is_whole) {
-    if (reader.IsTooLong()) {
-      return VLM_RS485_TOO_LONG;
-    }
-    const Clock::time_point now = Clock::now();
-    if (!is_timed_out && now >= until) {
-      is_timed_out = true;
-      is_whole = TakeAllInput(reader);
-      until = Clock::now() + silence;
-      continue;
-    }
-    const bool waits_for_silence = reader.IsOpen() && (is_timed_out || device.delimiter == 0);
-    const Clock::time_point silent = waits_for_silence ? last_activity_ + silence
-                                     : is_timed_out    ? now
-                                                       : until;
-    LineEvent event = line_.WaitForInput(std::min(silent, until));
-    if (event == LineEvent::kReady) {
-      event = TakeInput(reader, is_whole);
-    } else if (event == LineEvent::kTimeout) {
-      is_whole = waits_for_silence && silent <= until && reader.AddSilence();
-      if (is_timed_out && !is_whole) {
-        return NoAnswer(device, reader);
-      }
-    }
-    if (event == LineEvent::kGone) {
-      return VLM_RS485_PORT_GONE;
-    }
+  AnswerReader reader(device.frame, device.delimiter, device.after_delimiter, is_echoing_);
+  const LineEvent event = Listen(device, reader, last_activity_ + timeout);
+  is_echoing_ = is_echoing_ || reader.HasHeardEcho();
+  if (event == LineEvent::kGone) {
+    return VLM_RS485_PORT_GONE;
+  }
+  if (reader.IsTooLong()) {
+    return VLM_RS485_TOO_LONG;
+  }
+  if (event == LineEvent::kTimeout) {
+    return reader.HasHeardOthersOnly() ? VLM_RS485_NOT_ITS_ANSWER : VLM_RS485_NO_ANSWER;
   }
   if (reader.IsDamaged()) {
     return VLM_RS485_LINE_ERROR;
@@ -288,12 +279,40 @@ unsigned char BusChannel::Receive(Device& device, Duration timeout) {
   return VLM_RS485_ANSWERED;
 }
 
-/// The receive status without an answer; what was heard in its place is the device's to look at.
-unsigned char BusChannel::NoAnswer(Device& device, const AnswerReader& reader) {
-  if (!reader.HasBegun()) {
-    device.received = reader.Heard();
+/// Listens until the answer is whole (kReady) or can be none any more. What has come by the
+/// time-out counts however late this process looks, and what is open then may still end in the
+/// silence behind it.
+LineEvent BusChannel::Listen(const Device& device, AnswerReader& reader, Clock::time_point until) {
+  bool is_timed_out = false;
+  bool is_whole = false;
+  while (!is_whole && !reader.IsTooLong()) {
+    const Clock::time_point now = Clock::now();
+    if (!is_timed_out && now >= until) {
+      is_timed_out = true;
+      is_whole = TakeAllInput(reader);
+      until = Clock::now();
+      continue;
+    }
+    const Duration silence = AnswerSilence(device, reader);
+    const bool waits_for_silence = reader.IsOpen() && (is_timed_out || device.delimiter == 0);
+    const Clock::time_point end = is_timed_out ? until + silence : until;
+    const Clock::time_point silent = waits_for_silence ? last_activity_ + silence
+                                     : is_timed_out    ? now
+                                                       : end;
+    LineEvent event = line_.WaitForInput(std::min(silent, end));
+    if (event == LineEvent::kReady) {
+      event = TakeInput(reader, is_whole);
+    } else if (event == LineEvent::kTimeout) {
+      is_whole = waits_for_silence && silent <= end && reader.AddSilence();
+      if (is_timed_out && !is_whole) {
+        return LineEvent::kTimeout;
+      }
+    }
+    if (event == LineEvent::kGone) {
+      return event;
+    }
   }
-  return device.received.empty() ? VLM_RS485_NO_ANSWER : VLM_RS485_NOT_ITS_ANSWER;
+  return LineEvent::kReady;
 }
 
 }  // namespace rs485

@@ -48,15 +48,16 @@ class BusChannel {
   class Interruption;
 
   std::string DevicePath() const;
+  bool OpenLine();
   void Serve(Device& device);
   unsigned char Exchange(Device& device);
   LineEvent KeepSilence(const Device& device, Duration& timeout);
   LineEvent Send(const Device& device, Duration timeout);
   unsigned char Receive(Device& device, Duration timeout);
-  Duration AnswerSilence(const Device& device) const;
+  LineEvent Listen(const Device& device, AnswerReader& reader, Clock::time_point until);
+  Duration AnswerSilence(const Device& device, const AnswerReader& reader) const;
   LineEvent TakeInput(AnswerReader& reader, bool& is_whole);
   bool TakeAllInput(AnswerReader& reader);
-  static unsigned char NoAnswer(Device& device, const AnswerReader& reader);
 
   const int channel_;
   std::atomic<int> interruptions_{0};  // calls that want the cycle in progress to end
@@ -65,6 +66,7 @@ class BusChannel {
   bool is_open_ = false;
   const BaudRate* rate_ = nullptr;
   SerialLine line_;                  // closed while is_open_: the serial device is gone
+  bool is_echoing_ = false;          // what is sent comes back
   Clock::time_point last_activity_;  // when the line was last known to carry a character
   Device devices_[RS485_MAX_MC_NUM];
   unsigned int flags_ = 0;

@@ -64,7 +64,8 @@ enum {
   VLM_RS485_TOO_LONG = 3,      /* more than MAX_RECEIVE_DATA_LENGTH bytes without an end */
   VLM_RS485_PORT_GONE = 4,     /* the serial device is gone, or the port was closed meanwhile */
   VLM_RS485_NOT_ITS_ANSWER = 5 /* bytes came in the time-out, none of them of this device's answer:
-                                  noise, another device or a second master */
+                                  noise, another device or a second master, or the device's own
+                                  answer to an earlier read */
 };
 
 /* A frame for a device. */
@@ -75,10 +76,9 @@ typedef struct xfer_data {
 
 /* What a device answered. */
 typedef struct receive_data {
-  uint16_t rcv_da_len; /* bytes; 0 unless the status is ANSWERED or NOT_ITS_ANSWER */
+  uint16_t rcv_da_len; /* bytes; 0 unless the status is ANSWERED */
   uint8_t rcv_status;
-  unsigned char* rcv_da; /* the answer; with NOT_ITS_ANSWER what was heard in its place, the first
-                            MAX_RECEIVE_DATA_LENGTH bytes at most */
+  unsigned char* rcv_da; /* the answer */
 } receive_data;
 
 /* The answers of a cycle. */
@@ -87,7 +87,7 @@ typedef struct receive_data_full {
 } receive_data_full;
 
 /* Opens the serial device of a channel, the one that the environment variable RS485_PORT_n names,
- * by default /dev/ttyRS485-n. Returns 0, or -1 with errno set: EINVAL for a channel or a code that
+ * by default /dev/ttyRS485-n; RS485_ECHO_n=1 says that it echoes. Returns 0, or -1 with errno set: EINVAL for a channel or a code that
  * does not exist, ENOTSUP for sniffer (listening only), or what the system said. An open port is
  * opened anew. */
 int vlm_rs485_open(int channel, bool sniffer, unsigned char baud_rate);
@@ -99,7 +99,8 @@ int vlm_rs485_close(int channel);
 /* Parameters of one device, kept until they are set again. `timeout` ms, from the end of the frame
  * to the end of the answer; 0 or less: no answer is waited for. `delimitertype` 0: an answer ends
  * as a Modbus RTU frame or with silence on the line, `byte_after_delimiter` ms of it but never less
- * than 3.5 characters, or, when that is 0, longer than a UART or an adapter pauses within a frame;
+ * than 3.5 characters, or, when that is 0, longer than a UART or an adapter pauses within a frame,
+ * and 100 ms where a Modbus RTU frame has begun that is shorter than its own length;
  * any other value is the byte that ends an answer, followed by `byte_after_delimiter` further
  * bytes. `com_wait_time` ms of silence before the device is addressed. Returns 0, or -1 with errno
  * EINVAL. */

@@ -60,6 +60,9 @@ const std::vector<FaultRow>& BusRows() {
       {FaultKind::kNoise, kAnswered, "answered", nullptr},
       {FaultKind::kWrongCrc, kAnswered, "wrong CRC", nullptr},
       {FaultKind::kOtherAddress, "not_its_answer", "answer of somebody else", "not its answer"},
+      {{FaultKind::kPause, 80}, kAnswered, "answered", nullptr},
+      {FaultKind::kCut, kAnswered, "wrong CRC", nullptr},
+      {FaultKind::kParity, "line_error", "line error", "line error"},
       // Last, so that its frame comes between two rounds.
       {{FaultKind::kLate, 1200}, "no_answer", "no answer in time", "no answer in time"}};
   return rows;
@@ -102,7 +105,7 @@ class FaultyField : public ::testing::Test {
       ++address;
       config.devices.push_back({address, Ip(address), 0, row.fault});
     }
-    config.buses.push_back({bus, {}});
+    config.buses.push_back({bus, {}, 0, true});  // none of these echoes counts as an answer
     for (const FaultRow& row : BusRows()) {
       config.buses[0].devices.push_back(
           {static_cast<int>(config.buses[0].devices.size()) + 1, row.fault});
@@ -209,7 +212,7 @@ class FaultyField : public ::testing::Test {
   simulator::FieldSimulator field_;
   std::optional<DaemonProcess> daemon_;
   Side tcp_{TcpRows(), 3, kTcpRounds, "10ms", ""};
-  Side bus_{BusRows(), 1, kBusRounds, "4s", " --device 1-11 --baud 115200 --silence 255"};
+  Side bus_{BusRows(), 1, kBusRounds, "4s", " --device 1-14 --baud 115200 --silence 255"};
 };
 
 TEST_F(FaultyField, EachFaultIsNamedRightAndCountedExactly) {

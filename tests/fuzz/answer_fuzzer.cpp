@@ -13,13 +13,13 @@ namespace {
 /// As on a line: 0xFE comes damaged, and behind 0xFF it is silent. What is found must fit the
 /// response, whatever came before it and however long it goes on.
 void ReadFromLine(const modbus::Bytes& frame, const modbus::Bytes& bytes, unsigned char delimiter,
-                  unsigned char after_delimiter) {
-  rs485::AnswerReader reader(frame, delimiter, after_delimiter);
+                  unsigned char after_delimiter, bool is_echoing) {
+  rs485::AnswerReader reader(frame, delimiter, after_delimiter, is_echoing);
   bool is_whole = false;
   for (auto byte = bytes.begin(); byte != bytes.end() && !is_whole; ++byte) {
     is_whole = reader.Add(*byte, *byte == 0xFE) || (*byte == 0xFF && reader.AddSilence());
   }
-  Require(reader.Heard().size() <= MAX_RECEIVE_DATA_LENGTH);
+  Require(reader.IsOpen() || !reader.IsIncomplete());
   Require(!is_whole || (!reader.Answer().empty() && !reader.IsTooLong()));
 }
 
@@ -40,7 +40,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   const std::uint8_t* const answer = data + 4 + data[2];
   const modbus::Bytes frame(data + 3, answer), bytes(answer, data + size);
-  ReadFromLine(frame, bytes, data[0], data[1]);
+  ReadFromLine(frame, bytes, data[0], data[1], false);
+  ReadFromLine(frame, bytes, data[0], data[1], true);
   Check(frame, modbus::CheckRtuAnswer(frame, bytes), 1);
   Check(frame, modbus::CheckTcpAnswer(frame, bytes), modbus::kMbapLength);
   return 0;

@@ -43,7 +43,8 @@ using Steps = std::vector<std::pair<int, Bytes>>;
 using Outcome = std::pair<int, Bytes>;
 
 const Outcome kError = {VLM_RS485_LINE_ERROR, {}};
-constexpr int kNotItsAnswer = VLM_RS485_NOT_ITS_ANSWER;
+const Outcome kNotItsAnswer = {VLM_RS485_NOT_ITS_ANSWER, {}};
+const Outcome kNoAnswer = {VLM_RS485_NO_ANSWER, {}};
 constexpr unsigned char k1200 = VLM_RS485_BAUD_1200;
 constexpr unsigned char k115200 = VLM_RS485_BAUD_115200;
 const Bytes kBroadcast(64, 0);  // other frames have 8 bytes
@@ -114,8 +115,9 @@ Bytes operator+(Bytes left, const Bytes& right) {
   return left;
 }
 
-Bytes Told(int address) {
-  return modbus::RtuFrame(address, {3, 2, 0x12, 0x34});
+/// An answer with these values, by default those of the one register that Add asks for.
+Bytes Told(int address, const Bytes& values = {0x12, 0x34}) {
+  return modbus::RtuFrame(address, Bytes{3, static_cast<unsigned char>(values.size())} + values);
 }
 Steps AnswerAtOnce(int address) {
   return {{0, Bytes(address % 2, 0x55) + Told(address)}};  // noise before every other answer
@@ -186,30 +188,83 @@ TEST(SerialLibraryTest, AnAnswerIsFoundInWhatIsHeardAndEndsInTime) {
   const Bytes damaged = {1, 3, 2, 0x12, 0x34, 0, 0};
   const Bytes exception = modbus::RtuFrame(1, {0x83, 2});
   const Bytes no_answer = Bytes{0x55} + modbus::RtuFrame(1, {4, 2, 0, 1});
-  const Bytes nested = modbus::RtuFrame(1, Bytes{3, 8} + own + Bytes{0});
+  const Bytes own_end(own.begin() + 4, own.end());
+  const Bytes stale = Told(1, {9, 9, 9, 9});
   Check({},
         {{"noise like its address before it", {{0, Bytes{1} + own}}, {0, own}},
          {"an exception in noise", {{0, Bytes{0x55} + exception + Bytes{0x55}}}, {0, exception}},
-         {"a frame within it", {{0, nested}}, {0, nested}},
          {"damaged, two late ones behind it", {{0, damaged + Told(9) + Told(8)}}, {0, damaged}},
-         {"another function's behind noise", {{0, no_answer}}, {kNotItsAnswer, no_answer}, {}, 500},
-         {"noise", Steps(2, {300, Bytes(300, 9)}), {kNotItsAnswer, Bytes(436, 9)}, {900, 0, 100}},
+         {"another function's behind noise", {{0, no_answer}}, kNotItsAnswer, {}, 500},
+         {"another read's before it", {{0, stale + own}}, {0, own}},
+         {"another read's in pieces",
+          {{0, {1, 3}}, {80, Bytes(stale.begin() + 2, stale.end())}},
+          kNotItsAnswer},
+         {"noise", Steps(2, {300, Bytes(300, 9)}), kNotItsAnswer, {900, 0, 100}},
+         {"pauses within it", {{0, {1}}, {80, {3, 2, 0x12}}, {80, own_end}}, {0, own}},
+         {"a pause behind noise", {{0, {0x55, 1, 3}}, {80, Bytes{2, 0x12} + own_end}}, {0, own}},
+         {"a pause that is too long",
+          {{0, {1, 3}}, {200, Bytes{2, 0x12} + own_end}},
+          {0, {1, 3}},
+          100},
+         {"a pause at the time-out", {{450, {1, 3}}, {80, Bytes{2, 0x12} + own_end}}, {0, own}},
+         {"pauses behind it", {{450, {1, 3}}, {90, {2}}, {90, Bytes{0x12} + own_end}}, kNoAnswer},
          {"an error in two reads", {{0, {1, 2, 0xff}}, {100, {0, 3}}}, kError, {500, 0, 255}},
          {"another's error", {{0, {9, 0xff, 0, 3}}, {240, {1}}}, {0, {1}}, {500, 0, 40}},
          {"a break before it", {{0, Bytes{0xff, 0, 0} + own}}, {0, own}}});
-  Check(
-      {1, 3, 0, 0, 0, 1, 0, 0},  // no Modbus RTU, its CRC is wrong: silence ends the answer
-      {{"at once, not after 16 ms", {{0, {1, 0xff, 0xff, 0}}}, {0, {1, 0xff, 0}}, {}, 17},
-       {"in blocks of 16", {{0, {1}}, {40, {2}}}, {0, {1, 2}}, {}, 40 + 133 + 29, k1200},
-       {"behind another's", {{0, {9}}, {240, {1}}}, {0, {1}}, {500, 0, 40}, 280 + 29, k1200},
-       {"never less than 3.5 characters", {{0, {1}}}, {0, {1}}, {500, 0, 1}, 29 + 29, k1200},
-       {"open at the time-out", {{250, {1, 2}}}, {0, {1, 2}}, {500, 0, 255}, 505},
-       {"still coming then", Steps(150, {20, {1}}), {VLM_RS485_NO_ANSWER, {}}, {500, 0, 255}, 755},
-       {"longest", {{0, Bytes(436, 1)}}, {0, Bytes(436, 1)}},
-       {"too long", {{0, Bytes(437, 1)}}, {VLM_RS485_TOO_LONG, {}}},
-       {"a delimiter too late", {{0, Bytes(436, 1) + Bytes{7}}}, {3, {}}, {500, 7}},
-       {"delimiter", {{0, {7}}, {50, {13, 5}}, {50, {6, 99}}}, {0, {7, 13, 5, 6}}, {900, 13, 2}},
-       {"delimiter missing", {{0, {7, 13, 5}}}, {VLM_RS485_NO_ANSWER, {}}, {500, 13, 2}, 500}});
+  const Bytes nested = Told(1, exception + Bytes{0});
+  Check(modbus::RtuFrame(1, {3, 0, 0, 0, 3}), {{"a frame within it", {{0, nested}}, {0, nested}}});
+  Check({1, 3, 0, 0, 0, 1, 0, 0},  // no Modbus RTU, its CRC is wrong: silence ends the answer
+        {{"at once, not after 16 ms", {{0, {1, 0xff, 0xff, 0}}}, {0, {1, 0xff, 0}}, {}, 17},
+         {"in blocks of 16", {{0, {1}}, {40, {2}}}, {0, {1, 2}}, {}, 40 + 133 + 29, k1200},
+         {"behind another's", {{0, {9}}, {240, {1}}}, {0, {1}}, {500, 0, 40}, 280 + 29, k1200},
+         {"never less than 3.5 characters", {{0, {1}}}, {0, {1}}, {500, 0, 1}, 29 + 29, k1200},
+         {"open at the time-out", {{250, {1, 2}}}, {0, {1, 2}}, {500, 0, 255}, 505},
+         {"still coming then", Steps(150, {20, {1}}), kNoAnswer, {500, 0, 255}, 755},
+         {"longest", {{0, Bytes(436, 1)}}, {0, Bytes(436, 1)}},
+         {"too long", {{0, Bytes(437, 1)}}, {VLM_RS485_TOO_LONG, {}}},
+         {"a delimiter too late", {{0, Bytes(436, 1) + Bytes{7}}}, {3, {}}, {500, 7}},
+         {"delimiter", {{0, {7}}, {50, {13, 5}}, {50, {6, 99}}}, {0, {7, 13, 5, 6}}, {900, 13, 2}},
+         {"delimiter missing", {{0, {7, 13, 5}}}, kNoAnswer, {500, 13, 2}, 500}});
+}
+
+TEST(SerialLibraryTest, AnEchoIsNoAnswer) {
+  const Bytes read = modbus::RtuFrame(1, {3, 0, 0, 0, 1});
+  const Bytes write = modbus::RtuFrame(1, {6, 0, 1, 0, 5});
+  const Bytes own = Told(1);
+  struct Row {
+    const char* name;
+    Bytes frame;
+    Steps steps;
+    Outcome outcome;
+    const char* setting = nullptr;  // the port is opened anew
+  };
+  const Row rows[] = {
+      {"of a write, not known", write, {{0, write}}, {0, write}, "0"},
+      {"of a read", read, {{0, read}, {50, own}}, {0, own}},
+      {"of a write, known", write, {{0, write}}, kNoAnswer},
+      {"and its answer", write, {{0, Bytes{0} + write}, {50, write}}, {0, write}},
+      {"forgotten", write, {{0, write}}, {0, write}, "0"},
+      {"of a read, alone", read, {{0, {1, 3}}, {5, {0, 0, 0, 1}}, {5, {0x84, 0x0a}}}, kNoAnswer},
+      {"set", write, {{0, {1, 6}}, {50, Bytes(write.begin() + 2, write.end())}}, kNoAnswer, "1"},
+      {"set, and none there", read, {{0, own}}, {0, own}, "1"},
+      {"of another protocol",
+       {1, 13, 2, 3, 4, 5, 6, 7},
+       {{0, {1, 13, 2, 3, 4, 5, 6, 7}}},
+       kNoAnswer},
+  };
+  Steps steps;
+  const Field field(1, k115200, [&](int) { return steps; });
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    steps = row.steps;
+    if (row.setting != nullptr) {
+      ::setenv("RS485_ECHO_1", row.setting, 1);
+      EXPECT_EQ(vlm_rs485_open(1, false, k115200), 0);
+    }
+    Add(1, 1, {}, row.frame);
+    RunCycle(1);
+    EXPECT_EQ(Answer(1, 1), row.outcome);
+  }
 }
 
 TEST(SerialLibraryTest, LateAnswersLandInNoOtherSlot) {
@@ -221,7 +276,7 @@ TEST(SerialLibraryTest, LateAnswersLandInNoOtherSlot) {
   vlm_rs485_addEventListener(1, [] { ++calls; });
   RunCycle(1);
   vlm_rs485_removeEventListener(1);
-  EXPECT_EQ(Answer(1, 1), (Outcome{VLM_RS485_NO_ANSWER, {}}));
+  EXPECT_EQ(Answer(1, 1), kNoAnswer);
   EXPECT_EQ(Answer(1, 31), (Outcome{0, Told(31)}));
   Add(1, 1);
   EXPECT_EQ(vlm_rs485_startCom(1), 1);

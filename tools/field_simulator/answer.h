@@ -18,6 +18,8 @@ struct Piece {
   std::chrono::nanoseconds pause{0};
   /// A stray piece holds up nothing: answers to later requests may overtake it.
   bool is_stray = false;
+  /// A serial line delivers each of these bytes with a parity error.
+  bool is_damaged = false;
 };
 
 /// What becomes of the connection once every piece is out.

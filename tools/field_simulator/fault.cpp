@@ -152,6 +152,23 @@ Answer PlayWrongCrc(const Reply& reply) {
   return OneFrame(std::move(wrong));
 }
 
+Answer PlayPause(const Reply& reply) {
+  const std::size_t half = reply.frame.size() / 2;
+  return Then(OneFrame(Part(reply.frame, 0, half)), Part(reply.frame, half, reply.frame.size()),
+              reply.first);
+}
+
+Answer PlayCut(const Reply& reply) {
+  const auto missing = std::min(static_cast<std::size_t>(reply.first), reply.frame.size());
+  return OneFrame(Part(reply.frame, 0, reply.frame.size() - missing));
+}
+
+Answer PlayParity(const Reply& reply) {
+  Answer answer = PlayPause(reply);
+  answer.pieces.back().is_damaged = true;
+  return answer;
+}
+
 /// One row for each kind, at the index of its number.
 constexpr FaultDescription kFaults[] = {
     {FaultKind::kNone, "none", "answers as it should", PlayFrame, PlayFrame},
@@ -221,6 +238,12 @@ constexpr FaultDescription kFaults[] = {
      }},
     {FaultKind::kUnaccepted, "unaccepted", "has no room for a connection: connect timed out",
      PlayNothing},
+    {FaultKind::kPause, "pause", "sends half of the frame, the rest MS later", nullptr, PlayPause,
+     Takes(Milliseconds(50))},
+    {FaultKind::kCut, "cut", "sends the frame without its last BYTES", nullptr, PlayCut,
+     Takes(Size(2, 256))},
+    {FaultKind::kParity, "parity", "sends half of the frame with parity errors", nullptr,
+     PlayParity},
 };
 
 constexpr bool RowsAreInOrder() {

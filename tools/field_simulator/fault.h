@@ -37,6 +37,9 @@ enum class FaultKind {
   kOtherAddress,
   kReset,
   kUnaccepted,
+  kPause,
+  kCut,
+  kParity,
 };
 
 /// Holding registers from here on choose a fault for one exchange (Fault::OfRegister).

@@ -74,7 +74,8 @@ FieldSimulator::FieldSimulator(FieldSimulatorConfig config) : config_(std::move(
   loop_ = std::make_unique<EventLoop>();
   tcp_bus_ = std::make_unique<TcpBus>(*loop_);
   for (const RtuBusConfig& config_of_bus : config_.buses) {
-    auto bus = std::make_unique<RtuBus>(*loop_, config_of_bus.path, config_of_bus.baud_rate);
+    auto bus = std::make_unique<RtuBus>(*loop_, config_of_bus.path, config_of_bus.baud_rate,
+                                        config_of_bus.is_echoing);
     for (const RtuDeviceConfig& device : config_of_bus.devices) {
       bus->AddDevice(device.address, device.fault);
     }

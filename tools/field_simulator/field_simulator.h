@@ -44,6 +44,8 @@ struct RtuBusConfig {
   std::vector<RtuDeviceConfig> devices;
   /// Baud rate at whose pace answers come, 11 bits a character; 0: at once.
   int baud_rate = 0;
+  /// Whether the adapter hears what it sends: each request comes back to the client.
+  bool is_echoing = false;
 };
 
 struct FieldSimulatorConfig {

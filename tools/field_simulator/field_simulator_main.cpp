@@ -38,6 +38,7 @@ struct Options {
   bool is_same_port = false;
   std::vector<std::string> buses;
   int baud_rate = 0;
+  bool is_echoing = false;
   std::vector<std::string> faults;
 };
 
@@ -65,6 +66,8 @@ void AddOptions(CLI::App& app, Options& options) {
                  "answers on a bus come at the pace of this baud rate; 0: at once")
       ->check(CLI::Range(0, 10000000))
       ->capture_default_str();
+  app.add_flag("--rtu-echo", options.is_echoing,
+               "the adapter of each bus hears what it sends: requests come back, too");
   app.add_option("--fault", options.faults,
                  "devices with this address have the fault, those of a bus PATH with "
                  "PATH:ADDRESS=FAULT, TCP devices with tcp:ADDRESS=FAULT; ADDRESS * is every one; "
@@ -85,14 +88,15 @@ int ParseAddress(const std::string& text, const std::string& option) {
   return address;
 }
 
-RtuBusConfig ParseBus(const std::string& option, int baud_rate) {
+RtuBusConfig ParseBus(const std::string& option, const Options& options) {
   const std::size_t equals = option.rfind('=');
   if (equals == std::string::npos) {
     throw std::invalid_argument("--rtu-bus " + option + ": expected PATH=ADDRESS,...");
   }
   RtuBusConfig bus;
   bus.path = option.substr(0, equals);
-  bus.baud_rate = baud_rate;
+  bus.baud_rate = options.baud_rate;
+  bus.is_echoing = options.is_echoing;
   std::istringstream items(option.substr(equals + 1));
   for (std::string item; std::getline(items, item, ',');) {
     const std::size_t dash = item.find('-');
@@ -168,7 +172,7 @@ FieldSimulatorConfig MakeConfig(const Options& options) {
         {address, options.address, static_cast<std::uint16_t>(options.base_port + offset), {}});
   }
   for (const std::string& bus : options.buses) {
-    config.buses.push_back(ParseBus(bus, options.baud_rate));
+    config.buses.push_back(ParseBus(bus, options));
   }
   for (const std::string& fault : options.faults) {
     ApplyFault(fault, config);

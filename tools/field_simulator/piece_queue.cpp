@@ -1,7 +1,5 @@
 #include "piece_queue.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <utility>
@@ -21,17 +19,17 @@ PieceQueue::TimePoint PieceQueue::Add(std::vector<Piece> pieces, TimePoint busy_
     if (position == queue_.begin() && !queue_.empty() && queue_.front().sent > 0) {
       ++position;
     }
-    queue_.insert(position, {due, std::move(piece.bytes), 0});
+    queue_.insert(position, {due, std::move(piece.bytes), piece.is_damaged});
   }
   return busy_until;
 }
 
-PieceQueue::Result PieceQueue::Send(int descriptor) {
+PieceQueue::Result PieceQueue::Send(const Writer& write) {
   const TimePoint now = EventLoop::Clock::now();
   while (!queue_.empty() && queue_.front().due <= now) {
     QueuedPiece& piece = queue_.front();
     const ssize_t size =
-        write(descriptor, piece.bytes.data() + piece.sent, piece.bytes.size() - piece.sent);
+        write(piece.bytes.data() + piece.sent, piece.bytes.size() - piece.sent, piece.is_damaged);
     if (size < 0) {
       return errno == EAGAIN ? Result::kBlocked : Result::kFailed;
     }

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <deque>
+#include <functional>
 #include <optional>
 #include <vector>
 
@@ -28,8 +29,11 @@ class PieceQueue {
   /// the last piece that is not stray is due, for the answer after this one.
   [[nodiscard]] TimePoint Add(std::vector<Piece> pieces, TimePoint busy_until);
 
-  /// Writes what is due to a descriptor that does not block. SIGPIPE must be blocked or ignored.
-  Result Send(int descriptor);
+  /// Writes bytes, damaged ones in place of what they were, and returns like write(2).
+  using Writer =
+      std::function<ssize_t(const std::uint8_t* bytes, std::size_t size, bool is_damaged)>;
+  /// Writes what is due. A writer does not block, and SIGPIPE must be blocked or ignored.
+  Result Send(const Writer& write);
 
   /// When the first piece is due; empty when there is none.
   std::optional<TimePoint> FirstDue() const;
@@ -42,6 +46,7 @@ class PieceQueue {
   struct QueuedPiece {
     TimePoint due;
     Bytes bytes;
+    bool is_damaged;
     std::size_t sent = 0;
   };
 

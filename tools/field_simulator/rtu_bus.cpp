@@ -11,6 +11,7 @@
 #include <climits>
 #include <cstddef>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "modbus_frame.h"
@@ -27,6 +28,8 @@ constexpr std::size_t kReceiveSize = 4096;
 constexpr std::size_t kLargestInput = 512;
 /// Longer than the scheduler is likely to hold up a client in the middle of a request.
 constexpr milliseconds kSilence(50);
+/// Longer than the kernel takes to hand what is written to the far side.
+constexpr milliseconds kHandOver(10);
 constexpr int kBroadcastAddress = 0;
 constexpr std::int64_t kBitsPerCharacter = 11;
 /// The silence on the line, in characters, by which a device knows the end of a request.
@@ -46,6 +49,15 @@ Bytes TakeRequest(Bytes& input) {
   return IsRtuFrame(input, length) ? TakeFirst(input, length) : Bytes();
 }
 
+/// Bytes with parity errors as a terminal with PARMRK marks them (termios(3)).
+Bytes Marked(const std::uint8_t* bytes, std::size_t size) {
+  Bytes marked;
+  for (std::size_t index = 0; index < size; ++index) {
+    marked.insert(marked.end(), {0xFF, 0, bytes[index]});
+  }
+  return marked;
+}
+
 /// What the symbolic link points to; empty when there is none.
 std::string LinkTarget(const std::string& path) {
   std::array<char, PATH_MAX> target{};
@@ -55,10 +67,11 @@ std::string LinkTarget(const std::string& path) {
 
 }  // namespace
 
-RtuBus::RtuBus(EventLoop& loop, std::string path, int baud_rate)
+RtuBus::RtuBus(EventLoop& loop, std::string path, int baud_rate, bool is_echoing)
     : loop_(loop),
       path_(std::move(path)),
       character_time_(CharacterTime(baud_rate)),
+      is_echoing_(is_echoing),
       responder_(Transport::kRtu) {}
 
 RtuBus::~RtuBus() {
@@ -201,6 +214,11 @@ void RtuBus::ServeAfterSilence() {
 
 void RtuBus::Serve(Bytes request) {
   const int address = request.front();
+  if (is_echoing_) {
+    static_cast<void>(output_.Add(Paced({{request}}, nanoseconds(0)), {}));
+  }
+  const auto lead = std::chrono::duration_cast<nanoseconds>(
+      character_time_ * (static_cast<double>(request.size()) + kSilentCharacters));
   for (BusDevice& each : devices_) {
     SimulatedDevice& device = each.device;
     if (address != kBroadcastAddress && address != device.registers.Address()) {
@@ -209,20 +227,19 @@ void RtuBus::Serve(Bytes request) {
     ++device.requests;
     const Fault fault = Fault::TakeFromRequest(request, Transport::kRtu).value_or(device.fault);
     Answer answer = fault.Play(responder_.Reply(request, device.registers), Transport::kRtu);
-    each.busy_until = output_.Add(Paced(std::move(answer.pieces), request.size()), each.busy_until);
+    each.busy_until = output_.Add(Paced(std::move(answer.pieces), lead), each.busy_until);
   }
 }
 
-/// The pieces as they come off the line: after the request and the silence behind it, cut so small
-/// that each takes about a millisecond, and each there when its last character is.
-std::vector<Piece> RtuBus::Paced(std::vector<Piece> pieces, std::size_t request_length) const {
+/// The pieces as they come off the line: `lead` later, cut so small that each takes about a
+/// millisecond, and each there when its last character is.
+std::vector<Piece> RtuBus::Paced(std::vector<Piece> pieces, nanoseconds lead) const {
   if (character_time_.count() == 0 || pieces.empty()) {
     return pieces;
   }
   const auto characters =
       static_cast<std::size_t>(std::max<std::int64_t>(1, milliseconds(1) / character_time_));
-  pieces.front().pause += std::chrono::duration_cast<nanoseconds>(
-      character_time_ * (static_cast<double>(request_length) + kSilentCharacters));
+  pieces.front().pause += lead;
   std::vector<Piece> paced;
   for (const Piece& piece : pieces) {
     nanoseconds pause = piece.pause;
@@ -230,17 +247,44 @@ std::vector<Piece> RtuBus::Paced(std::vector<Piece> pieces, std::size_t request_
       const std::size_t size = std::min(characters, piece.bytes.size() - offset);
       const auto begin = piece.bytes.begin() + static_cast<std::ptrdiff_t>(offset);
       pause += character_time_ * static_cast<std::int64_t>(size);
-      paced.push_back(
-          {Bytes(begin, begin + static_cast<std::ptrdiff_t>(size)), pause, piece.is_stray});
+      paced.push_back({Bytes(begin, begin + static_cast<std::ptrdiff_t>(size)), pause,
+                       piece.is_stray, piece.is_damaged});
       pause = nanoseconds(0);
     }
   }
   return paced;
 }
 
+ssize_t RtuBus::Write(const std::uint8_t* bytes, std::size_t size, bool is_damaged) {
+  termios line{};
+  if (!is_damaged || tcgetattr(far_side_.Get(), &line) != 0 || (line.c_iflag & INPCK) == 0) {
+    return write(master_.Get(), bytes, size);
+  }
+  if ((line.c_iflag & IGNPAR) != 0) {
+    return static_cast<ssize_t>(size);
+  }
+  if ((line.c_iflag & PARMRK) == 0) {
+    const Bytes zeros(size);
+    return write(master_.Get(), zeros.data(), size);
+  }
+  // A terminal without a line has no errors to mark, so the marks come from here, and the terminal
+  // adds none of its own to them.
+  const Bytes marked = Marked(bytes, size);
+  line.c_iflag &= ~static_cast<tcflag_t>(PARMRK);
+  tcsetattr(far_side_.Get(), TCSANOW, &line);
+  const ssize_t written = write(master_.Get(), marked.data(), marked.size());
+  std::this_thread::sleep_for(kHandOver);
+  line.c_iflag |= PARMRK;
+  tcsetattr(far_side_.Get(), TCSANOW, &line);
+  return written < 0 ? written : static_cast<ssize_t>(size);
+}
+
 void RtuBus::TransmitAndArm() {
   // A line does not wait for its reader: what the terminal has no room for is lost.
-  while (output_.Send(master_.Get()) != PieceQueue::Result::kSent) {
+  const auto write = [this](const std::uint8_t* bytes, std::size_t size, bool is_damaged) {
+    return Write(bytes, size, is_damaged);
+  };
+  while (output_.Send(write) != PieceQueue::Result::kSent) {
     output_.DropFirst();
   }
   std::optional<TimePoint> wake = output_.FirstDue();

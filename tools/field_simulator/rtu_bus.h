@@ -29,10 +29,11 @@ namespace tmsc::simulator {
 /// AddDevice before the event loop starts. All else may be called from any thread.
 class RtuBus : private EventLoop::Handler {
  public:
-  /// The loop stays with the caller and outlives the bus. baud_rate above 0: answers come at the
-  /// pace of a line of that speed, 11 bits a character. Throws std::system_error when there are no
-  /// descriptors left.
-  RtuBus(EventLoop& loop, std::string path, int baud_rate);
+  /// The loop stays with the caller and outlives the bus. baud_rate above 0: what the client hears
+  /// comes at the pace of a line of that speed, 11 bits a character. is_echoing: its adapter hears
+  /// what it sends; each request comes back. Throws std::system_error when there are no descriptors
+  /// left.
+  RtuBus(EventLoop& loop, std::string path, int baud_rate, bool is_echoing);
   /// Unplugs.
   ~RtuBus() override;
   RtuBus(const RtuBus&) = delete;
@@ -74,7 +75,8 @@ class RtuBus : private EventLoop::Handler {
   void ServeInput();
   void ServeAfterSilence();
   void Serve(Bytes request);
-  std::vector<Piece> Paced(std::vector<Piece> pieces, std::size_t request_length) const;
+  std::vector<Piece> Paced(std::vector<Piece> pieces, std::chrono::nanoseconds lead) const;
+  ssize_t Write(const std::uint8_t* bytes, std::size_t size, bool is_damaged);
   void TransmitAndArm();
   /// The device's index in devices_.
   std::size_t IndexOf(int address) const;
@@ -83,6 +85,7 @@ class RtuBus : private EventLoop::Handler {
   const std::string path_;
   /// 0 without pacing.
   const std::chrono::nanoseconds character_time_;
+  const bool is_echoing_;
   ModbusResponder responder_;
   std::deque<BusDevice> devices_;
 

@@ -315,7 +315,10 @@ PieceQueue::Result TcpBus::SendQueued(Connection& connection) {
   static const Bytes filling(kReceiveSize, 0xEE);
   const int descriptor = connection.descriptor.Get();
   // The thread of the loop has every signal blocked, so a peer that is gone raises none.
-  const PieceQueue::Result result = connection.output.Send(descriptor);
+  const PieceQueue::Result result =
+      connection.output.Send([descriptor](const std::uint8_t* bytes, std::size_t size, bool) {
+        return write(descriptor, bytes, size);
+      });
   if (result != PieceQueue::Result::kSent || connection.output.Size() != 0 ||
       connection.ending != Ending::kEndless) {
     return result;
