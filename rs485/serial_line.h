@@ -60,10 +60,12 @@ class SerialLine {
 
  private:
   LineEvent Wait(short events, Clock::time_point until);
+  void SetTimer(Clock::time_point moment) const;
   bool Configure(const BaudRate& rate);
   void ChooseHardwareMode();
 
   int descriptor_ = -1;
+  int timer_ = -1;  // open while the device is
   int interrupt_event_;
   const CharacterFormat* format_ = nullptr;
   int mark_length_ = 0;  // bytes of an error mark read so far

@@ -97,6 +97,44 @@ TEST_F(Rs485, AStopDuringACycleIsInTime) {
   ExpectStops(daemon);
 }
 
+// 60 registers at 9600 baud come a few bytes at a time. Devices 1 to 3 answer, 4 is not there.
+TEST(Rs485Line, LongAnswersAtLineSpeedAreWholeAndAWaitTakesNoProcessorTime) {
+  constexpr int kTimeoutMs = 900;
+  const TempFolder folder;
+  simulator::FieldSimulator field({{}, false, {{folder.Path("bus"), {{1}, {2}, {3}}, 9600}}});
+  field.Start();
+  ::setenv("RS485_PORT_1", folder.Path("bus").c_str(), 1);
+  const DaemonProcess daemon;
+  Rs485Request request = MakeRs485Request(1, VLM_RS485_BAUD_9600);
+  for (int address = 1; address <= 4; ++address) {
+    const modbus::Bytes pdu =
+        modbus::ReadRegistersPdu(modbus::kReadHoldingRegisters, kRegister, 60);
+    // A silence of 255 ms, since this machine may pause for longer than a line.
+    EXPECT_FALSE(AddRs485Device(request,
+                                {static_cast<byte>(address), VLM_RS485_8N1, kTimeoutMs, 0, 255, 0},
+                                modbus::RtuFrame(address, pdu)));
+  }
+  const auto processor_ms = [&daemon] {
+    clockid_t clock{};
+    timespec time{};
+    EXPECT_EQ(::clock_getcpuclockid(daemon.Pid(), &clock), 0);
+    EXPECT_EQ(::clock_gettime(clock, &time), 0);
+    return time.tv_sec * 1000 + time.tv_nsec / 1000000;
+  };
+  const auto before = processor_ms();
+  const ResponseReceiveData response = Exchange(daemon, request);
+  EXPECT_LT(processor_ms() - before, kTimeoutMs / 3);
+  for (int address = 1; address <= 3; ++address) {
+    modbus::Bytes pdu = {modbus::kReadHoldingRegisters, 120};
+    for (int i = 0; i < 60; ++i) {
+      modbus::AppendWord(pdu, address * 1000 + kRegister + i);
+    }
+    EXPECT_EQ(DeviceAnswer(response, address).value_or(DeviceReply{}).frame,
+              modbus::RtuFrame(address, pdu));
+  }
+  EXPECT_EQ(DeviceAnswer(response, 4)->status, VLM_RS485_NO_ANSWER);
+}
+
 // What `tamselctl settings` says of the log's growth: every line, and bytes within 10 %.
 TEST_F(Rs485, TheLogGrowsAsTheSettingsCommandSays) {
   constexpr int kRequests = 3;

@@ -1,9 +1,9 @@
 #include "event_loop.h"
 
-#include <poll.h>
 #include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 
 #include <algorithm>
 #include <array>
@@ -14,15 +14,19 @@ namespace tmsc::simulator {
 namespace {
 
 constexpr std::uint64_t kWakeEventId = 0;
+constexpr std::uint64_t kTimerId = ~kWakeEventId;
 
 }  // namespace
 
 EventLoop::EventLoop()
-    : epoll_(epoll_create1(EPOLL_CLOEXEC)), wake_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (!epoll_.IsOpen() || !wake_event_.IsOpen()) {
+    : epoll_(epoll_create1(EPOLL_CLOEXEC)),
+      wake_event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      timer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)) {
+  if (!epoll_.IsOpen() || !wake_event_.IsOpen() || !timer_.IsOpen()) {
     throw SystemError("cannot make the event loop");
   }
   Watch(wake_event_.Get(), kWakeEventId, EPOLLIN, EPOLL_CTL_ADD);
+  Watch(timer_.Get(), kTimerId, EPOLLIN, EPOLL_CTL_ADD);
 }
 
 EventLoop::~EventLoop() {
@@ -89,12 +93,9 @@ void EventLoop::Run() {
   std::array<epoll_event, 64> events{};
   std::unique_lock<std::mutex> lock(mutex_);
   while (!is_stopping_) {
-    const std::optional<timespec> wait_time = WaitTime();
+    SetTimer();
     lock.unlock();
-    // ppoll, because epoll_wait counts in milliseconds: a line's characters come faster.
-    pollfd ready = {epoll_.Get(), POLLIN, 0};
-    ppoll(&ready, 1, wait_time ? &*wait_time : nullptr, nullptr);
-    const int count = epoll_wait(epoll_.Get(), events.data(), static_cast<int>(events.size()), 0);
+    const int count = epoll_wait(epoll_.Get(), events.data(), static_cast<int>(events.size()), -1);
     lock.lock();
     for (int index = 0; index < count && !is_stopping_; ++index) {
       const epoll_event& event = events[static_cast<std::size_t>(index)];
@@ -104,16 +105,16 @@ void EventLoop::Run() {
   }
 }
 
-/// Time to the first wake; empty: no limit.
-std::optional<timespec> EventLoop::WaitTime() const {
-  if (wakes_.empty()) {
-    return std::nullopt;
+void EventLoop::SetTimer() const {
+  itimerspec setting{};  // off
+  if (!wakes_.empty()) {
+    const auto moment = std::max<std::chrono::nanoseconds>(wakes_.begin()->first.time_since_epoch(),
+                                                           std::chrono::nanoseconds(1));
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(moment);
+    setting.it_value = {static_cast<time_t>(seconds.count()),
+                        static_cast<long>((moment - seconds).count())};
   }
-  const auto wait = std::max<std::chrono::nanoseconds>(wakes_.begin()->first - Clock::now(),
-                                                       std::chrono::nanoseconds(0));
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(wait);
-  return timespec{static_cast<time_t>(seconds.count()),
-                  static_cast<long>((wait - seconds).count())};
+  timerfd_settime(timer_.Get(), TFD_TIMER_ABSTIME, &setting, nullptr);
 }
 
 void EventLoop::CallEvents(std::uint64_t id, std::uint32_t events) {

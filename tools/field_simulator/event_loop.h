@@ -1,8 +1,6 @@
 #ifndef TAMSEL_FIELD_SIMULATOR_EVENT_LOOP_H_
 #define TAMSEL_FIELD_SIMULATOR_EVENT_LOOP_H_
 
-#include <time.h>
-
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -72,7 +70,8 @@ class EventLoop {
   };
 
   void Run();
-  std::optional<timespec> WaitTime() const;
+  /// To the first wake, if there is one.
+  void SetTimer() const;
   void CallEvents(std::uint64_t id, std::uint32_t events);
   void CallTimes();
 
@@ -80,6 +79,8 @@ class EventLoop {
   bool is_stopping_ = false;
   Descriptor epoll_;
   Descriptor wake_event_;
+  /// epoll_wait counts in milliseconds, and a line's characters come faster.
+  Descriptor timer_;
   /// 1 and up. An event carries the id, never a pointer: what it is about may be gone.
   std::uint64_t last_id_ = 0;
   std::map<std::uint64_t, Entry> entries_;
