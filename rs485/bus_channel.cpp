@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
-#include <string_view>
+#include <exception>
+#include <optional>
+
+#include "port_settings.h"
 
 namespace rs485 {
 
@@ -41,17 +43,32 @@ class BusChannel::Interruption {
 
 BusChannel::BusChannel(int channel) : channel_(channel) {}
 
-std::string BusChannel::DevicePath() const {
-  const std::string number = std::to_string(channel_);
-  const char* path = std::getenv(("RS485_PORT_" + number).c_str());
-  return path != nullptr && *path != '\0' ? path : "/dev/ttyRS485-" + number;
+/// Opens the device as the environment says now.
+bool BusChannel::OpenLine() {
+  const std::optional<PortSettings> settings = ReadPortSettings(channel_);
+  if (!settings) {
+    errno = EINVAL;
+    return false;
+  }
+  silence_ = settings->silence;
+  is_echoing_ = settings->is_echoing;
+  ChooseCapture(settings->capture);
+  return line_.Open(*settings, *rate_);
 }
 
-/// Opens the serial device, which may be another adapter than the last time. False with errno set.
-bool BusChannel::OpenLine() {
-  const char* echo = std::getenv(("RS485_ECHO_" + std::to_string(channel_)).c_str());
-  is_echoing_ = echo != nullptr && std::string_view(echo) == "1";
-  return line_.Open(DevicePath(), *rate_);
+/// Goes on with the capture of that name, or begins or ends one.
+void BusChannel::ChooseCapture(const std::string& path) {
+  if (path == (capture_ != nullptr ? capture_->Path() : std::string())) {
+    return;
+  }
+  line_.SetCapture(nullptr);
+  capture_.reset();
+  try {
+    capture_ = path.empty() ? nullptr : std::make_unique<BusCapture>(path);
+  } catch (const std::exception&) {
+    // For want of memory or threads: the bus is served without one.
+  }
+  line_.SetCapture(capture_.get());
 }
 
 int BusChannel::Open(unsigned char baud_code) {
@@ -136,6 +153,9 @@ bool BusChannel::RunCycle() {
       }
       device.frame.clear();
     }
+    if (capture_ != nullptr) {
+      capture_->EndCycle();
+    }
     flags_ = 0;
     has_answers_ = true;
     listener = listener_;
@@ -193,7 +213,7 @@ unsigned char BusChannel::Exchange(Device& device) {
 /// Discards input until the line has been silent for long enough to address the device. What it
 /// has to wait longer because of that input is taken from the time-out, which bounds it.
 LineEvent BusChannel::KeepSilence(const Device& device, Duration& timeout) {
-  const Duration silence = InterFrameSilence(*rate_, *device.format) + device.wait;
+  const Duration silence = Silence(device) + device.wait;
   Clock::time_point start = std::max(last_activity_ + silence, Clock::now() + device.wait);
   Clock::time_point quiet = start;
   while (true) {
@@ -220,19 +240,19 @@ LineEvent BusChannel::KeepSilence(const Device& device, Duration& timeout) {
 LineEvent BusChannel::Send(const Device& device, Duration timeout) {
   const Duration frame_time =
       CharacterTime(*rate_, *device.format) * static_cast<long>(device.frame.size());
-  const LineEvent event =
-      line_.Write(device.frame.data(), device.frame.size(), Clock::now() + frame_time + timeout);
-  // The driver has the frame, the line carries it from now on.
-  last_activity_ = Clock::now() + frame_time;
-  return event;
+  return line_.Send(device.frame, frame_time, timeout, last_activity_);
+}
+
+/// Silence that separates the device's frame from the one before.
+BusChannel::Duration BusChannel::Silence(const Device& device) const {
+  return InterFrameSilence(*rate_, *device.format, silence_);
 }
 
 /// Silence that ends the device's answer as far as it has come.
 BusChannel::Duration BusChannel::AnswerSilence(const Device& device,
                                                const AnswerReader& reader) const {
   if (device.delimiter == 0 && device.after_delimiter != 0) {
-    return std::max<Duration>(InterFrameSilence(*rate_, *device.format),
-                              std::chrono::milliseconds(device.after_delimiter));
+    return std::max<Duration>(Silence(device), std::chrono::milliseconds(device.after_delimiter));
   }
   const Duration silence = EndSilence(*rate_, *device.format);
   return reader.IsIncomplete() ? std::max<Duration>(silence, kPauseWithinAnswer) : silence;

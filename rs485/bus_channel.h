@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -47,13 +48,14 @@ class BusChannel {
 
   class Interruption;
 
-  std::string DevicePath() const;
   bool OpenLine();
+  void ChooseCapture(const std::string& path);
   void Serve(Device& device);
   unsigned char Exchange(Device& device);
   LineEvent KeepSilence(const Device& device, Duration& timeout);
   LineEvent Send(const Device& device, Duration timeout);
   unsigned char Receive(Device& device, Duration timeout);
+  Duration Silence(const Device& device) const;
   LineEvent Listen(const Device& device, AnswerReader& reader, Clock::time_point until);
   Duration AnswerSilence(const Device& device, const AnswerReader& reader) const;
   LineEvent TakeInput(AnswerReader& reader, bool& is_whole);
@@ -65,9 +67,11 @@ class BusChannel {
   std::mutex mutex_;  // guards all that follows; line_.Interrupt is called without it
   bool is_open_ = false;
   const BaudRate* rate_ = nullptr;
-  SerialLine line_;                  // closed while is_open_: the serial device is gone
-  bool is_echoing_ = false;          // what is sent comes back
-  Clock::time_point last_activity_;  // when the line was last known to carry a character
+  FrameSilence silence_ = FrameSilence::kGuide;
+  std::unique_ptr<BusCapture> capture_;  // null: none is asked for
+  SerialLine line_;                      // closed while is_open_: the serial device is gone
+  bool is_echoing_ = false;              // what is sent comes back
+  Clock::time_point last_activity_;      // when the line was last known to carry a character
   Device devices_[RS485_MAX_MC_NUM];
   unsigned int flags_ = 0;
   void (*listener_)() = nullptr;

@@ -52,9 +52,11 @@ std::chrono::nanoseconds CharacterTime(const BaudRate& rate, const CharacterForm
   return std::chrono::nanoseconds(std::chrono::seconds(format.bits)) / rate.bits_per_second;
 }
 
-std::chrono::nanoseconds InterFrameSilence(const BaudRate& rate, const CharacterFormat& format) {
-  return rate.bits_per_second > kFixedSilenceAbove ? std::chrono::nanoseconds(kFixedSilence)
-                                                   : CharacterTime(rate, format) * 7 / 2;
+std::chrono::nanoseconds InterFrameSilence(const BaudRate& rate, const CharacterFormat& format,
+                                           FrameSilence silence) {
+  const bool is_fixed =
+      silence == FrameSilence::kGuide && rate.bits_per_second > kFixedSilenceAbove;
+  return is_fixed ? std::chrono::nanoseconds(kFixedSilence) : CharacterTime(rate, format) * 7 / 2;
 }
 
 std::chrono::nanoseconds EndSilence(const BaudRate& rate, const CharacterFormat& format) {

@@ -26,9 +26,15 @@ const CharacterFormat* FindCharacterFormat(unsigned char code);
 /// Time of one character on the line.
 std::chrono::nanoseconds CharacterTime(const BaudRate& rate, const CharacterFormat& format);
 
-/// Silence that separates two frames: 3.5 characters, and 1.75 ms above 19200 bits a second
-/// ("MODBUS over Serial Line V1.02", 2.5.1.1).
-std::chrono::nanoseconds InterFrameSilence(const BaudRate& rate, const CharacterFormat& format);
+/// How long 3.5 characters of silence are above 19200 bits a second.
+enum class FrameSilence {
+  kGuide,       // 1.75 ms ("MODBUS over Serial Line V1.02", 2.5.1.1)
+  kCharacters,  // 3.5 characters, as below
+};
+
+/// Silence that separates two frames: 3.5 characters.
+std::chrono::nanoseconds InterFrameSilence(const BaudRate& rate, const CharacterFormat& format,
+                                           FrameSilence silence);
 
 /// Silence that ends an answer for which nothing else does: longer than the pauses with which a
 /// port hands over what came without one. Never shorter than InterFrameSilence.

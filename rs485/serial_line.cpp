@@ -12,7 +12,17 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "vlm_rs485.h"
+
 namespace rs485 {
+
+namespace {
+
+// How often a device is asked whether it has sent a frame whose time is over: after so long, and
+// after an eighth of what it has taken since.
+constexpr std::chrono::microseconds kShortestSentPoll{100};
+
+}  // namespace
 
 SerialLine::SerialLine() : interrupt_event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
@@ -21,24 +31,26 @@ SerialLine::~SerialLine() {
   ::close(interrupt_event_);
 }
 
-bool SerialLine::Open(const std::string& path, const BaudRate& rate) {
+bool SerialLine::Open(const PortSettings& settings, const BaudRate& rate) {
   Close();
-  descriptor_ = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  rate_ = &rate;
+  descriptor_ = ::open(settings.device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
   if (descriptor_ < 0) {
     return false;
   }
   timer_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);  // the clock of Clock
-  if (timer_ < 0 || !Configure(rate)) {
+  if (timer_ < 0 || !Configure(settings, rate) ||
+      !direction_.Prepare(descriptor_, settings.direction)) {
     const int error = errno;
     Close();
     errno = error;
     return false;
   }
-  ChooseHardwareMode();
+  ChooseLowLatency();
   return true;
 }
 
-bool SerialLine::Configure(const BaudRate& rate) {
+bool SerialLine::Configure(const PortSettings& settings, const BaudRate& rate) {
   termios line{};
   if (::tcgetattr(descriptor_, &line) != 0) {
     return false;
@@ -49,6 +61,9 @@ bool SerialLine::Configure(const BaudRate& rate) {
   line.c_iflag &= ~static_cast<tcflag_t>(IGNPAR | IGNBRK | BRKINT | IXOFF | IXANY);
   line.c_cflag |= CLOCAL | CREAD;
   line.c_cflag &= ~static_cast<tcflag_t>(CRTSCTS);
+  if (!settings.direction.is_rts_on_to_send) {
+    line.c_cflag &= ~static_cast<tcflag_t>(HUPCL);  // a closed port does not drop RTS and so drive
+  }
   line.c_cc[VMIN] = 0;
   line.c_cc[VTIME] = 0;
   format_ = nullptr;
@@ -57,16 +72,8 @@ bool SerialLine::Configure(const BaudRate& rate) {
          ::tcsetattr(descriptor_, TCSANOW, &line) == 0;
 }
 
-/// Where the driver has them: the RS485 mode of the kernel, which drives the line only while it
-/// sends, and short latency. Neither is there on every device.
-void SerialLine::ChooseHardwareMode() {
-  serial_rs485 mode{};
-  if (::ioctl(descriptor_, TIOCGRS485, &mode) == 0) {
-    mode.flags |= SER_RS485_ENABLED | SER_RS485_RTS_ON_SEND;
-    mode.flags &=
-        ~static_cast<decltype(mode.flags)>(SER_RS485_RTS_AFTER_SEND | SER_RS485_RX_DURING_TX);
-    ::ioctl(descriptor_, TIOCSRS485, &mode);
-  }
+/// Where the driver has it.
+void SerialLine::ChooseLowLatency() {
   serial_struct device{};
   if (::ioctl(descriptor_, TIOCGSERIAL, &device) == 0) {
     device.flags |= ASYNC_LOW_LATENCY;
@@ -140,23 +147,95 @@ void SerialLine::SetTimer(Clock::time_point moment) const {
   ::timerfd_settime(timer_, TFD_TIMER_ABSTIME, &setting, nullptr);
 }
 
-LineEvent SerialLine::Write(const unsigned char* bytes, std::size_t count,
-                            Clock::time_point until) {
-  while (count > 0) {
+/// Waits for nothing but the moment: kTimeout, unless the device is gone before it.
+LineEvent SerialLine::Pause(Clock::time_point until) {
+  return until > Clock::now() ? Wait(0, until) : LineEvent::kTimeout;
+}
+
+/// Writes the whole frame.
+LineEvent SerialLine::Write(const std::vector<unsigned char>& frame, Clock::time_point until) {
+  const std::int64_t begin = capture_ != nullptr ? BusCapture::Now() : 0;
+  std::size_t count = 0;
+  while (true) {
+    const ssize_t written = ::write(descriptor_, frame.data() + count, frame.size() - count);
+    if (written < 0 && errno != EAGAIN && errno != EINTR) {
+      return LineEvent::kGone;
+    }
+    count += static_cast<std::size_t>(std::max<ssize_t>(written, 0));
+    if (count == frame.size()) {
+      break;
+    }
     const LineEvent event = Wait(POLLOUT, until);
     if (event != LineEvent::kReady) {
       return event;
     }
-    const ssize_t written = ::write(descriptor_, bytes, count);
-    if (written < 0 && errno != EAGAIN && errno != EINTR) {
-      return LineEvent::kGone;
-    }
-    if (written > 0) {
-      bytes += written;
-      count -= static_cast<std::size_t>(written);
-    }
+  }
+  if (capture_ != nullptr) {
+    capture_->AddSent(frame, begin);
   }
   return LineEvent::kReady;
+}
+
+LineEvent SerialLine::Send(const std::vector<unsigned char>& frame, Clock::duration line_time,
+                           Clock::duration limit, Clock::time_point& last_bit) {
+  if (direction_.IsByLibrary()) {
+    return SendByHand(frame, line_time, limit, last_bit);
+  }
+  const LineEvent event = Write(frame, Clock::now() + line_time + limit);
+  // The driver has the frame, the line carries it from now on.
+  last_bit = Clock::now() + direction_.DelayBefore() + line_time;
+  return event;
+}
+
+/// Drives the line as long as it lives.
+class SerialLine::Driving {
+ public:
+  explicit Driving(const DirectionSwitch& direction) : direction_(direction) {
+    direction_.Drive(true);
+  }
+  ~Driving() { direction_.Drive(false); }
+  Driving(const Driving&) = delete;
+  Driving& operator=(const Driving&) = delete;
+
+ private:
+  const DirectionSwitch& direction_;
+};
+
+/// Sends while this library switches the direction: nobody else lets go of the line.
+LineEvent SerialLine::SendByHand(const std::vector<unsigned char>& frame, Clock::duration line_time,
+                                 Clock::duration limit, Clock::time_point& last_bit) {
+  const Driving driving(direction_);
+  LineEvent event = Pause(Clock::now() + direction_.DelayBefore());
+  const Clock::time_point until = Clock::now() + line_time + limit;
+  if (event == LineEvent::kTimeout) {
+    event = Write(frame, until);
+  }
+  last_bit = Clock::now() + line_time;
+  if (event == LineEvent::kReady) {
+    event = WaitUntilSent(last_bit, until);
+  }
+  if (event == LineEvent::kReady && Pause(last_bit + direction_.DelayAfter()) == LineEvent::kGone) {
+    event = LineEvent::kGone;
+  }
+  return event;
+}
+
+/// Waits until the frame's time on the line is over, and on until the device has sent it.
+LineEvent SerialLine::WaitUntilSent(Clock::time_point& last_bit, Clock::time_point until) {
+  const Clock::time_point due = last_bit;
+  while (true) {
+    if (Pause(last_bit) == LineEvent::kGone) {
+      return LineEvent::kGone;
+    }
+    if (direction_.IsSent()) {
+      return LineEvent::kReady;
+    }
+    if (last_bit >= until) {
+      return LineEvent::kTimeout;
+    }
+    const Clock::time_point now = Clock::now();
+    last_bit = std::min(now + std::max<Clock::duration>(kShortestSentPoll, (now - due) / 8), until);
+  }
 }
 
 SerialLine::Input SerialLine::Read() {
@@ -183,7 +262,20 @@ SerialLine::Input SerialLine::Read() {
       mark_length_ = 0;
     }
   }
+  if (capture_ != nullptr && input.count > 0) {
+    Record(input);
+  }
   return input;
+}
+
+void SerialLine::Record(const Input& input) {
+  const CharacterFormat& format =
+      format_ != nullptr ? *format_ : *FindCharacterFormat(VLM_RS485_8N1);
+  capture_->SetLine(EndSilence(*rate_, format), (format.termios_flags & PARENB) != 0);
+  const std::int64_t now = BusCapture::Now();
+  std::for_each(input.characters, input.characters + input.count, [&](const Character& heard) {
+    capture_->AddHeard(heard.byte, heard.is_damaged, now);
+  });
 }
 
 void SerialLine::Interrupt() {

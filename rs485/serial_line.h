@@ -3,9 +3,12 @@
 
 #include <chrono>
 #include <cstddef>
-#include <string>
+#include <vector>
 
+#include "bus_capture.h"
+#include "direction_switch.h"
 #include "line_codes.h"
+#include "port_settings.h"
 
 namespace rs485 {
 
@@ -33,8 +36,10 @@ class SerialLine {
   SerialLine& operator=(const SerialLine&) = delete;
 
   /// Opens the device at that speed. False with errno set when the system refuses.
-  bool Open(const std::string& path, const BaudRate& rate);
+  bool Open(const PortSettings& settings, const BaudRate& rate);
   void Close();
+  /// Where all that is sent and heard is recorded, too, the caller's own; null: nowhere.
+  void SetCapture(BusCapture* capture) { capture_ = capture; }
   bool IsOpen() const { return descriptor_ >= 0; }
 
   /// False when the device does not take it.
@@ -43,8 +48,10 @@ class SerialLine {
   /// Waits until there is input or the moment comes.
   LineEvent WaitForInput(Clock::time_point until);
 
-  /// Writes all bytes; kTimeout when the device does not take them until the moment.
-  LineEvent Write(const unsigned char* bytes, std::size_t count, Clock::time_point until);
+  /// Sends a frame, which takes `line_time`, and tells when its last bit has left at the latest:
+  /// that may be still to come. kTimeout when the device does not take it in the time and `limit`.
+  LineEvent Send(const std::vector<unsigned char>& frame, Clock::duration line_time,
+                 Clock::duration limit, Clock::time_point& last_bit);
 
   struct Input {
     LineEvent event;    // kTimeout: there was none
@@ -59,13 +66,25 @@ class SerialLine {
   void Resume();
 
  private:
+  class Driving;
+
   LineEvent Wait(short events, Clock::time_point until);
   void SetTimer(Clock::time_point moment) const;
-  bool Configure(const BaudRate& rate);
-  void ChooseHardwareMode();
+  LineEvent Pause(Clock::time_point until);
+  LineEvent Write(const std::vector<unsigned char>& frame, Clock::time_point until);
+  LineEvent SendByHand(const std::vector<unsigned char>& frame, Clock::duration line_time,
+                       Clock::duration limit, Clock::time_point& last_bit);
+  LineEvent WaitUntilSent(Clock::time_point& last_bit, Clock::time_point until);
+  bool Configure(const PortSettings& settings, const BaudRate& rate);
+  void ChooseLowLatency();
+
+  void Record(const Input& input);
 
   int descriptor_ = -1;
   int timer_ = -1;  // open while the device is
+  const BaudRate* rate_ = nullptr;
+  BusCapture* capture_ = nullptr;
+  DirectionSwitch direction_;
   int interrupt_event_;
   const CharacterFormat* format_ = nullptr;
   int mark_length_ = 0;  // bytes of an error mark read so far

@@ -87,9 +87,9 @@ typedef struct receive_data_full {
 } receive_data_full;
 
 /* Opens the serial device of a channel, the one that the environment variable RS485_PORT_n names,
- * by default /dev/ttyRS485-n; RS485_ECHO_n=1 says that it echoes. Returns 0, or -1 with errno set: EINVAL for a channel or a code that
- * does not exist, ENOTSUP for sniffer (listening only), or what the system said. An open port is
- * opened anew. */
+ * by default /dev/ttyRS485-n; RS485_ECHO_n=1 says that it echoes. Returns 0, or -1 with errno set:
+ * EINVAL for a channel or a code that does not exist, ENOTSUP for sniffer (listening only), or what
+ * the system said. An open port is opened anew. */
 int vlm_rs485_open(int channel, bool sniffer, unsigned char baud_rate);
 
 /* Closes a channel's port and ends a cycle in progress on it. Returns 0, or -1 with errno EINVAL
