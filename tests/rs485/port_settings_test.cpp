@@ -107,7 +107,7 @@ namespace {
 class PortSettingsTest : public testing::Test {
  protected:
   static void Set(const std::map<std::string, std::string>& variables) {
-    for (const char* name : {"RTS", "DELAY_BEFORE", "DELAY_AFTER", "SILENCE"}) {
+    for (const char* name : {"RTS", "DELAY_BEFORE", "DELAY_AFTER", "SILENCE", "ECHO"}) {
       const auto given = variables.find(name);
       ::setenv(("RS485_" + std::string(name) + "_1").c_str(),
                given == variables.end() ? "" : given->second.c_str(), 1);
