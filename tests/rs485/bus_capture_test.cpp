@@ -87,6 +87,7 @@ TEST_F(BusCaptureTest, TsharkReadsFramesOfModbusNoiseAndErrors) {
   const Bytes noise = {0x55, 0x66, 0x77, 0x11, 0x22};
   const Bytes two = Told(2);
   const Bytes six = Told(6);
+  const Bytes asked = modbus::RtuFrame(20, {4, 0, 0, 0, 9});
   // What follows the frame to each device, and what is read: event, unit and function, whether the
   // check sum is right, bytes with the header, and in words what it is taken for.
   const std::pair<Steps, std::vector<std::string>> exchanges[] = {
@@ -100,8 +101,9 @@ TEST_F(BusCaptureTest, TsharkReadsFramesOfModbusNoiseAndErrors) {
        {"0x08 12 PARITY_ERROR", "0x02 6 3 1 19 Response"}},
       {{{0, modbus::RtuFrame(7, {3, 0, 0, 0, 1}) + Told(7)}},  // an echo
        {"0x02 7 3 1 20 Query", "0x02 7 3 1 19 Response"}},
-      {{{0, modbus::RtuFrame(20, {4, 0, 0, 0, 9}) + modbus::RtuFrame(20, {0x84, 2}) + Told(8)}},
-       {"0x02 20 4 1 20 Query", "0x02 20 4 1 17 Response", "0x02 8 3 1 19 Response"}},
+      {{{0, asked + asked + modbus::RtuFrame(20, {0x84, 2}) + Told(8)}},  // by a second master
+       {"0x02 20 4 1 20 Query", "0x02 20 4 1 20 Query", "0x02 20 4 1 17 Response",
+        "0x02 8 3 1 19 Response"}},
       {{{0, {0xff, 0, 0}}}, {"0x09 12 SERIAL_BREAK_EVENT", "0x02 13 DATA_RX_START"}},
       {{{0, {0xff, 0, 1}}}, {"0x07 12 FRAMING_ERROR", "0x02 13 DATA_RX_START"}},
   };
