@@ -22,7 +22,6 @@
 #include "log/log_text.h"
 #include "logger_setting/logger_setting_manager.h"
 #include "utility/constant_string.h"
-#include "utility/descriptor_limit.h"
 #include "utility/file_util.h"
 
 namespace tmsc {
@@ -81,9 +80,7 @@ void LimitReceiveTime(int connection) {
 CommunicationServer::CommunicationServer()
     : channel_list_(std::make_unique<std::vector<std::shared_ptr<Channel>>>()),
       stop_event_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      // Half of what device connections leave: the others have enough, whatever clients do.
-      silent_clients_max_(std::min<std::size_t>(
-          kSilentClientsMost, static_cast<std::size_t>(ReservedDescriptors()) / 2)) {
+      silent_clients_max_(SilentClients()) {
   if (!stop_event_.IsOpen()) {
     throw Poco::SystemException("server stop event", errno);
   }

@@ -16,6 +16,7 @@
 #include "communication_result.h"
 #include "utility/deadline.h"
 #include "utility/descriptor.h"
+#include "utility/descriptor_limit.h"
 #include "worker_thread/channel.h"
 #include "worker_thread/request.h"
 
@@ -47,8 +48,6 @@ class CommunicationServer : public Poco::Runnable {
     Descriptor connection;
     Deadline deadline;
   };
-
-  static constexpr std::size_t kSilentClientsMost = 64;
 
   /// What poll(2) waits for; from kFirstClientEntry on silent_clients_, in their order.
   static constexpr std::size_t kStopEntry = 0;

@@ -1,6 +1,5 @@
 #include "health/health_keeper.h"
 
-#include <dirent.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -162,18 +161,6 @@ void VisitMoments(tamsel_health_device& device, Visit visit) {
   visit(device.last_ms);
   visit(device.last_answer_ms);
   visit(device.failing_since_ms);
-}
-
-std::uint32_t CountDescriptors() {
-  std::uint32_t count = 0;
-  if (DIR* directory = ::opendir("/proc/self/fd")) {
-    while (const dirent* entry = ::readdir(directory)) {
-      count += entry->d_name[0] != '.' ? 1 : 0;
-    }
-    ::closedir(directory);
-    --count;  // the directory's own
-  }
-  return count;
 }
 
 /// Whether the settings name the path for another purpose.
@@ -473,14 +460,14 @@ void HealthKeeper::UpdateProcess(bool is_renewal) {
   if (is_card_gone != (card_gone_since_ms_ != 0)) {
     card_gone_since_ms_ = is_card_gone ? NowMs() : 0;
   }
-  const std::uint32_t descriptors = is_renewal ? CountDescriptors() : 0;
+  const int descriptors = is_renewal ? OpenDescriptors() : 0;
   Update(records_->process, [&](tamsel_health_process& record) {
     record.card_gone_since_ms = card_gone_since_ms_;
     record.power = power_;
     record.log_lines_lost = log_condition.lines_lost;
     if (is_renewal) {
       record.updated_ms = NowMs();
-      record.descriptors_in_use = descriptors;
+      record.descriptors_in_use = static_cast<std::uint32_t>(descriptors);
       record.descriptor_limit = static_cast<std::uint32_t>(DescriptorLimit());
     }
   });

@@ -13,7 +13,6 @@
 #include <optional>
 
 #include "utility/deadline.h"
-#include "utility/descriptor_limit.h"
 
 namespace tmsc {
 
@@ -66,11 +65,11 @@ int TCPSocket::Connect(int timeout) {
   if (is_socket_created) {
     return 0;
   }
-  sockfd_.Reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (IsReservedDescriptor(sockfd_.Get())) {
-    sockfd_.Reset();
+  if (descriptor_share_.Take()) {
+    sockfd_.Reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   }
   if (!sockfd_.IsOpen()) {
+    descriptor_share_.Release();
     return kNoDescriptor;
   }
   is_socket_created = true;
@@ -112,6 +111,7 @@ int TCPSocket::PendingError() const {
 
 void TCPSocket::Close() {
   sockfd_.Reset();
+  descriptor_share_.Release();
   is_socket_created = false;
 }
 

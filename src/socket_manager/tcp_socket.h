@@ -6,6 +6,7 @@
 #include <string>
 
 #include "utility/descriptor.h"
+#include "utility/descriptor_limit.h"
 #include "utility/timed_mutex.h"
 
 namespace tmsc {
@@ -32,8 +33,8 @@ class TCPSocket {
   TCPSocket& operator=(const TCPSocket&) = delete;
 
   /// Connects within `timeout` ms, 0 or less for no limit. A socket that was created already is
-  /// taken as connected, without a test. Returns 0 when connected; -1 no descriptor, or none that
-  /// may be used for a device (IsReservedDescriptor); -2 the connect failed at once; -3 time-out,
+  /// taken as connected, without a test. Returns 0 when connected; -1 no descriptor, or none left
+  /// for devices (DeviceDescriptorShare); -2 the connect failed at once; -3 time-out,
   /// the socket is closed; -4 the socket's error cannot be read; -5 the wait failed; a positive
   /// value: the error number that the connect ended with. After a failure the caller closes the
   /// socket.
@@ -71,6 +72,7 @@ class TCPSocket {
   int PendingError() const;
 
   Descriptor sockfd_;
+  DeviceDescriptorShare descriptor_share_;  // of sockfd_
   const std::string ip_address_;
   const int port_;
   timeval read_timeout_{};
