@@ -15,6 +15,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 #include "channel/access_channel_manager.h"
@@ -34,7 +35,6 @@ constexpr int kListenBacklog = 100;
 constexpr int kPollTimeoutMs = 5000;
 constexpr std::size_t kDiscardedBytesMax = 64 * 1024;
 constexpr std::chrono::milliseconds kClientTimeout{1000};
-constexpr std::chrono::milliseconds kNoWait{0};
 // Whatever failed, most likely memory, is not asked for again at once.
 constexpr std::chrono::milliseconds kFailurePause{50};
 
@@ -254,46 +254,36 @@ void LogWriteFailure(int sock, int error) {
                    LogText("Rq dat type 485, write sock fail. [", error, "] sock[", sock, "]"));
 }
 
-/// Sends all bytes until the deadline; false, with a line in the log, when they did not get
-/// through.
-bool SendAll(int sock, const char* bytes, std::size_t count, const Deadline& deadline) {
-  while (count > 0) {
-    const ssize_t written = ::send(sock, bytes, count, MSG_NOSIGNAL | MSG_DONTWAIT);
-    const int error = errno;
-    if (written > 0) {
-      bytes += written;
-      count -= static_cast<std::size_t>(written);
-    } else if (written == 0 || error != EAGAIN || WaitForDescriptor(sock, POLLOUT, deadline) <= 0) {
-      LogWriteFailure(sock, error);
-      return false;
+/// Sends without a wait and takes what is sent off the front. Returns 0 when all is sent, EAGAIN
+/// when there is no room for the rest, else why the client gets no more.
+int SendWhatFits(int sock, std::string_view& unsent) {
+  while (!unsent.empty()) {
+    const ssize_t sent = ::send(sock, unsent.data(), unsent.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent <= 0) {
+      return sent < 0 ? errno : EPIPE;
     }
+    unsent.remove_prefix(static_cast<std::size_t>(sent));
   }
-  return true;
+  return 0;
 }
 
-/// The bytes of a response; null, with a line in the log when there is no result at all, when there
-/// is nothing to write.
-const char* Bytes(const std::shared_ptr<CommunicationResult>& result) {
+/// The bytes of a response; empty, with a line in the log when there is no result at all, when
+/// there is nothing to write.
+std::string_view Bytes(const std::shared_ptr<CommunicationResult>& result) {
   if (!result) {
     LoggerLog::Error(kLogTag, "CommunicationResult nullptr");
-    return nullptr;
   }
-  return reinterpret_cast<const char*>(result->ReceiveData());
+  const ResponseReceiveData* const record = result ? result->ReceiveData() : nullptr;
+  return record == nullptr
+             ? std::string_view()
+             : std::string_view(reinterpret_cast<const char*>(record), sizeof(*record));
 }
 
-/// Sends a response but for its last byte and waits until there is room for that, too. Returns the
-/// last byte; null when there is none to send.
-const char* SendAllButLastByte(int sock, const char* response, const Deadline& deadline) {
-  constexpr std::size_t kCount = sizeof(ResponseReceiveData) - 1;
-  if (response == nullptr || !SendAll(sock, response, kCount, deadline)) {
-    return nullptr;
-  }
-  // Nobody else sends on the connection, so what there is room for now goes through later.
-  if (WaitForDescriptor(sock, POLLOUT, deadline) <= 0) {
-    LogWriteFailure(sock, EAGAIN);
-    return nullptr;
-  }
-  return response + kCount;
+/// The status that the client is told; none when it gets no response.
+std::optional<int> StatusOf(const std::shared_ptr<CommunicationResult>& result) {
+  return result && result->ReceiveData() != nullptr
+             ? std::optional<int>(result->ReceiveData()->receive_data.status)
+             : std::nullopt;
 }
 
 }  // namespace
@@ -316,36 +306,48 @@ void CommSocketWork::Execute() {
   } catch (...) {
     LogException(kLogTag, "Exec exception:");
   }
-  HealthKeeper::ReportRequest(header_.channel_index,
-                              is_answered && result
-                                  ? std::optional<int>(result->ReceiveData()->receive_data.status)
-                                  : std::nullopt,
-                              begin_);
   HandBack(is_answered, result);
 }
 
-/// Writes the response, if there is to be one, closes the connection and frees the channel: on
-/// every path, and without memory of its own.
 void CommSocketWork::HandBack(bool is_answered,
                               const std::shared_ptr<CommunicationResult>& result) noexcept {
-  // All but the last byte: a client that reads slowly holds up nobody else.
-  const char* last_byte = nullptr;
+  HealthKeeper::ReportRequest(header_.channel_index, StatusOf(result), begin_);
+  std::string_view unsent;
   try {
     if (is_answered) {
-      last_byte = SendAllButLastByte(sock_.Get(), Bytes(result), Deadline(kClientTimeout));
+      unsent = Bytes(result);
+    }
+  } catch (...) {
+    LogException(kLogTag, "Exec exception:");
+  }
+  DiscardInput(sock_.Get());
+  const Deadline deadline(kClientTimeout);
+  for (bool is_last_try = false; !TryHandBack(unsent, is_last_try);) {
+    // Nobody is held up meanwhile: this client reads slowly.
+    is_last_try = WaitForDescriptor(sock_.Get(), POLLOUT, deadline) <= 0;
+  }
+}
+
+/// Sends what the client has room for. When that is all, or there is to be no further try, closes
+/// the connection and frees the channel before anybody looks whether it is free; else false.
+bool CommSocketWork::TryHandBack(std::string_view& unsent, bool is_last_try) noexcept {
+  AccessChannelManager* channels = AccessChannelManager::GetInstance();
+  const auto hand_back = channels->LockHandBack(header_.channel_index);
+  const int error = SendWhatFits(sock_.Get(), unsent);
+  if (error == EAGAIN && !is_last_try) {
+    return false;
+  }
+  try {
+    if (error != 0) {
+      LogWriteFailure(sock_.Get(), error);
     }
     LoggerLog::Verbose(kLogTag, "close_sock");
   } catch (...) {
     LogException(kLogTag, "Exec exception:");
   }
-  DiscardInput(sock_.Get());
-  AccessChannelManager::GetInstance()->HandBack(header_.channel_index, [this, last_byte] {
-    if (last_byte != nullptr) {
-      [[maybe_unused]] const ssize_t written =
-          ::send(sock_.Get(), last_byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT);
-    }
-    close_sock();
-  });
+  close_sock();
+  channels->SetUsedState(header_.channel_index, false);
+  return true;
 }
 
 /// False when there is no answer to give.
@@ -387,9 +389,12 @@ std::shared_ptr<CommunicationResult> CommSocketWork::ReadPayload(Access access) 
 
 bool CommSocketWork::WriteResponseData(int sock, std::shared_ptr<CommunicationResult> result) {
   // A refused client takes its answer at once or not at all: the server waits for nobody.
-  const char* const response = Bytes(result);
-  return result && (response == nullptr ||
-                    SendAll(sock, response, sizeof(ResponseReceiveData), Deadline(kNoWait)));
+  std::string_view unsent = Bytes(result);
+  const int error = SendWhatFits(sock, unsent);
+  if (error != 0) {
+    LogWriteFailure(sock, error);
+  }
+  return result && error == 0;
 }
 
 }  // namespace tmsc

@@ -10,6 +10,7 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "communication_common.h"
@@ -80,6 +81,11 @@ class CommSocketWork : public Request {
   /// Serves the request: closes the connection and frees the channel on every path.
   void Execute() override;
 
+  /// Ends the request: reports it to the health, writes `result`, where `is_answered` and as far as
+  /// the client takes it within 1000 ms, closes the connection and frees the channel: on every
+  /// path, and without memory of its own. Execute does it; any thread may in its place.
+  void HandBack(bool is_answered, const std::shared_ptr<CommunicationResult>& result) noexcept;
+
   /// Writes one response record to a client that has to take it at once; false when it did not get
   /// through.
   bool WriteResponseData(int sock, std::shared_ptr<CommunicationResult> result);
@@ -88,7 +94,7 @@ class CommSocketWork : public Request {
 
  private:
   bool PerformRequest(std::shared_ptr<CommunicationResult>& result);
-  void HandBack(bool is_answered, const std::shared_ptr<CommunicationResult>& result) noexcept;
+  bool TryHandBack(std::string_view& unsent, bool is_last_try) noexcept;
   template <typename Payload, typename Access>
   std::shared_ptr<CommunicationResult> ReadPayload(Access access);
 

@@ -16,10 +16,10 @@ AccessRequest::~AccessRequest() {
   promise_ = nullptr;
 }
 
-void AccessRequest::Execute() {
+void AccessRequest::Fulfil(const std::function<std::shared_ptr<CommunicationResult>()>& exchange) {
   std::shared_ptr<CommunicationResult> result;
   try {
-    result = Perform();
+    result = exchange();
   } catch (...) {
     // The waiting caller gets an empty result, closes its connection and frees the channel.
     LogException(kLogTag, "request exception:");

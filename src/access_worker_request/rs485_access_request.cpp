@@ -76,6 +76,10 @@ RS485AccessRequest::~RS485AccessRequest() {
   p_device_access_rs485 = nullptr;
 }
 
+void RS485AccessRequest::Execute() {
+  Fulfil([this] { return Perform(); });
+}
+
 std::shared_ptr<CommunicationResult> RS485AccessRequest::Perform() {
   LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
   const int retries =

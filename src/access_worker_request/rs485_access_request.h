@@ -26,8 +26,11 @@ class RS485AccessRequest : public AccessRequest {
                      std::promise<std::shared_ptr<CommunicationResult>>* promise);
   ~RS485AccessRequest() override;
 
+  /// Performs the exchange and fulfils the promise with its result.
+  void Execute() override;
+
  private:
-  std::shared_ptr<CommunicationResult> Perform() override;
+  std::shared_ptr<CommunicationResult> Perform();
   int UsePort();
   int Open();
   void SetPortParameters();

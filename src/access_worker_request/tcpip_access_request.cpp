@@ -12,6 +12,7 @@ namespace tmsc {
 
 namespace {
 const std::string& kLogTag = ConstantString("TCPIPAReq");
+constexpr int kNoChannel = 0;
 }  // namespace
 
 TCPIPAccessRequest::TCPIPAccessRequest(DataHeader* header, DeviceAccessTCPIP* device_access_tcpip,
@@ -23,13 +24,18 @@ TCPIPAccessRequest::~TCPIPAccessRequest() {
   p_device_access_tcpip_ = nullptr;
 }
 
+void TCPIPAccessRequest::Execute() {
+  Fulfil([this] { return Perform(); });
+}
+
 std::shared_ptr<CommunicationResult> TCPIPAccessRequest::Perform() {
+  const int channel = p_header_ != nullptr ? int{p_header_->channel_index} : kNoChannel;
   UnitList access_unit_list;
   for (int i = 0; i < kMaxDeviceCountAtChannel; ++i) {
     NetworkParams* network_params = &p_device_access_tcpip_->port_params[i];
     if (network_params->address != 0) {
       access_unit_list.push_back(std::make_shared<TCPIPAccessUnit>(
-          network_params, &p_device_access_tcpip_->send_data[i], int{p_header_->channel_index}));
+          network_params, &p_device_access_tcpip_->send_data[i], channel));
     }
   }
   RunUnits(access_unit_list);

@@ -15,15 +15,19 @@ namespace tmsc {
 /// and gathers the answers. The whole request always succeeds; failures are reported per device.
 class TCPIPAccessRequest : public AccessRequest {
  public:
-  /// Header, payload and promise stay the caller's own and outlive Execute.
+  /// Header, payload and promise stay the caller's own and outlive Execute. Without a header, null,
+  /// no health is kept of the devices: it would not be known on which channel.
   TCPIPAccessRequest(DataHeader* header, DeviceAccessTCPIP* device_access_tcpip,
                      std::promise<std::shared_ptr<CommunicationResult>>* promise);
   ~TCPIPAccessRequest() override;
 
+  /// Performs the exchange and fulfils the promise with its result.
+  void Execute() override;
+
  private:
   using UnitList = std::list<std::shared_ptr<TCPIPAccessUnit>>;
 
-  std::shared_ptr<CommunicationResult> Perform() override;
+  std::shared_ptr<CommunicationResult> Perform();
   static void RunUnits(const UnitList& access_unit_list);
 
   DataHeader* p_header_;

@@ -4,7 +4,6 @@
 #include <Poco/ScopedLock.h>
 
 #include <new>
-#include <utility>
 
 #include "log/log_text.h"
 #include "utility/constant_string.h"
@@ -57,44 +56,27 @@ std::shared_ptr<AccessChannelTCPIP> AccessChannelManager::AccessChannelTCPIP(int
 }
 
 void AccessChannelManager::SetUsedState(int channel_index, bool use) {
-  ChangeUsedState(channel_index, use, [] {});
-}
-
-void AccessChannelManager::HandBack(int channel_index, const std::function<void()>& last_step) {
-  ChangeUsedState(channel_index, false, last_step);
-}
-
-void AccessChannelManager::ChangeUsedState(int channel_index, bool use,
-                                           const std::function<void()>& last_step) {
   LogUsedState([&] { return LogText("SetUsedState ch:[", channel_index, "] used:[", use, "]"); },
                LoggerLog::Verbose);
-  bool is_used = false;
-  {
-    const auto hand_back_lock = LockHandBack(channel_index);
-    last_step();
-    const Lock lock(mutex_);
-    is_used = std::exchange(access_channel_used_map_[std::to_string(channel_index)], use);
-  }
+  const Lock lock(mutex_);
+  bool& is_used = access_channel_used_map_[std::to_string(channel_index)];
   LogUsedState(
       [&] {
         return LogText("SetUsedState ch:[", channel_index, "] used:[", is_used, "]->[", use, "]");
       },
       LoggerLog::Debug);
+  is_used = use;
 }
 
 bool AccessChannelManager::GetUsedState(int channel_index) {
-  bool is_used = false;
-  {
-    const auto hand_back_lock = LockHandBack(channel_index);
-    const Lock lock(mutex_);
-    const auto found = access_channel_used_map_.find(std::to_string(channel_index));
-    is_used = found != access_channel_used_map_.end() && found->second;
-  }
+  const auto hand_back = LockHandBack(channel_index);
+  const Lock lock(mutex_);
+  const auto found = access_channel_used_map_.find(std::to_string(channel_index));
+  const bool is_used = found != access_channel_used_map_.end() && found->second;
   LoggerLog::Debug(kLogTag, LogText("GetUsedState ch:[", channel_index, "] used:[", is_used, "]"));
   return is_used;
 }
 
-/// Empty for a channel that no client can name.
 std::unique_lock<std::mutex> AccessChannelManager::LockHandBack(int channel_index) {
   return channel_index >= 1 && channel_index <= kMaxChannel
              ? std::unique_lock<std::mutex>(hand_back_mutexes_[channel_index - 1])

@@ -1,7 +1,6 @@
 #ifndef TAMSEL_CHANNEL_ACCESS_CHANNEL_MANAGER_H_
 #define TAMSEL_CHANNEL_ACCESS_CHANNEL_MANAGER_H_
 
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -14,7 +13,8 @@
 namespace tmsc {
 
 /// Holds the front of each channel and transport, and the busy flag of each channel. Any thread may
-/// call it; no lock of it is held during an exchange, or while it logs.
+/// call it; no lock of it is held during an exchange. What the log says of the flags stands there
+/// in the order in which they changed.
 ///
 /// Channel indexes are not checked here: the request server lets only 1 to 3 pass.
 class AccessChannelManager : public Singleton<AccessChannelManager> {
@@ -27,23 +27,20 @@ class AccessChannelManager : public Singleton<AccessChannelManager> {
   std::shared_ptr<tmsc::AccessChannelRS485> AccessChannelRS485(int channel_index);
   std::shared_ptr<tmsc::AccessChannelTCPIP> AccessChannelTCPIP(int channel_index);
 
-  /// The busy flag of a channel, shared by both transports; false until first set. GetUsedState
-  /// waits for a hand-back in progress. To clear a flag needs no memory.
+  /// The busy flag of a channel, shared by both transports; false until first set. To clear a flag
+  /// needs no memory.
   void SetUsedState(int channel_index, bool use);
+  /// Waits for a hand-back in progress.
   bool GetUsedState(int channel_index);
 
-  /// Takes the last step of a request, which lets its client go, and clears the busy flag, both
-  /// before anybody sees the flag again: a client that has its response and asks again at once does
-  /// not find the channel still busy with its own last request. `last_step` does not wait, log or
-  /// throw.
-  void HandBack(int channel_index, const std::function<void()>& last_step);
-
- private:
-  void ChangeUsedState(int channel_index, bool use, const std::function<void()>& last_step);
+  /// Held by a request from the step that lets its client go until it has cleared the busy flag:
+  /// nobody looks at the flag in between, so a client that has its response and asks again at once
+  /// does not find the channel still busy with its own last request. The holder waits for nothing
+  /// and does not ask for the flag. Holds nothing for a channel that no client can name.
   std::unique_lock<std::mutex> LockHandBack(int channel_index);
 
-  // One for each channel, held for a hand-back and for a look at the busy flag; taken before
-  // mutex_.
+ private:
+  // One for each channel, taken before mutex_.
   std::mutex hand_back_mutexes_[kMaxChannel];
   // All guarded by mutex_ in the source file; the key is the channel index as decimal text.
   std::unique_ptr<std::map<std::string, std::shared_ptr<tmsc::AccessChannelRS485>>>

@@ -70,16 +70,23 @@ class RawClient {
   Reply Read(int limit_ms) {
     Reply reply;
     const Deadline deadline{std::chrono::milliseconds(limit_ms)};
-    while (WaitForDescriptor(socket_.Get(), POLLIN, deadline) > 0) {
-      byte buffer[16384];
-      const ssize_t count = ::recv(socket_.Get(), buffer, sizeof(buffer), 0);
-      if (count <= 0) {
-        reply.end = count == 0 ? StreamEnd::kEnd : StreamEnd::kReset;
-        break;
-      }
-      reply.bytes.insert(reply.bytes.end(), buffer, buffer + count);
+    while (ReadOnce(reply, deadline)) {
     }
     return reply;
+  }
+  /// Appends what one read brings; false when the deadline has passed or the connection has ended.
+  bool ReadOnce(Reply& reply, const Deadline& deadline) {
+    if (WaitForDescriptor(socket_.Get(), POLLIN, deadline) <= 0) {
+      return false;
+    }
+    byte buffer[16384];
+    const ssize_t count = ::recv(socket_.Get(), buffer, sizeof(buffer), 0);
+    if (count <= 0) {
+      reply.end = count == 0 ? StreamEnd::kEnd : StreamEnd::kReset;
+      return false;
+    }
+    reply.bytes.insert(reply.bytes.end(), buffer, buffer + count);
+    return true;
   }
 
  private:

@@ -1,10 +1,13 @@
 #include "worker_thread/channel.h"
 
+#include <Poco/AutoPtr.h>
 #include <Poco/Exception.h>
-#include <gtest/gtest.h>
 
+#include <future>
+
+#include "access_worker_request/access_request.h"
 #include "channel/access_channel_manager.h"
-#include "support/wait.h"
+#include "support/log_fixture.h"
 #include "worker_thread/thread_group.h"
 
 namespace tmsc {
@@ -36,8 +39,12 @@ TEST(ChannelTest, RequestsRunInOrderAndAllRunBeforeTheEnd) {
   EXPECT_EQ(count.use_count(), 1) << "requests are left over";
 }
 
-TEST(AccessChannelManagerTest, FrontsAndBusyFlags) {
+class AccessChannelManagerTest : public test::LogFixture {
+ protected:
   AccessChannelManager manager;
+};
+
+TEST_F(AccessChannelManagerTest, FrontsAndBusyFlags) {
   EXPECT_EQ(manager.AccessChannelTCPIP(1), manager.AccessChannelTCPIP(1));
   EXPECT_NE(manager.AccessChannelTCPIP(1), manager.AccessChannelTCPIP(2));
   EXPECT_NE(manager.AccessChannelRS485(-1), nullptr);
@@ -48,6 +55,39 @@ TEST(AccessChannelManagerTest, FrontsAndBusyFlags) {
       EXPECT_FALSE(manager.GetUsedState(2));
     }
   }
+}
+
+TEST_F(AccessChannelManagerTest, TheLogHasTheChangesInTheirOrder) {
+  StartLog();
+  std::vector<std::future<void>> threads;
+  for (const bool use : {true, false, true, false}) {
+    threads.push_back(std::async(std::launch::async, [this, use] {
+      for (int i = 0; i < 500; ++i) {
+        manager.SetUsedState(1, use);
+        manager.GetUsedState(1);
+      }
+    }));
+  }
+  threads.clear();  // waits
+  char state = '0';
+  int count = 0;
+  for (const std::string& line : test::Lines(StopLog())) {
+    const std::size_t before = line.find("used:[");
+    if (before != std::string::npos) {
+      ASSERT_EQ(line[before + 6], state) << line;
+      state = line[line.size() - 2];
+      ++count;
+    }
+  }
+  EXPECT_EQ(count, 4000);
+}
+
+TEST(AccessRequestTest, ExecuteIsItsSubclasses) {
+  std::promise<std::shared_ptr<CommunicationResult>> promise;
+  Poco::AutoPtr<AccessRequest> request(new AccessRequest(&promise));
+  const auto result = request->GetFuture();
+  request->Execute();
+  EXPECT_EQ(result.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
 }
 
 TEST(ThreadGroupTest, JoinAllWaitsForEveryRunnable) {

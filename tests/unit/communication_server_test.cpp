@@ -21,7 +21,7 @@ namespace {
 class CommunicationServerTest : public test::LogFixture {
  protected:
   CommunicationServerTest() {
-    StartLog();
+    StartLog({{"LogLevel", "0"}});
     AccessChannelManager::Create();
     TCPSocketManager::Create();
     server_ = std::make_unique<CommunicationServer>();
@@ -46,6 +46,21 @@ class CommunicationServerTest : public test::LogFixture {
     const ExchangeResult result = TamselClient(folder_.Path("socket")).Exchange(request, 5000);
     return result.outcome == Outcome::kAnswered ? int{result.response.receive_data.status} : -100;
   }
+
+  /// A TCP/IP request whose header has been read, with its client.
+  struct Connection {
+    explicit Connection(int channel) {
+      int ends[2];
+      EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
+      AccessChannelManager::GetInstance()->SetUsedState(channel, true);
+      sock = ends[0];
+      work = new CommSocketWork(sock, {0, {}, channel, kRequestDataTypeTCPIP, 0, {}});
+      client = test::RawClient(Descriptor(ends[1]));
+    }
+    int sock = -1;
+    Poco::AutoPtr<CommSocketWork> work;
+    test::RawClient client;
+  };
 
   const test::AnsweringDevice device_;
   std::unique_ptr<CommunicationServer> server_;
@@ -92,25 +107,57 @@ TEST_F(CommunicationServerTest, AFailedAllocationEndsOneRequestOnly) {
   fail_everywhere(rs485, 1000000, 7);
 }
 
+// The response is one piece, and the channel is free for whoever has it.
+TEST_F(CommunicationServerTest, AClientMayReadOnceAndAskAgainAtOnce) {
+  const Deadline deadline(std::chrono::seconds(30));
+  for (int i = 0; i < 500; ++i) {
+    test::RawClient client(folder_.Path("socket"), MakeTcpIpRequest(1));
+    test::Reply reply;
+    client.ReadOnce(reply, deadline);
+    ASSERT_EQ(reply.bytes.size(), sizeof(ResponseReceiveData)) << i;
+    ASSERT_EQ(reply.Response().receive_data.status, 0) << i;
+  }
+}
+
 TEST_F(CommunicationServerTest, ASlowReaderHoldsUpNobodyElse) {
-  int ends[2];
-  ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
-  const Descriptor client(ends[1]);
-  const int small = 1;
-  ::setsockopt(ends[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
-  ASSERT_EQ(1, ::send(client.Get(), "x", 1, 0));  // a payload that is too short is answered
   AccessChannelManager* channels = AccessChannelManager::GetInstance();
-  channels->SetUsedState(2, true);
-  auto served = std::async(std::launch::async, [&] {
-    const DataHeader header = {0, {}, 2, kRequestDataTypeTCPIP, 0, {}};
-    Poco::AutoPtr<CommSocketWork>(new CommSocketWork(ends[0], header))->Execute();
-  });
-  test::SleepMs(200);
-  const test::Stopwatch watch;
-  EXPECT_TRUE(channels->GetUsedState(2)) << "its response is on the way";
-  EXPECT_LT(watch.Ms(), 200);
-  served.get();
-  EXPECT_FALSE(channels->GetUsedState(2));
+  for (const bool reads_at_last : {true, false}) {
+    Connection connection(2);
+    const int small = 1;
+    ::setsockopt(connection.sock, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+    connection.client.Send("x", 1);  // a payload that is too short is answered
+    auto served = std::async(std::launch::async, [&] { connection.work->Execute(); });
+    test::SleepMs(200);
+    const test::Stopwatch watch;
+    EXPECT_TRUE(channels->GetUsedState(2)) << "its response is on the way";
+    EXPECT_LT(watch.Ms(), 200);
+    if (reads_at_last) {
+      EXPECT_EQ(connection.client.Read(5000).Response().receive_data.status, 4);
+    } else {
+      served.get();
+    }
+    EXPECT_FALSE(channels->GetUsedState(2));
+  }
+  std::string end;
+  for (const std::string& line : test::Lines(StopLog())) {
+    const std::string text = line.substr(line.find("[", 1));
+    end = test::Contains(text, "write sock fail. [11]") ? "" : end + text + "\n";
+  }
+  EXPECT_EQ(end,
+            "[V] CommSvr close_sock\n[V] AChMgr SetUsedState ch:[2] used:[0]\n"
+            "[D] AChMgr SetUsedState ch:[2] used:[1]->[0]\n"
+            "[D] AChMgr GetUsedState ch:[2] used:[0]\n");
+}
+
+TEST_F(CommunicationServerTest, AResultWithoutARecordIsNotWritten) {
+  Connection connection(3);
+  const auto nothing = std::make_shared<CommunicationResult>(nullptr);
+  EXPECT_TRUE(connection.work->WriteResponseData(connection.sock, nothing));
+  connection.work->HandBack(true, nothing);
+  const test::Reply reply = connection.client.Read(2000);
+  EXPECT_TRUE(reply.bytes.empty() && reply.end == test::StreamEnd::kEnd);
+  EXPECT_FALSE(AccessChannelManager::GetInstance()->GetUsedState(3));
+  EXPECT_FALSE(test::Contains(StopLog(), "[E]"));
 }
 
 }  // namespace
