@@ -41,11 +41,15 @@ std::string IpText(const NetworkParams& params) {
   return std::string(end == std::string_view::npos ? std::string_view() : field.substr(0, end));
 }
 
-/// What inet_addr(3) reads, in the form with four decimal or octal parts only.
-bool IsDottedIpv4(const std::string& text) {
+/// The address that inet_aton(3) reads, as four decimal numbers; empty when it reads none. The text
+/// may be written otherwise: padded with blanks, with fewer parts, with octal ones.
+std::string DottedAddress(const std::string& text) {
   in_addr address{};
-  return text.find_first_not_of("0123456789.") == std::string::npos &&
-         std::count(text.begin(), text.end(), '.') == 3 && ::inet_aton(text.c_str(), &address) != 0;
+  char dotted[INET_ADDRSTRLEN] = {};
+  if (::inet_aton(text.c_str(), &address) != 0) {
+    ::inet_ntop(AF_INET, &address, dotted, sizeof(dotted));
+  }
+  return dotted;
 }
 
 std::string HexText(byte* bytes, int count) {
@@ -209,7 +213,7 @@ bool TCPIPAccessUnit::IsPossible() {
     return Refuse(kTCPIPUnitStatusSendReceiveError, {TAMSEL_CAUSE_BAD_FRAME_LENGTH, length},
                   LogText("Snd dat len err. dev[", address, "] len[", length, "]"));
   }
-  if (!IsDottedIpv4(ip_)) {
+  if (DottedAddress(ip_).empty()) {
     return Refuse(kTCPIPUnitStatusConnectError, {TAMSEL_CAUSE_BAD_IP_ADDRESS},
                   LogText("IP addr err. dev[", address, "]"));
   }
@@ -352,8 +356,8 @@ void TCPIPAccessUnit::ReportHealth(const HealthEnd& end) {
     return;  // a failure behind the answer, or no exchange at all
   }
   is_reported_ = true;
-  HealthKeeper::ReportExchange({channel_, kRequestDataTypeTCPIP, p_send_data_->address,
-                                IsDottedIpv4(ip_) ? std::string_view(ip_) : std::string_view(),
+  const std::string address = DottedAddress(ip_);
+  HealthKeeper::ReportExchange({channel_, kRequestDataTypeTCPIP, p_send_data_->address, address,
                                 static_cast<std::uint32_t>(int{p_network_params_->port})},
                                end);
 }

@@ -64,6 +64,7 @@ TEST_F(Health, EachTcpFaultIsKnownByItsCause) {
   request.payload.port_params[9].ip_address[0] = 'x';                          // 10
   request.payload.send_data[10].send_data[0] = 127;                            // 11
   std::strcpy(request.payload.port_params[11].ip_address, "255.255.255.255");  // 12
+  std::strcpy(request.payload.port_params[0].ip_address, "127.0.0.1    ");     // 1
   constexpr std::uint32_t kRounds = 3;
   for (std::uint32_t round = 0; round < kRounds; ++round) {
     Exchange(daemon, request);
@@ -77,6 +78,7 @@ TEST_F(Health, EachTcpFaultIsKnownByItsCause) {
     EXPECT_TRUE(row.detail == 0 || device.last_detail == row.detail) << device.last_detail;
     EXPECT_EQ(device.failing_since_ms == 0, row.cause == TAMSEL_CAUSE_ANSWERED) << address;
     EXPECT_EQ(device.port, devices.Port(address));
+    EXPECT_STREQ(device.ip_address, "127.0.0.1");
     int of_hours = 0;  // the hour may change meanwhile
     for (const auto& hour : device.hours) {
       of_hours += hour.answered + hour.failed;

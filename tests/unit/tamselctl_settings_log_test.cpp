@@ -112,11 +112,11 @@ const std::string kOldest = Lines(R"(10 I TMSCommMgr Start AppVer:1
 const std::string kMiddle = Lines(R"(12 D TCPIPAUnit [192.0.2.1] [502][4]
 12 D TCPIPAUnit [192.0.2.1] [503][5]
 12 D TCPIPAUnit [192.0.2.1] [504][6]
-12 D TCPIPAUnit [192.0.2.9] [502][9]
+12 D TCPIPAUnit [192.0.2.9  ] [502][9]
 12 D TCPIPAUnit sendBytes [192.0.2.1][000100000006040300000002]
 12 D TCPIPAUnit sendBytes [192.0.2.1][000100000006060300000002]
 12 D CommSvr Busy ch[1]
-12 D TCPIPAUnit Con err.  [192.0.2.9][-3])");
+12 D TCPIPAUnit Con err.  [192.0.2.9  ][-3])");
 const std::string kNewest = Lines(R"(13 D TCPIPAUnit Con err.  [192.0.2.1][111]
 13 I TCPIPAUnit Read dat err.[192.0.2.1] size[-1]
 13 D TCPIPAUnit rcvBytes [192.0.2.1][00010000000506030203E8]

@@ -57,11 +57,11 @@ class TcpipAccessRequestTest : public test::LogFixture {
     (text + std::string(sizeof(field), '\0')).copy(field, sizeof(field));
   }
 
-  /// Executes the payload and takes the time.
+  /// Executes the payload, for which no header is needed, and takes the time.
   void Execute() {
     const test::Stopwatch watch;
     std::promise<std::shared_ptr<CommunicationResult>> promise;
-    Poco::AutoPtr<Request>(new TCPIPAccessRequest(&header_, &payload_, &promise))->Execute();
+    Poco::AutoPtr<Request>(new TCPIPAccessRequest(nullptr, &payload_, &promise))->Execute();
     response_ = *promise.get_future().get()->ReceiveData();
     duration_ms_ = watch.Ms();
     EXPECT_EQ(kRequestDataTypeTCPIP, int{response_.header.type});
@@ -80,7 +80,6 @@ class TcpipAccessRequestTest : public test::LogFixture {
   }
 
   const test::AnsweringDevice answering_;
-  DataHeader header_{};
   DeviceAccessTCPIP payload_{};
   ResponseReceiveData response_{};
   int duration_ms_ = 0;
@@ -134,9 +133,9 @@ TEST_F(TcpipAccessRequestTest, EntriesThatCannotBeRightAreNotExchanged) {
       {[&] { send.send_data[0] = 127; }, 16, "Snd dat len err. dev[1] len[127]"},
       {[&] { send.send_data[1] = 255; }, 16, "Snd dat len err. dev[1] len[65292]"},
       {[&] { SetIp(0, "127.000.000.000001"); }, 4, "IP addr err. dev[1]"},
-      {[&] { SetIp(0, "127.1"); }, 4, "IP addr err. dev[1]"},
+      {[&] { SetIp(0, ""); }, 4, "IP addr err. dev[1]"},
       {[&] { SetIp(0, "127.0.0.300"); }, 4, "IP addr err. dev[1]"},
-      {[&] { SetIp(0, "127.0.0.1 x"); }, 4, "IP addr err. dev[1]"},
+      {[&] { SetIp(0, "127.0.0.1x"); }, 4, "IP addr err. dev[1]"},
       {[&] { params.port = 0; }, 4, "Port err. dev[1] port[0]"},
       {[&] { params.port = -1; }, 4, "Port err. dev[1] port[-1]"},
       {[&] { params.port = 65536; }, 4, "Port err. dev[1] port[65536]"},
@@ -158,6 +157,16 @@ TEST_F(TcpipAccessRequestTest, EntriesThatCannotBeRightAreNotExchanged) {
   }
   EXPECT_EQ(warnings, expected);
   EXPECT_EQ(0U, field_->RequestsReceived(1));
+}
+
+TEST_F(TcpipAccessRequestTest, AnAddressTextIsWhatInetAtonReads) {
+  StartDevices({FaultKind::kNone});
+  for (const std::string& text : {Ip(1) + "  ", Ip(1) + " x", "0x7f" + Ip(1).substr(3)}) {
+    Ask(0, 1, 1000);
+    SetIp(0, text);
+    Execute();
+    ExpectSlot(1, 0, kUsualAnswer);
+  }
 }
 
 TEST_F(TcpipAccessRequestTest, ConnectionsArePooledUntilAnExchangeFails) {

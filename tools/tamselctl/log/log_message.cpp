@@ -124,9 +124,12 @@ bool TakeNumber(std::string_view& text, int least, int most, int& number) {
   return true;
 }
 
+/// Takes an IP address off the front of a text, without the blanks that a client may have put
+/// behind it.
 bool TakeIp(std::string_view& text, std::string_view& ip) {
   const std::size_t end = text.find(']');
-  const std::string_view found = text.substr(0, end);
+  const std::string_view padded = text.substr(0, end);
+  const std::string_view found = padded.substr(0, padded.find_last_not_of(' ') + 1);
   const bool is_ip = end != std::string_view::npos && !found.empty() && IsDigit(found.front()) &&
                      found.find('.') != std::string_view::npos &&
                      found.find_first_not_of("0123456789.") == std::string_view::npos;
