@@ -125,7 +125,7 @@ typedef struct tamsel_send_data {
 /* Where one TCP/IP device is. */
 typedef struct tamsel_network_params {
   unsigned char address; /* 1 to 31; 0: empty entry */
-  char ip_address[18];   /* dotted IPv4 address, NUL-terminated */
+  char ip_address[18];   /* dotted IPv4 address, NUL-terminated; what inet_aton(3) reads */
   int32_t port;
   int32_t unit_id; /* carried, not used */
   int16_t timeout; /* ms, for the connect and for each send and receive; 0 or less: no limit */
@@ -146,11 +146,12 @@ typedef struct tamsel_tcpip_access {
   tamsel_send_data send_data[TAMSEL_MAX_ADDRESS];
 } tamsel_tcpip_access;
 
-/* One device's answer. */
+/* One device's answer. Bytes of somebody else have a status, on RS485 5, and the length is 0: they
+ * never stand in data. */
 typedef struct tamsel_device_data {
-  int16_t length;       /* valid bytes in data; 0: no answer */
+  int16_t length;       /* bytes of the device's own answer in data; 0: there is none */
   unsigned char status; /* RS485: the serial library's receive status; TCP/IP: bits */
-  unsigned char data[TAMSEL_RECEIVE_BUFFER_SIZE];
+  unsigned char data[TAMSEL_RECEIVE_BUFFER_SIZE]; /* only the first `length` bytes mean anything */
 } tamsel_device_data;
 
 /* The answers of a request; the device with address a answers in receive_data[a - 1]. */
