@@ -140,11 +140,11 @@ TEST(SerialLibraryTest, AnEchoIsNoAnswer) {
        {{0, {1, 13, 2, 3, 4, 5, 6, 7}}},
        kNoAnswer},
   };
-  Steps steps;
-  const Field field(1, k115200, [&](int) { return steps; });
+  std::atomic<const Row*> played{nullptr};
+  const Field field(1, k115200, [&](int) { return played.load()->steps; });
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    steps = row.steps;
+    played = &row;
     if (row.setting != nullptr) {
       ::setenv("RS485_ECHO_1", row.setting, 1);
       EXPECT_EQ(vlm_rs485_open(1, false, k115200), 0);
