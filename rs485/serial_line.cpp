@@ -5,7 +5,8 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
-#include <sys/timerfd.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +22,26 @@ namespace {
 // How often a device is asked whether it has sent a frame whose time is over: after so long, and
 // after an eighth of what it has taken since.
 constexpr std::chrono::microseconds kShortestSentPoll{100};
+
+/// Has the waits of the calling thread end when they are due, and not up to 50 us later, together
+/// with other timers: from the first call on, for good.
+void WaitExactly() {
+  [[maybe_unused]] static thread_local const int result = ::prctl(PR_SET_TIMERSLACK, 1ul);
+}
+
+/// ppoll(2) of the kernel, since a line's silences are no whole milliseconds. Not that of the C
+/// library: on 32 bit its fortified form hands a time of 64 bits to the function for 32 bits.
+int Poll(pollfd* entries, std::size_t count, Clock::duration limit) {
+  const auto left = std::max(limit, Clock::duration::zero());
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(left);
+  struct {
+    long seconds;
+    long nanoseconds;
+  } timeout = {static_cast<long>(seconds.count()),
+               static_cast<long>(std::chrono::nanoseconds(left - seconds).count())};
+  WaitExactly();
+  return static_cast<int>(::syscall(SYS_ppoll, entries, count, &timeout, nullptr, 0));
+}
 
 }  // namespace
 
@@ -38,9 +59,7 @@ bool SerialLine::Open(const PortSettings& settings, const BaudRate& rate) {
   if (descriptor_ < 0) {
     return false;
   }
-  timer_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);  // the clock of Clock
-  if (timer_ < 0 || !Configure(settings, rate) ||
-      !direction_.Prepare(descriptor_, settings.direction)) {
+  if (!Configure(settings, rate) || !direction_.Prepare(descriptor_, settings.direction)) {
     const int error = errno;
     Close();
     errno = error;
@@ -84,7 +103,6 @@ void SerialLine::ChooseLowLatency() {
 void SerialLine::Close() {
   if (descriptor_ >= 0) {
     ::close(descriptor_);
-    ::close(timer_);
     descriptor_ = -1;
   }
 }
@@ -113,38 +131,19 @@ LineEvent SerialLine::WaitForInput(Clock::time_point until) {
 
 LineEvent SerialLine::Wait(short events, Clock::time_point until) {
   while (true) {
-    // A timer, since the line's silences are no whole milliseconds. Not ppoll(2), which counts
-    // finer too: on 32 bit, glibc's fortified one hands its 64-bit time to the function for 32
-    // bits.
-    const bool is_due = until <= Clock::now();
-    if (!is_due) {
-      SetTimer(until);
-    }
-    pollfd entries[] = {
-        {descriptor_, events, 0}, {interrupt_event_, POLLIN, 0}, {timer_, POLLIN, 0}};
-    const int ready = ::poll(entries, std::size(entries), is_due ? 0 : -1);
+    pollfd entries[] = {{descriptor_, events, 0}, {interrupt_event_, POLLIN, 0}};
+    const int ready = Poll(entries, std::size(entries), until - Clock::now());
     if (ready < 0 && errno == EINTR) {
       continue;
     }
-    if (ready < 0 || entries[1].revents != 0) {
-      return LineEvent::kGone;
-    }
-    if (entries[0].revents == 0) {
+    if (ready == 0) {
       return LineEvent::kTimeout;
     }
     // A hang-up with input left is found by the read behind the last byte.
-    return (entries[0].revents & events) != 0 ? LineEvent::kReady : LineEvent::kGone;
+    return ready > 0 && entries[1].revents == 0 && (entries[0].revents & events) != 0
+               ? LineEvent::kReady
+               : LineEvent::kGone;
   }
-}
-
-void SerialLine::SetTimer(Clock::time_point moment) const {
-  const auto since_boot = moment.time_since_epoch();
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since_boot);
-  itimerspec setting{};
-  setting.it_value.tv_sec = static_cast<time_t>(seconds.count());
-  setting.it_value.tv_nsec =
-      static_cast<long>(std::chrono::nanoseconds(since_boot - seconds).count());
-  ::timerfd_settime(timer_, TFD_TIMER_ABSTIME, &setting, nullptr);
 }
 
 /// Waits for nothing but the moment: kTimeout, unless the device is gone before it.

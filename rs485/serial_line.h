@@ -69,7 +69,6 @@ class SerialLine {
   class Driving;
 
   LineEvent Wait(short events, Clock::time_point until);
-  void SetTimer(Clock::time_point moment) const;
   LineEvent Pause(Clock::time_point until);
   LineEvent Write(const std::vector<unsigned char>& frame, Clock::time_point until);
   LineEvent SendByHand(const std::vector<unsigned char>& frame, Clock::duration line_time,
@@ -81,7 +80,6 @@ class SerialLine {
   void Record(const Input& input);
 
   int descriptor_ = -1;
-  int timer_ = -1;  // open while the device is
   const BaudRate* rate_ = nullptr;
   BusCapture* capture_ = nullptr;
   DirectionSwitch direction_;

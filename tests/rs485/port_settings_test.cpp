@@ -232,7 +232,10 @@ TEST_F(PortSettingsTest, AValueThatCannotBeIsRefusedByTheOpen) {
 
 TEST_F(PortSettingsTest, TheSilenceIsExactlyTheGuidesUnlessThePortWantsCharacters) {
   const Bytes broadcast(8, 0);
-  ::prctl(PR_SET_TIMERSLACK, 20000000ul);  // ns by which the caller's own waits may end late
+  const auto run_cycle = [] {
+    ::prctl(PR_SET_TIMERSLACK, 20000000ul);  // ns by which a thread's own waits may end late
+    RunCycle(1);
+  };
   // 31 times 8 characters, and 1.75 ms or 3.5 characters, at 115200 8N1.
   const std::pair<const char*, double> silences[] = {{"", 31 * (0.694 + 1.75)},
                                                      {"characters", 31 * (0.694 + 0.303)}};
@@ -246,7 +249,7 @@ TEST_F(PortSettingsTest, TheSilenceIsExactlyTheGuidesUnlessThePortWantsCharacter
         Add(1, address, {}, broadcast);
       }
       const Clock::time_point begin = Clock::now();
-      RunCycle(1);
+      std::async(std::launch::async, run_cycle).get();
       shortest = std::min(shortest, Clock::now() - begin);
     }
     EXPECT_GE(shortest, (least_ms - 2.5) * 1ms);  // the last broadcast's is kept by the next cycle
