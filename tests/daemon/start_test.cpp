@@ -1,5 +1,7 @@
 #include <fcntl.h>
 
+#include <future>
+
 #include "daemon_client.h"
 #include "health_reader.h"
 

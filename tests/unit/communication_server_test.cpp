@@ -140,8 +140,8 @@ TEST_F(CommunicationServerTest, ASlowReaderHoldsUpNobodyElse) {
   }
   std::string end;
   for (const std::string& line : test::Lines(StopLog())) {
-    const std::string text = line.substr(line.find("[", 1));
-    end = test::Contains(text, "write sock fail. [11]") ? "" : end + text + "\n";
+    end.append(line, line.find('[', 1)).append("\n");
+    end.erase(0, test::Contains(line, "write sock fail. [11]") ? std::string::npos : 0);
   }
   EXPECT_EQ(end,
             "[V] CommSvr close_sock\n[V] AChMgr SetUsedState ch:[2] used:[0]\n"
