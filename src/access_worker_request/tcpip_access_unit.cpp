@@ -5,6 +5,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -42,11 +43,14 @@ std::string IpText(const NetworkParams& params) {
 }
 
 /// The address that inet_aton(3) reads, as four decimal numbers; empty when it reads none. The text
-/// may be written otherwise: padded with blanks, with fewer parts, with octal ones.
+/// may be written otherwise: padded with blanks, with fewer parts, with octal ones. Only control
+/// characters behind it, such as the end of a line, are not taken: the log shows the text.
 std::string DottedAddress(const std::string& text) {
   in_addr address{};
   char dotted[INET_ADDRSTRLEN] = {};
-  if (::inet_aton(text.c_str(), &address) != 0) {
+  const auto is_control = [](unsigned char character) { return std::iscntrl(character) != 0; };
+  if (std::none_of(text.begin(), text.end(), is_control) &&
+      ::inet_aton(text.c_str(), &address) != 0) {
     ::inet_ntop(AF_INET, &address, dotted, sizeof(dotted));
   }
   return dotted;

@@ -167,6 +167,9 @@ TEST_F(TcpipAccessRequestTest, AnAddressTextIsWhatInetAtonReads) {
     Execute();
     ExpectSlot(1, 0, kUsualAnswer);
   }
+  SetIp(0, Ip(1) + " \n");  // would end a line of the log
+  Execute();
+  ExpectSlot(1, 4, 0);
 }
 
 TEST_F(TcpipAccessRequestTest, ConnectionsArePooledUntilAnExchangeFails) {
