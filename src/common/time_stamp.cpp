@@ -30,7 +30,7 @@ thread_local LastText last_text{};
 /// Where the first part of a second stands in a format; its size when there is none.
 std::size_t FindPartOfSecond(std::string_view format) {
   for (std::size_t i = 0; i + 1 < format.size(); ++i) {
-    if (format[i] == '%' && std::string_view("icF").find(format[++i]) != std::string_view::npos) {
+    if (format[i] == '%' && std::string_view("icFs").find(format[++i]) != std::string_view::npos) {
       return i - 1;
     }
   }

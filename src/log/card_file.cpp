@@ -31,10 +31,31 @@ bool WriteAll(const Descriptor& file, std::string_view text) {
 }
 
 /// Nothing under that name, or no folder any more: there is nothing to bring to the card.
-bool IsOnCard(const std::string& path, int flags) {
+bool IsOnCard(const std::string& path, int flags, int (*before)(int) = nullptr) {
   const Descriptor file(::open(path.c_str(), flags | O_CLOEXEC));
-  return file.IsOpen() ? ::fsync(file.Get()) == 0 || errno == EINVAL
-                       : errno == ENOENT || errno == ENOTDIR;
+  if (!file.IsOpen()) {
+    return errno == ENOENT || errno == ENOTDIR;
+  }
+  const bool is_done = before == nullptr || before(file.Get()) == 0;
+  return (::fsync(file.Get()) == 0 || errno == EINVAL) && is_done;
+}
+
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY;
+
+/// With the folders above, as far as the card goes: on FAT a folder that was made can be found
+/// again only once the one that it stands in is on the card.
+bool AreFoldersOnCard(const std::string& folder) {
+  if (!IsOnCard(folder, kFolderFlags)) {
+    return false;
+  }
+  const std::string above = FileUtil::GetDirectory(folder);
+  struct stat status {};
+  struct stat status_above {};
+  const bool is_same_card = above.size() < folder.size() && ::access(above.c_str(), R_OK) == 0 &&
+                            ::stat(folder.c_str(), &status) == 0 &&
+                            ::stat(above.c_str(), &status_above) == 0 &&
+                            status.st_dev == status_above.st_dev;
+  return !is_same_card || AreFoldersOnCard(above);
 }
 
 }  // namespace
@@ -55,7 +76,13 @@ CardFile::Outcome CardFile::Append(const std::string& text) const {
 
 bool CardFile::Synchronise() const {
   const bool is_file_on_card = IsOnCard(path_, kFlags);
-  return IsOnCard(FileUtil::GetDirectory(path_), O_RDONLY | O_DIRECTORY) && is_file_on_card;
+  return AreFoldersOnCard(FileUtil::GetDirectory(path_)) && is_file_on_card;
+}
+
+bool CardFile::SynchroniseCard() const {
+  // The folder comes last: on FAT only fsync empties the card's own cache. No renamed file is
+  // synchronised by itself before: that would write its neighbours' entries without their lengths.
+  return IsOnCard(FileUtil::GetDirectory(path_), kFolderFlags, ::syncfs);
 }
 
 }  // namespace tmsc

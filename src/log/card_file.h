@@ -24,10 +24,15 @@ class CardFile {
   /// stand there.
   Outcome Append(const std::string& text) const;
 
-  /// Brings the file to the card (fsync), with its directory: a file that was created or renamed
-  /// has to be found again. False when the card does not have the data. A file that is gone has
-  /// none, and a file system that cannot synchronise has nothing to report.
+  /// Brings the file to the card (fsync), with its folder and those above on the same file system:
+  /// a file that was created has to be found again. False when the card does not have the data. A
+  /// file that is gone has none, and a file system that cannot synchronise has nothing to report.
   bool Synchronise() const;
+
+  /// Brings all of the file system that the folder is on to the card (syncfs), then the folder: for
+  /// files that were renamed, since FAT writes their length only with the file itself. False as for
+  /// Synchronise.
+  bool SynchroniseCard() const;
 
  private:
   std::string path_;

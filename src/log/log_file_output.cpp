@@ -359,13 +359,23 @@ bool LogFileOutput::IsBufferOutput() {
   return is_output;
 }
 
+bool LogFileOutput::HasFile() {
+  if (FileUtil::IsFileExists(file_path_)) {
+    return true;
+  }
+  // To create a file removes what has its name: only if nothing has.
+  return FileUtil::IsMissing(file_path_) ? FileUtil::CreateFile(file_path_)
+                                         : FileUtil::CanWrite(file_path_);
+}
+
 bool LogFileOutput::PrepareFile() {
   bool is_ready = false;
   {
     const Attempt attempt;
+    refusal_.clear();
     is_ready = (FileUtil::IsFileExists(file_dir_) || FileUtil::CreateDirectory(file_dir_, true)) &&
                (FileUtil::CanWrite(file_dir_) || FileUtil::SetWriteable(file_dir_, true)) &&
-               (FileUtil::IsFileExists(file_path_) || FileUtil::CreateFile(file_path_));
+               HasFile();
   }
   if (!is_ready) {
     CreateIoErrorFile();
@@ -433,21 +443,14 @@ void LogFileOutput::WriteBuffer(int index) {
 }
 
 void LogFileOutput::Gather(Pending& pending, const std::string& line) {
-  const auto is_too_large = [&] {
-    const auto size =
-        static_cast<unsigned int>(pending.file_size + pending.text.size() + line.size());
-    return file_size_ + refused_size_ < size;
-  };
-  if (!line.empty() && is_too_large()) {
+  const std::uint64_t size = std::uint64_t{pending.file_size} + pending.text.size() + line.size();
+  if (!line.empty() && std::uint64_t{file_size_} + refused_size_ < size) {
+    // Whatever comes of the write: on a full card it is the rotation that makes room.
     FileOutput(std::exchange(pending.text, {}));
+    Synchronise();  // its text first, else a cut may leave a copy with the length of text it lacks
+    LogRotate(file_name_);
+    Synchronise();
     pending.file_size = FileUtil::GetSize(file_path_);
-    // On a full card the text may not have made the file any larger. To start another file would
-    // cost a copy for nothing.
-    if (is_too_large() && !(is_output_failed_ && pending.file_size == 0)) {
-      Synchronise();  // a later flush reaches only the new file
-      LogRotate(file_name_);
-      pending.file_size = FileUtil::GetSize(file_path_);
-    }
   }
   pending.text += line;
 }
@@ -456,12 +459,14 @@ void LogFileOutput::LogRotate(std::string file_name) {
   // What a rotation cannot rename is told once, not again and again: each line makes the file grow
   // towards the next rotation.
   const Attempt attempt(is_rotation_refused_);
+  const bool was_kept = std::exchange(refused_size_, 0) > 0;
   is_rotation_refused_ = false;
-  refused_size_ = 0;
+  is_synchronised_ = false;
+  are_names_on_card_ = false;
   for (unsigned int index = roll_index_; index >= 1; --index) {
     const std::string old_name =
         index == 1 ? file_name : Poco::format("%s.%d", file_name, static_cast<int>(index - 1));
-    if (!FileUtil::IsFileExists(file_dir_ + old_name)) {
+    if (FileUtil::IsMissing(file_dir_ + old_name)) {
       continue;
     }
     const std::string new_name = Poco::format("%s.%d", file_name, static_cast<int>(index));
@@ -470,12 +475,12 @@ void LogFileOutput::LogRotate(std::string file_name) {
     if (index > 1) {
       continue;
     }
-    if (!is_renamed) {
-      // Its text has no other copy, so it goes on growing, by another file's length before the next
-      // attempt.
-      refused_size_ = FileUtil::GetSize(file_path_);
-    } else if (!FileUtil::CreateFile(file_path_)) {
+    // A file that stays grows by another file's length first: its text has no other copy.
+    if ((is_renamed || was_kept) && !FileUtil::CreateFile(file_path_)) {
       CreateIoErrorFile();
+    }
+    if (!is_renamed) {
+      refused_size_ = FileUtil::GetSize(file_path_);  // 0 when it was emptied
     }
   }
 }
@@ -486,9 +491,9 @@ void LogFileOutput::FileOutput(std::string output_message) {
     return;
   }
   const CardFile::Outcome outcome = card_file_.Append(output_message);
-  is_output_failed_ = outcome != CardFile::Outcome::kWritten;
-  log_condition.is_card_gone = is_output_failed_;
-  if (is_output_failed_) {
+  const bool is_lost = outcome != CardFile::Outcome::kWritten;
+  log_condition.is_card_gone = is_lost;
+  if (is_lost) {
     log_condition.lines_lost +=
         static_cast<std::uint32_t>(std::count(output_message.begin(), output_message.end(), '\n'));
   }
@@ -497,19 +502,20 @@ void LogFileOutput::FileOutput(std::string output_message) {
     return;
   }
   is_synchronised_ = false;
-  if (is_output_failed_) {
+  if (is_lost) {
     ReportWriteError();
   } else {
     is_file_write_error_ = false;
   }
 }
 
-/// Brings what was written to the card.
+/// Brings what was written to the card; all of its file system when names changed.
 void LogFileOutput::Synchronise() {
   if (is_synchronised_) {
     return;
   }
-  is_synchronised_ = card_file_.Synchronise();
+  is_synchronised_ = are_names_on_card_ ? card_file_.Synchronise() : card_file_.SynchroniseCard();
+  are_names_on_card_ = are_names_on_card_ || is_synchronised_;
   if (!is_synchronised_) {
     ReportWriteError();
   }

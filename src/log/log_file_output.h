@@ -100,7 +100,7 @@ class LogFileOutput {
   /// Whether the current buffer is to be written now; the caller holds mutex_.
   bool IsBufferOutput();
   /// Shifts the numbered copies by one and starts a new file. A copy that cannot be renamed is
-  /// left out; a live file that cannot be renamed goes on.
+  /// left out; a live file that cannot be renamed goes on to twice its size, then it is emptied.
   void LogRotate(std::string file_name);
   /// Appends a text to the log file.
   void FileOutput(std::string output_message);
@@ -123,6 +123,7 @@ class LogFileOutput {
   void DropOldestLines();
   void Tick();
   int TakeBuffer();
+  bool HasFile();
   bool PrepareFile();
   void BeginWithoutCard();
   std::string EndWithoutCard();
@@ -167,13 +168,13 @@ class LogFileOutput {
   // The writer's own.
   CardFile card_file_;
   CardFile io_error_file_;
-  std::string refusal_;               // what the file helpers said last
+  std::string refusal_;               // what the file helpers said last, in an attempt
   std::string without_card_line_;     // says that the card is gone, until it can be written
   bool is_flush_tick_ = false;        // this tick serves a flush
-  bool is_synchronised_ = true;       // nothing written since the last fsync
-  bool is_output_failed_ = false;     // the last text did not reach the file
+  bool is_synchronised_ = true;       // nothing written or renamed since the last fsync
+  bool are_names_on_card_ = true;     // no file renamed since the last syncfs
   bool is_rotation_refused_ = false;  // the last rotation could not rename everything
-  unsigned int refused_size_ = 0;     // of the file when it could not be renamed
+  unsigned int refused_size_ = 0;     // of the file when it could not be renamed or emptied
 };
 
 }  // namespace tmsc

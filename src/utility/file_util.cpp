@@ -57,17 +57,30 @@ void Require(bool is_done, const std::string& path) {
   }
 }
 
+/// What Poco::File makes of a path.
+std::string AsFile(const std::string& path) {
+  return path.size() > 1 && path.back() == '/' ? path.substr(0, path.size() - 1) : path;
+}
+
 // Poco's own operations fail on 32-bit systems for whatever was changed after 19 January 2038:
 // their time has 32 bits there, also where ours has 64.
+bool ReadStatus(const std::string& path, struct stat& status) {
+  return ::stat(AsFile(path).c_str(), &status) == 0;
+}
+
 struct stat StatusOf(const std::string& path) {
   struct stat status {};
-  Require(::stat(path.c_str(), &status) == 0, path);
+  Require(ReadStatus(path, status), AsFile(path));
   return status;
 }
 
-void MakeDirectories(const std::string& path) {
+void MakeDirectories(const std::string& target) {
+  const std::string path = AsFile(target);
   if (IsTooLong(path)) {
     throw Poco::PathSyntaxException("too long for a path", static_cast<int>(path.size()));
+  }
+  if (FileUtil::IsFileExists(path)) {
+    return;
   }
   for (std::size_t end = 0; end != std::string::npos;) {
     end = path.find('/', end + 1);
@@ -93,23 +106,30 @@ void FileUtil::Create() {
 
 bool FileUtil::RenameFile(const std::string& target, const std::string& rename) {
   return LogRefusal("Rename file. file:[", target + "] -> [" + rename, [&] {
-    Require(std::rename(target.c_str(), rename.c_str()) == 0, target);
+    const std::string path = AsFile(target);
+    Require(std::rename(path.c_str(), rename.c_str()) == 0, path);
     return true;
   });
 }
 
 bool FileUtil::CreateFile(const std::string& target) {
   return LogRefusal("Create file. file:[", target, [&] {
-    Require(std::remove(target.c_str()) == 0 || errno == ENOENT, target);
-    const Descriptor file(::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-    Require(file.IsOpen(), target);
-    return true;
+    const std::string path = AsFile(target);
+    Require(!IsFileExists(path) || std::remove(path.c_str()) == 0, path);
+    const Descriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    Require(file.IsOpen() || errno == EEXIST, path);
+    return file.IsOpen();
   });
 }
 
 bool FileUtil::IsFileExists(std::string path) {
   struct stat status {};
-  return !path.empty() && ::stat(path.c_str(), &status) == 0;
+  return !path.empty() && ReadStatus(path, status);
+}
+
+bool FileUtil::IsMissing(const std::string& path) {
+  struct stat status {};
+  return !ReadStatus(path, status) && errno == ENOENT;
 }
 
 std::string FileUtil::GetFileName(std::string path) {
@@ -119,9 +139,12 @@ std::string FileUtil::GetFileName(std::string path) {
 bool FileUtil::CreateDirectory(const std::string& target, bool recursive) {
   return LogRefusal("Create directory fail. fl:[", target, [&] {
     if (!recursive) {
-      const bool is_made = ::mkdir(target.c_str(), 0777) == 0;
-      Require(is_made || (errno == EEXIST && S_ISDIR(StatusOf(target).st_mode)), target);
-      return is_made;
+      if (IsFileExists(target) && S_ISDIR(StatusOf(target).st_mode)) {
+        return false;
+      }
+      const std::string path = AsFile(target);
+      Require(::mkdir(path.c_str(), 0777) == 0, path);
+      return true;
     }
     MakeDirectories(target);
     return IsFileExists(target);
@@ -145,7 +168,8 @@ bool FileUtil::SetWriteable(const std::string& target, bool enable) {
   return LogRefusal("Set Writable fail. file:[", target, [&] {
     constexpr mode_t kAllRights = S_IWUSR | S_IWGRP | S_IWOTH;
     const mode_t mode = StatusOf(target).st_mode & 07777;
-    Require(::chmod(target.c_str(), enable ? mode | S_IWUSR : mode & ~kAllRights) == 0, target);
+    const std::string path = AsFile(target);
+    Require(::chmod(path.c_str(), enable ? mode | S_IWUSR : mode & ~kAllRights) == 0, path);
     return IsWriteable(StatusOf(target)) == enable;
   });
 }

@@ -12,7 +12,8 @@ namespace tmsc {
 /// File-system operations and the process-wide switch that allows log writes to the card.
 ///
 /// An operation that the file system refuses logs one Error line and returns false (0 for GetSize);
-/// none throws. No lock is held: callers that share a file take turns themselves.
+/// none throws. No lock is held: callers that share a file take turns themselves. The answers are
+/// those of Poco::File; so one "/" at a path's end counts for nothing.
 class FileUtil : public Singleton<FileUtil> {
  public:
   FileUtil() = default;
@@ -23,9 +24,13 @@ class FileUtil : public Singleton<FileUtil> {
 
   /// Renames a file or folder, replacing an existing file of the new name.
   static bool RenameFile(const std::string& target, const std::string& rename);
-  /// Leaves a fresh, empty file: an existing one is removed first.
+  /// Leaves a fresh, empty file: an existing one is removed first. A link that leads nowhere stays,
+  /// and the result is false.
   static bool CreateFile(const std::string& target);
   static bool IsFileExists(std::string path);
+  /// Whether there is no such file or folder. Any other refusal (an error of the card, no rights, a
+  /// loop of links) does not say that: then something may be there, and false is returned.
+  static bool IsMissing(const std::string& path);
   /// The last component of a path; empty when the path ends in a separator.
   static std::string GetFileName(std::string path);
   /// With `recursive`, creates missing parents too and returns whether the folder is there

@@ -1,6 +1,8 @@
 #include "log/log_file_output.h"
 
+#include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <csignal>
 
@@ -10,6 +12,19 @@
 
 extern std::atomic<int> fsync_count;     // card_file_test.cpp
 extern std::atomic<bool> is_fsync_held;  // card_file_test.cpp
+extern std::atomic<int> syncfs_error;
+extern std::map<std::string, std::uintmax_t> files_on_card;
+
+// In place of the C library's: the first look at this file finds the card failing.
+std::string unreadable;
+extern "C" int stat(const char* path, struct stat* status) noexcept {
+  if (!unreadable.empty() && unreadable == path) {
+    unreadable.clear();
+    errno = EIO;
+    return -1;
+  }
+  return ::fstatat(AT_FDCWD, path, status, 0);
+}
 
 namespace tmsc {
 
@@ -74,13 +89,13 @@ TEST_F(LogFileOutputTest, BufferedModeWaitsForTheThresholdOrAFlush) {
   EXPECT_EQ(fsync_count, 0) << "the card is spared";
   log(8191);
   output_->Flush();
-  EXPECT_TRUE(test::WaitFor(5000, [] { return fsync_count == 2; }));
+  EXPECT_TRUE(test::WaitFor(5000, [] { return fsync_count == 3; }));
   log(8191);
   test::SleepMs(1200);
   EXPECT_TRUE(is_size(8192 + 8191)) << "the count starts afresh after a flush";
   output_.reset();
   EXPECT_TRUE(is_size(8192 + 2 * 8191)) << "the end writes what is queued";
-  EXPECT_EQ(fsync_count, 4);
+  EXPECT_EQ(fsync_count, 6);
 }
 
 TEST_F(LogFileOutputTest, RotatesBySize) {
@@ -93,7 +108,8 @@ TEST_F(LogFileOutputTest, RotatesBySize) {
               {50, 0, {40, 40, 40}, "", "c.b...."},
               {50, 3, {40, 40, 40, 40, 40, 40}, "", "f.e.d.c.."},
               {50, 3, {40, 40, 40, 40, 40}, ".3", "e.d.c..."},
-              {50, 1, {40, 40, 40}, ".1", "abc....."}};
+              {50, 1, {40, 40, 40, 40}, ".1", "cd....."},
+              {50, 1, {60, 60, 60, 60}, ".1", "cd....."}};
   for (const auto& row : rows) {
     fs::create_directories(row.occupied.empty() ? directory_ : path_ + row.occupied + "/occupied");
     SetUpOutput(true, row.limit, row.copies);
@@ -112,6 +128,52 @@ TEST_F(LogFileOutputTest, RotatesBySize) {
     EXPECT_EQ(files, row.files);
     fs::remove_all(directory_);
   }
+}
+
+TEST_F(LogFileOutputTest, ARotationEndsOnTheCard) {
+  for (const bool is_refused : {false, true}) {
+    syncfs_error = is_refused ? EIO : 0;
+    SetUpOutput(false, 50, 1);
+    Log(std::string(31, 'a'));
+    Log(std::string(31, 'b'));
+    if (is_refused) {  // the next flush makes up for it
+      EXPECT_TRUE(WaitForConsole(1, "log_file error " + path_ + "\n"));
+      syncfs_error = 0;
+    }
+    output_.reset();
+    using Files = std::map<std::string, std::uintmax_t>;
+    EXPECT_EQ(files_on_card, (Files{{"com.log", is_refused ? 40 : 0}, {"com.log.1", 40}}));
+    fs::remove_all(directory_);
+  }
+}
+
+TEST_F(LogFileOutputTest, WhatACardCannotTellIsLeftAlone) {
+  for (const char* copy : {"", ".1"}) {  // the live file and a copy, at the rotation
+    fs::remove_all(directory_);
+    fs::create_directories(directory_);
+    test::WriteFile(path_, "live\n");
+    test::WriteFile(path_ + ".1", "copy\n");
+    unreadable = path_ + copy;
+    SetUpOutput(false, 50, 2);
+    Log(std::string(35, 'a'));
+    Log(std::string(31, 'b'));
+    output_.reset();
+    EXPECT_EQ(unreadable, "") << "it was looked at";
+    EXPECT_EQ(test::ReadFile(path_ + ".1").substr(0, 5), "live\n");
+    EXPECT_EQ(test::ReadFile(path_ + ".2"), "copy\n");
+  }
+}
+
+TEST_F(LogFileOutputTest, ALinkThatLeadsNowhereStays) {
+  fs::create_directories(directory_);
+  fs::create_symlink(folder_.Path("nowhere"), path_);
+  SetUpOutput(false);
+  Log("kept");
+  EXPECT_TRUE(WaitForConsole(1, gone_));
+  EXPECT_TRUE(fs::is_symlink(path_));
+  test::WriteFile(folder_.Path("nowhere"), "");
+  output_.reset();
+  EXPECT_EQ(Text(), gone_ + "[x UTC] kept\n" + back_);
 }
 
 TEST_F(LogFileOutputTest, WriteSwitchOffEchoesOnly) {
@@ -172,7 +234,7 @@ TEST_F(LogFileOutputTest, AWriteThatHangsKeepsNoMoreLines) {
   EXPECT_NEAR(double(Text().size()), 4.1e6, 1e5);
 }
 
-TEST_F(LogFileOutputTest, AFullCardLosesTextAndLeavesOneLineAnEpisode) {
+TEST_F(LogFileOutputTest, AFullCardLosesTextUntilARotationMakesRoom) {
   // The limit on file sizes stands for the card's end.
   constexpr unsigned int kRoom = 1024 * 1024;
   std::signal(SIGXFSZ, SIG_IGN);
@@ -190,24 +252,20 @@ TEST_F(LogFileOutputTest, AFullCardLosesTextAndLeavesOneLineAnEpisode) {
     EXPECT_TRUE(test::WaitFor(2000, [] { return !log_condition.is_card_gone; }));
     fs::resize_file(path_, kRoom - 5);  // a part of a line still fits
     Log("lost");
-    Log("lost");
     output_->Flush();
-    EXPECT_TRUE(WaitForConsole(2 * i, "log_file error " + path_ + "\n"));
+    EXPECT_TRUE(WaitForConsole(i, "log_file error " + path_ + "\n"));
     EXPECT_TRUE(log_condition.is_card_gone);
     EXPECT_EQ(ErrorLines(), std::min(i, 2)) << "no writing to a link";
     if (i == 2) {
       fs::create_hard_link(error_file_, error_file_ + ".2");
     }
   }
-  EXPECT_FALSE(fs::exists(path_ + ".1")) << "a copy for text that was not written";
-  test::WriteFile(path_, "old");
-  limit_files(0);
-  for (int i = 0; i < 4; ++i) {
-    Log(std::string(kRoom + 50, 'x'));
-  }
+  Log("lost");
+  Log("lives on");
   output_.reset();
   limit_files(RLIM_INFINITY);
-  EXPECT_EQ(test::ReadFile(path_ + ".1"), "old") << "a copy of nothing";
+  EXPECT_EQ(Text(), "[x UTC] lives on\n");
+  EXPECT_EQ(fs::file_size(path_ + ".1"), kRoom);
 }
 
 }  // namespace tmsc

@@ -8,6 +8,7 @@
 #include <map>
 
 #include "common/time_stamp.h"
+#include "support/console.h"
 #include "support/log_fixture.h"
 
 namespace tmsc {
@@ -46,7 +47,7 @@ TEST(TimeStamp, IsNowInUniversalTime) {
   EXPECT_NEAR(double(::timegm(&time)), double(std::time(nullptr)), 1);
   // What is remembered of a format is the same as what it gives with more behind it.
   for (const test::Stopwatch watch; watch.Ms() < 3000;) {
-    for (const std::string format : {"%H:%M:%S.%i", "%S %F", "%S%%i"}) {
+    for (const std::string format : {"%H:%M:%S.%i", "%S %F", "%s", "%S%%i"}) {
       TimeStamp().StringFromFormat(format);
       test::SleepMs(2);
       TimeStamp stamp;
@@ -100,6 +101,7 @@ TEST_F(LoggerLogTest, LinesAreWholeAndTheEndWaitsForNobody) {
 }
 
 TEST_F(LoggerLogTest, RefusedRenamesDoNotFeedTheLog) {
+  const test::Console console;
   for (const char* copy : {".1", ".2", ".3"}) {
     std::filesystem::create_directories(log_path_ + copy + "/occupied");
   }
@@ -110,7 +112,8 @@ TEST_F(LoggerLogTest, RefusedRenamesDoNotFeedTheLog) {
   LoggerLog::Info("T", "x");
   EXPECT_TRUE(test::WaitFor(5000, [&] { return test::Contains(LogText(), "T x"); }));
   test::SleepMs(2600);
-  EXPECT_EQ(test::CountText(StopLog(), "[E] FlUtil Rename file"), 3);
+  StopLog();
+  EXPECT_EQ(test::CountText(console.Text(), "[E] FlUtil Rename file"), 3);
 }
 
 }  // namespace tmsc

@@ -1,4 +1,11 @@
+#include <Poco/Exception.h>
+#include <Poco/File.h>
 #include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <numeric>
+#include <set>
 
 #include "support/files.h"
 #include "utility/file_util.h"
@@ -6,6 +13,8 @@
 
 namespace tmsc {
 namespace {
+
+namespace fs = std::filesystem;
 
 TEST(StringUtilTest, NumbersReportTrailingCharactersAndRange) {
   int good = 0;
@@ -57,6 +66,83 @@ TEST(FileUtilTest, RefusalsAreFalseOrEmpty) {
   EXPECT_TRUE(FileUtil::CreateDirectory(folder.Path("new"), false));
   EXPECT_FALSE(FileUtil::CreateDirectory(folder.Path("no/such"), false));
   EXPECT_FALSE(FileUtil::IsFileExists(""));
+}
+
+/// What a change leaves: type, mode and size of all that is in a folder.
+std::string Listing(const std::string& folder) {
+  std::set<std::string> lines;
+  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+    const auto status = entry.symlink_status();
+    const auto size = fs::is_regular_file(status) ? entry.file_size() : 0;
+    lines.insert(entry.path().string() + " " + std::to_string(int(status.type())) + " " +
+                 std::to_string(int(status.permissions())) + " " + std::to_string(size) + "\n");
+  }
+  return std::accumulate(lines.begin(), lines.end(), std::string());
+}
+
+TEST(FileUtilTest, AnswersAsPocoFileDoes) {
+  const test::TempFolder folder;
+  const std::string root = folder.Path("root"), other = root + "/other";
+  using Path = const std::string&;
+  using Operation = std::function<long(Path)>;
+  const auto remade = [](Path path) {
+    Poco::File file(path);
+    if (file.exists()) {
+      file.remove();
+    }
+    return file.createFile();
+  };
+  const auto made = [](Path path) {
+    Poco::File(path).createDirectories();
+    return Poco::File(path).exists();
+  };
+  const auto writeable = [](Path path, bool is_on) {
+    return Poco::File(path).setWriteable(is_on).canWrite() == is_on;
+  };
+  const std::pair<Operation, Operation> operations[] = {
+      {[&](Path p) { return FileUtil::RenameFile(p, other); },
+       [&](Path p) { return Poco::File(p).renameTo(other), true; }},
+      {[&](Path p) { return FileUtil::RenameFile(root + "/file", p); },
+       [&](Path p) { return Poco::File(root + "/file").renameTo(p), true; }},
+      {FileUtil::CreateFile, remade},
+      {FileUtil::IsFileExists, [](Path p) { return Poco::File(p).exists(); }},
+      {[](Path p) { return FileUtil::CreateDirectory(p, true); }, made},
+      {[](Path p) { return FileUtil::CreateDirectory(p, false); },
+       [](Path p) { return Poco::File(p).createDirectory(); }},
+      {[](Path p) { return FileUtil::SetWriteable(p, true); },
+       [&](Path p) { return writeable(p, true); }},
+      {[](Path p) { return FileUtil::SetWriteable(p, false); },
+       [&](Path p) { return writeable(p, false); }},
+      {FileUtil::CanWrite, [](Path p) { return Poco::File(p).canWrite(); }},
+      {FileUtil::GetSize, [](Path p) { return long(Poco::File(p).getSize()); }}};
+  const auto play = [&](const Operation& operation, Path path) {
+    fs::remove_all(root);
+    for (const char* made_first : {"/folder", "/full/inside"}) {
+      fs::create_directories(root + made_first);
+    }
+    test::WriteFile(root + "/file", "text");
+    test::WriteFile(root + "/closed", "");
+    fs::permissions(root + "/closed", fs::perms::owner_read);
+    for (const char* target : {"file", "folder", "missing"}) {
+      fs::create_symlink(target, fs::path(root) / (std::string("to ") + target));
+    }
+    fs::create_symlink(root + "/loop", root + "/loop");
+    long result = 0;
+    try {
+      result = operation(path);
+    } catch (const Poco::Exception&) {  // false, or 0
+    }
+    return std::to_string(result) + "\n" + Listing(root);
+  };
+  for (const char* name : {"file", "closed", "folder", "full", "to file", "to folder", "to missing",
+                           "loop", "missing", "file/x", "to missing/x"}) {
+    for (const char* end : {"", "/", "//"}) {
+      const std::string path = std::string(root).append("/").append(name).append(end);
+      for (const auto& [ours, its] : operations) {
+        EXPECT_EQ(play(ours, path), play(its, path)) << path;
+      }
+    }
+  }
 }
 
 }  // namespace
