@@ -1,0 +1,61 @@
+"""RS485 on the UART (16550A) and on a USB adapter (FTDI), whose driver hands on packets."""
+
+import json
+
+from emulator import Field
+
+# What is wrong with an answer, the register that asks for it, and what the client is told.
+WRONG = (("silent", 20200, "no answer in time"), ("late", 21499, "no answer in time"),
+         ("foreign", 21900, "answer of somebody else"), ("cut", 21504, "answer of somebody else"))
+
+
+def request(board, channel, baud, devices, registers, rounds, timeout=1000, start=0):
+    """The rounds as the tool tells them, and its summary."""
+    text = board.ask(f"tamselctl request --json --channel {channel} --baud {baud} --device {devices} --timeout {timeout} "
+                     f"--read-holding {start},{registers} --watch 0.1 --count {rounds}")[1]
+    *lines, summary = [json.loads(line) for line in text.splitlines() if line.startswith("{")] or [{}]
+    return lines, summary.get("summary", {}).get("devices", [])
+
+
+def count_whole(check, board, name, channel, baud):
+    for registers in (1, 10, 60):
+        for devices, rounds in (("1-3", 6), ("1-31", 1)):
+            expected = rounds * int(devices[2:])
+            answered = sum(device["answered"] for device in request(board, channel, baud, devices, registers, rounds)[1])
+            check.at_least(f"{name}, {baud} baud, devices {devices}, {registers} registers: whole answers of {expected}",
+                           answered, expected)
+
+
+def tell_wrong(check, board):
+    for what, register, words in WRONG:
+        lines, _ = request(board, 1, 19200, 1, 4, 2, timeout=500, start=register)
+        check.equal(f"{what} answer", {line["devices"][0]["status"] for line in lines}, {words})
+
+
+def time_out(check, board):
+    """Processor time of the service while it waits, less than what a request costs anyway."""
+    def used(timeout):
+        before = int(board.run(USED))
+        request(board, 1, 9600, 40, 1, 3, timeout=timeout)
+        return (int(board.run(USED)) - before) // 1000
+    short = used(10)
+    check.at_most("ms of processor time for 3 time-outs of 900 ms", used(910) - short, 150)
+
+
+USED = "awk '/usage_usec/ { print $2 }' /sys/fs/cgroup/system.slice/tamsel_communication.service/cpu.stat"
+
+
+def play(stage, check):
+    with stage.kept.resumed() as board:
+        for baud in (9600, 19200, 115200):
+            with Field.bus(stage.work, stage.programs, f"line{baud}", "1-31", baud) as line:
+                board.connect(line.path)
+                count_whole(check, board, "16550A", 1, baud)
+                if baud == 19200:
+                    tell_wrong(check, board)
+                if baud == 9600:
+                    time_out(check, board)
+        with Field.bus(stage.work, stage.programs, "adapter", "1-31", 19200) as line:
+            board.plug(line.path)
+            board.run("timeout 30 sh -c 'until test -c /dev/ttyUSB0; do sleep 0.2; done'")
+            count_whole(check, board, "FTDI", 2, 19200)
