@@ -14,7 +14,7 @@ import time
 from checks import Checks
 from kept import Kept
 
-CASES = ("boot", "serial_lines")
+CASES = ("boot", "serial_lines", "adapters")
 
 
 class Stage:
