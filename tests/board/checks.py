@@ -9,6 +9,9 @@ class Checks:
         self.failed += not is_good
         print(f"{'ok  ' if is_good else 'FAIL'}  {text}", flush=True)
 
+    def error(self, text):
+        self._tell(False, text)
+
     def at_least(self, what, value, bound):
         self._tell(value >= bound, f"{what}: {value} (at least {bound})")
 

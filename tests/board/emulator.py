@@ -1,6 +1,7 @@
 """One emulated board: QEMU's "virt" machine with a Cortex-A15, Debian's kernel and systemd, two kinds
 of serial port, a card, and an agent that runs commands as root."""
 
+import base64
 import json
 import os
 import signal
@@ -36,7 +37,7 @@ class Board:
     Channel 1 is /dev/ttyS0, a 16550A whose line `connect` chooses; USB adapters come with `plug`. What
     the board writes to /dev/hvc0 leaves it at once, to `output`."""
 
-    def __init__(self, folder, disk, kernel_folder, card, state=None, drives=()):
+    def __init__(self, folder, disk, kernel_folder, card, state=None):
         self.folder = folder
         self.output = f"{folder}/output"
         self.port = free_port()
@@ -57,10 +58,8 @@ class Board:
             "-device", "virtio-serial-pci", "-chardev", f"file,id=output,path={self.output}",
             "-device", "virtconsole,chardev=output",
             "-device", "pcie-root-port,id=cardslot,slot=1",
-            "-drive", f"if=none,id=card,file={card},format=raw,cache=writeback",
-            "-device", "virtio-blk-pci,drive=card,id=carddevice,bus=cardslot"]
-        for drive in drives:
-            self.command += ["-drive", f"if=virtio,file={drive},format=raw,readonly=on"]
+            "-blockdev", f"driver=raw,node-name=card,file.driver=file,file.filename={card}",
+            "-device", "virtio-blk-pci,drive=card,id=carddevice,bus=cardslot,write-cache=on"]
         if state:
             self.command += ["-incoming", f"exec:cat {state}"]
         self.is_resumed = bool(state)
@@ -108,6 +107,12 @@ class Board:
             raise BoardError(f"{command}: status {status}: {text}")
         return text
 
+    def copy(self, file, place):
+        """A file of this machine's to a place on the board."""
+        text = base64.encodebytes(open(file, "rb").read()).decode()
+        self.run(f"base64 -d > {place}.new <<'END'\n{text}END\n" +
+                 f"{{ chmod --reference={place} {place}.new 2>/dev/null; mv {place}.new {place}; }}")
+
     def monitor(self, command, **arguments):
         """A command of QMP."""
         with socket.socket(socket.AF_UNIX) as monitor:
@@ -142,6 +147,19 @@ class Board:
     def pull(self, adapter):
         self.monitor("device_del", id=adapter)
 
+    def pull_card(self):
+        self.monitor("device_del", id="carddevice")
+        wait_for("the card is gone", lambda: self.ask("test ! -e /sys/block/vdb")[0] == 0)
+
+    def put_card(self):
+        self.monitor("device_add", driver="virtio-blk-pci", drive="card", id="carddevice", bus="cardslot")
+        wait_for("the card is there", lambda: self.ask("ls /dev/disk/by-label/CARD")[0] == 0)
+
+    def slow_card(self, bytes_per_second):
+        """0: as fast as it can."""
+        self.monitor("block_set_io_throttle", id="carddevice", bps=bytes_per_second, bps_rd=0, bps_wr=0, iops=0,
+                     iops_rd=0, iops_wr=0)
+
     def freeze(self, state):
         self.monitor("stop")
         self.monitor("migrate", uri=f"exec:cat > {state}")
@@ -168,8 +186,8 @@ class Field:
         wait_for("the simulated devices", lambda: "ready" in open(self.text).read(), 20)
 
     @classmethod
-    def bus(cls, folder, programs, name, addresses, baud):
-        return cls(folder, programs, name, "--rtu-bus", f"{folder}/{name}={addresses}", "--rtu-baud", str(baud))
+    def bus(cls, folder, programs, name, addresses, baud, *options):
+        return cls(folder, programs, name, "--rtu-bus", f"{folder}/{name}={addresses}", "--rtu-baud", str(baud), *options)
 
     def tcp_port(self):
         """Of the first device."""

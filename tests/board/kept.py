@@ -1,9 +1,10 @@
-"""What is made once and kept in a folder: the board's disk with the packages installed, the state of the
-booted board, and what each case begins with."""
+"""What is made once and kept in a folder: the state of the booted board with the packages installed, with
+which each case begins."""
 
 import contextlib
 import glob
 import hashlib
+import inspect
 import os
 import shutil
 import subprocess
@@ -52,67 +53,58 @@ class Kept:
     def __init__(self, folder, packages, work):
         self.folder = folder
         self.work = work
-        packages = sorted(glob.glob(f"{packages}/*.deb"))
-        digest = hashlib.sha256(open(__file__, "rb").read() + str(os.path.getmtime(f"{folder}/root.img")).encode())
-        for package in packages:
-            digest.update(open(package, "rb").read())
-        self.key = digest.hexdigest()[:16]
-        self.packages = packages
-        self.installed = f"{folder}/installed-{self.key}.qcow2"
-        self.frozen = f"{folder}/frozen-{self.key}"
-
-    def install(self):
-        """The packages as somebody installs them, on the booted board."""
-        if os.path.exists(self.installed):
-            return
-        for old in glob.glob(f"{self.folder}/installed-*") + glob.glob(f"{self.folder}/frozen-*"):
-            os.remove(old)
-        os.makedirs(f"{self.work}/packages")
+        self.packages = sorted(glob.glob(f"{packages}/*.deb"))
+        made_by = inspect.getsource(Kept.prepare) + inspect.getsource(Board.__init__) + OUTPUT_LINES
+        digest = hashlib.sha256(f"{made_by}{os.path.getmtime(f'{folder}/root.img')}".encode())
         for package in self.packages:
-            shutil.copy(package, f"{self.work}/packages")
-        image = f"{self.work}/packages.img"
-        subprocess.run(["mke2fs", "-q", "-L", "PACKAGES", "-d", f"{self.work}/packages", image, "16M"], check=True, capture_output=True)
-        make_card(f"{self.work}/card")
-        disk = overlay(f"{self.work}/installed", f"{self.folder}/root.img")
-        with Board(self.work, disk, self.folder, f"{self.work}/card", drives=[image]) as board:
-            board.run("systemctl is-system-running --wait >/dev/null; mount -o ro LABEL=PACKAGES /mnt && "
-                      "DEBIAN_FRONTEND=noninteractive dpkg -i /mnt/*.deb 2>&1 && umount /mnt", 600)
-            board.run(settings(SdcardPath="/media/sdcard") +
-                      r"; printf 'RS485_PORT_1=/dev/ttyS0\nRS485_PORT_2=/dev/ttyUSB0\nRS485_PORT_3=/dev/ttyUSB1\n'"
-                      " >> /etc/default/tamsel_communication; rm -rf /var/log/tamsel/*; sync")
-            board.shut_down()
-        os.rename(disk, self.installed)
+            digest.update(open(package, "rb").read())
+        self.frozen = f"{folder}/frozen-{digest.hexdigest()[:16]}"
 
-    def booted(self, disk=None, card=None):
-        """A board that boots, from what was installed or from what is left of another one."""
-        return Board(self.work, disk or overlay(f"{self.work}/disk", self.installed), self.folder,
-                     card or self.new_card())
+    def prepare(self):
+        """Boots, installs the packages as somebody does, and keeps the board in that state: the service
+        stopped, the card not mounted."""
+        if os.path.exists(self.frozen + ".qcow2"):
+            return
+        for old in glob.glob(f"{self.folder}/frozen-*"):
+            os.remove(old)
+        card = self.new_card()
+        subprocess.run(["mcopy", "-i", card, *self.packages, "::"], check=True)
+        disk = overlay(f"{self.work}/disk", f"{self.folder}/root.img")
+        with Board(self.work, disk, self.folder, card) as board:
+            board.run("systemctl is-system-running --wait >/dev/null; "
+                      "DEBIAN_FRONTEND=noninteractive dpkg -i /media/sdcard/*.deb", 900)
+            board.run("systemctl stop tamsel_communication tamsel_watchdog.timer; " + settings(SdcardPath="/media/sdcard") +
+                      r"; printf 'RS485_PORT_1=/dev/ttyS0\nRS485_PORT_2=/dev/ttyUSB0\nRS485_PORT_3=/dev/ttyUSB1\n'"
+                      " >> /etc/default/tamsel_communication; rm -rf /var/log/tamsel/*; umount /media/sdcard; "
+                      f"mkdir -p $(dirname {OUTPUT_UNIT}); printf '{OUTPUT_LINES}' > {OUTPUT_UNIT}; "
+                      "systemctl daemon-reload; modprobe -a vfat nls_ascii nls_cp437 nls_utf8; "
+                      "stty -F /dev/hvc0 raw; chmod 666 /dev/hvc0; sync; echo 3 > /proc/sys/vm/drop_caches")
+            board.freeze(self.frozen + ".state")
+        os.rename(disk, self.frozen + ".qcow2")
 
     def new_card(self, kind="vfat"):
         make_card(f"{self.work}/card", kind)
         return f"{self.work}/card"
 
-    def freeze(self, board):
-        """Keeps the state of the booted board: the service stopped, the card not mounted."""
-        board.run("systemctl stop tamsel_communication tamsel_watchdog.timer; umount /media/sdcard; "
-                  f"mkdir -p $(dirname {OUTPUT_UNIT}); printf '{OUTPUT_LINES}' > {OUTPUT_UNIT}; "
-                  "systemctl daemon-reload; modprobe -a vfat nls_ascii nls_cp437 nls_utf8; "
-                  "stty -F /dev/hvc0 raw; chmod 666 /dev/hvc0; sync; echo 3 > /proc/sys/vm/drop_caches")
-        board.freeze(self.frozen + ".state")
-        board.cut_power()
-        os.rename(f"{self.work}/disk", self.frozen + ".qcow2")
+    def _resumed(self, card):
+        return Board(self.work, overlay(f"{self.work}/disk", self.frozen + ".qcow2"), self.folder, card,
+                     self.frozen + ".state")
 
-    def is_frozen(self):
-        return os.path.exists(self.frozen + ".qcow2")
+    def booted(self):
+        """A board that boots with the packages, as it was shut down, from a card in its slot."""
+        with self._resumed(self.new_card()) as board:
+            board.run(f"rm -r $(dirname {OUTPUT_UNIT})")
+            board.shut_down()
+        return Board(self.work, f"{self.work}/disk", self.folder, f"{self.work}/card")
 
     @contextlib.contextmanager
     def resumed(self, kind=None, card=None, **values):
         """The kept board, the service started with these settings; with a kind, the card is mounted."""
-        disk = overlay(f"{self.work}/disk", self.frozen + ".qcow2")
-        card = card or self.new_card(kind or "vfat")
-        with Board(self.work, disk, self.folder, card, self.frozen + ".state") as board:
+        with self._resumed(card or self.new_card(kind or "vfat")) as board:
             if kind:
                 board.run(mount(kind))
+            for replaced in os.environ.get("BOARD_REPLACE", "").split():
+                board.copy(*replaced.split("="))
             board.run(settings(**values) or ":")
             board.run("systemctl start tamsel_communication")
             yield board

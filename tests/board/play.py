@@ -6,15 +6,18 @@
 FOLDER: what make_root left, and what is kept from one run to the next. PACKAGES: a folder with the armhf
 packages. PROGRAMS: a folder with this machine's field_simulator."""
 
+import contextlib
 import importlib
+import signal
 import sys
 import tempfile
 import time
 
 from checks import Checks
+from emulator import BoardError
 from kept import Kept
 
-CASES = ("boot", "serial_lines", "adapters")
+CASES = ("boot", "serial_lines", "adapters", "network", "troubles", "card_troubles", "power_cuts")
 
 
 class Stage:
@@ -26,26 +29,31 @@ class Stage:
         self.kept = Kept(folder, packages, work)
 
 
-def play(case, *places):
-    check = Checks()
+@contextlib.contextmanager
+def stage_of(places):
     with tempfile.TemporaryDirectory(prefix="board.") as work:
-        begin = time.monotonic()
-        print(f"== {case}", flush=True)
-        importlib.import_module(case).play(Stage(work, *places), check)
-        print(f"== {case}: {time.monotonic() - begin:.0f} s, {check.failed} failed", flush=True)
+        yield Stage(work, *places)
+
+
+def play(case, places):
+    check = Checks()
+    begin = time.monotonic()
+    print(f"== {case}", flush=True)
+    with stage_of(places) as stage:
+        try:
+            importlib.import_module(case).play(stage, check)
+        except BoardError as error:
+            check.error(error)
+    print(f"== {case}: {time.monotonic() - begin:.0f} s, {check.failed} failed", flush=True)
     return check.failed
 
 
 def main(folder, packages, programs, *cases):
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # nothing is left behind
     places = (folder, packages, programs)
-    failed = 0
-    # A kept state is that of a board that has booted well.
-    if "boot" in cases or not Stage("", *places).kept.is_frozen():
-        failed += play("boot", *places)
-    for case in cases or CASES:
-        if case != "boot":
-            failed += play(case, *places)
-    return 1 if failed else 0
+    with stage_of(places) as stage:
+        stage.kept.prepare()
+    return 1 if sum([play(case, places) for case in cases or CASES]) else 0
 
 
 if __name__ == "__main__":

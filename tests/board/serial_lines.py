@@ -4,9 +4,9 @@ import json
 
 from emulator import Field
 
-# What is wrong with an answer, the register that asks for it, and what the client is told.
-WRONG = (("silent", 20200, "no answer in time"), ("late", 21499, "no answer in time"),
-         ("foreign", 21900, "answer of somebody else"), ("cut", 21504, "answer of somebody else"))
+# What the device with that place in the list, from 1 on, does wrong, and what the client is told.
+WRONG = (("silence", "no answer in time"), ("late:2000", "no answer in time"), ("other-address", "answer of somebody else"),
+         ("garbage:4", "answer of somebody else"), ("cut", "wrong CRC"), ("pause:60", "answered"), ("noise", "answered"))
 
 
 def request(board, channel, baud, devices, registers, rounds, timeout=1000, start=0):
@@ -26,10 +26,13 @@ def count_whole(check, board, name, channel, baud):
                            answered, expected)
 
 
-def tell_wrong(check, board):
-    for what, register, words in WRONG:
-        lines, _ = request(board, 1, 19200, 1, 4, 2, timeout=500, start=register)
-        check.equal(f"{what} answer", {line["devices"][0]["status"] for line in lines}, {words})
+def tell_wrong(stage, check, board):
+    faults = [option for address, (fault, _) in enumerate(WRONG, 1) for option in ("--fault", f"{address}={fault}")]
+    with Field.bus(stage.work, stage.programs, "wrong", f"1-{len(WRONG)}", 19200, *faults) as line:
+        board.connect(line.path)
+        for address, (fault, words) in enumerate(WRONG, 1):
+            lines, _ = request(board, 1, 19200, address, 4, 2, timeout=500)
+            check.equal(fault, {line["devices"][0]["status"].partition(" (")[0] for line in lines}, {words})
 
 
 def time_out(check, board):
@@ -51,10 +54,9 @@ def play(stage, check):
             with Field.bus(stage.work, stage.programs, f"line{baud}", "1-31", baud) as line:
                 board.connect(line.path)
                 count_whole(check, board, "16550A", 1, baud)
-                if baud == 19200:
-                    tell_wrong(check, board)
                 if baud == 9600:
                     time_out(check, board)
+        tell_wrong(stage, check, board)
         with Field.bus(stage.work, stage.programs, "adapter", "1-31", 19200) as line:
             board.plug(line.path)
             board.run("timeout 30 sh -c 'until test -c /dev/ttyUSB0; do sleep 0.2; done'")
