@@ -11,7 +11,6 @@
 #include <climits>
 #include <cstddef>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
 #include "modbus_frame.h"
@@ -28,8 +27,6 @@ constexpr std::size_t kReceiveSize = 4096;
 constexpr std::size_t kLargestInput = 512;
 /// Longer than the scheduler is likely to hold up a client in the middle of a request.
 constexpr milliseconds kSilence(50);
-/// Longer than the kernel takes to hand what is written to the far side.
-constexpr milliseconds kHandOver(10);
 constexpr int kBroadcastAddress = 0;
 constexpr std::int64_t kBitsPerCharacter = 11;
 /// The silence on the line, in characters, by which a device knows the end of a request.
@@ -105,6 +102,7 @@ void RtuBus::Unplug() {
   terminal_name_.clear();
   input_.clear();
   silent_at_.reset();
+  are_marks_off_ = false;
   output_.Clear();
   for (BusDevice& device : devices_) {
     device.busy_until = {};
@@ -176,6 +174,9 @@ std::uint64_t RtuBus::RequestsReceived(int address) const {
 void RtuBus::HandleEvents(std::uint64_t, std::uint32_t) {
   std::array<std::uint8_t, kReceiveSize> buffer{};
   const ssize_t size = read(master_.Get(), buffer.data(), buffer.size());
+  if (are_marks_off_) {
+    SetMarks(true);
+  }
   if (size > 0) {
     input_.insert(input_.end(), buffer.begin(), buffer.begin() + size);
     ServeInput();
@@ -268,15 +269,20 @@ ssize_t RtuBus::Write(const std::uint8_t* bytes, std::size_t size, bool is_damag
     return write(master_.Get(), zeros.data(), size);
   }
   // A terminal without a line has no errors to mark, so the marks come from here, and the terminal
-  // adds none of its own to them.
+  // adds none of its own to them: not before the next request, since it takes its time.
   const Bytes marked = Marked(bytes, size);
-  line.c_iflag &= ~static_cast<tcflag_t>(PARMRK);
-  tcsetattr(far_side_.Get(), TCSANOW, &line);
+  SetMarks(false);
   const ssize_t written = write(master_.Get(), marked.data(), marked.size());
-  std::this_thread::sleep_for(kHandOver);
-  line.c_iflag |= PARMRK;
-  tcsetattr(far_side_.Get(), TCSANOW, &line);
   return written < 0 ? written : static_cast<ssize_t>(size);
+}
+
+/// Whether the terminal marks errors, and so what looks like a mark.
+void RtuBus::SetMarks(bool is_marking) {
+  termios line{};
+  tcgetattr(far_side_.Get(), &line);
+  line.c_iflag = is_marking ? line.c_iflag | PARMRK : line.c_iflag & ~static_cast<tcflag_t>(PARMRK);
+  tcsetattr(far_side_.Get(), TCSANOW, &line);
+  are_marks_off_ = !is_marking;
 }
 
 void RtuBus::TransmitAndArm() {

@@ -77,6 +77,7 @@ class RtuBus : private EventLoop::Handler {
   void Serve(Bytes request);
   std::vector<Piece> Paced(std::vector<Piece> pieces, std::chrono::nanoseconds lead) const;
   ssize_t Write(const std::uint8_t* bytes, std::size_t size, bool is_damaged);
+  void SetMarks(bool is_marking);
   void TransmitAndArm();
   /// The device's index in devices_.
   std::size_t IndexOf(int address) const;
@@ -98,6 +99,8 @@ class RtuBus : private EventLoop::Handler {
   Bytes input_;
   /// When the bytes in input_ are not a part of a request any more.
   std::optional<TimePoint> silent_at_;
+  /// The client's marks of errors, until it asks again.
+  bool are_marks_off_ = false;
   PieceQueue output_;
 };
 
