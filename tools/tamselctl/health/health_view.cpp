@@ -10,6 +10,7 @@
 #include <tuple>
 #include <utility>
 
+#include "shared/printable.h"
 #include "shared/serial_codes.h"
 #include "shared/times.h"
 #include "status_text.h"
@@ -19,20 +20,15 @@ namespace {
 
 constexpr std::int64_t kHourMs = 3600 * 1000;
 
-// Nothing in a file that anybody may have written reaches a terminal as a control sequence.
-std::string Printable(const char* text, std::size_t size) {
-  std::string result(text, ::strnlen(text, size));
-  for (char& character : result) {
-    const bool is_control = static_cast<unsigned char>(character) < ' ' || character == 0x7F;
-    character = is_control ? '?' : character;
-  }
-  return result;
+/// A text of the file, which fills its field or ends with a NUL.
+template <std::size_t size>
+std::string PrintableField(const char (&text)[size]) {
+  return Printable({text, ::strnlen(text, size)});
 }
 
 std::string PlaceText(const tamsel_health_device& record) {
   return record.transport == TAMSEL_HEALTH_TCPIP
-             ? Printable(record.ip_address, sizeof(record.ip_address)) + ":" +
-                   std::to_string(record.port)
+             ? PrintableField(record.ip_address) + ":" + std::to_string(record.port)
              : LineText(record.port, record.line);
 }
 
@@ -42,8 +38,7 @@ DeviceHealth MakeDevice(const tamsel_health_device& record, const DeviceNamer& n
   device.record = record;
   device.place = PlaceText(record);
   if (namer) {
-    const std::string name = namer(record.channel, record.transport, record.address);
-    device.name = Printable(name.c_str(), name.size());
+    device.name = Printable(namer(record.channel, record.transport, record.address));
   }
   const std::int64_t reference_hour = reference_ms / kHourMs;
   const std::int64_t newest_hour = record.newest_hour;
@@ -141,7 +136,7 @@ HealthView MakeHealthView(const std::string& path, const HealthSnapshot& snapsho
   view.path = path;
   view.now_ms = now_ms;
   view.process = snapshot.process;
-  view.version = Printable(snapshot.process.version, sizeof(snapshot.process.version));
+  view.version = PrintableField(snapshot.process.version);
   view.daemon_state = FindDaemonState(snapshot.process, now_ms);
   view.reference_ms = view.daemon_state == DaemonState::kRunning
                           ? now_ms

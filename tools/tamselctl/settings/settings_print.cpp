@@ -9,6 +9,7 @@
 
 #include "log/log_file_output.h"
 #include "shared/json_line.h"
+#include "shared/printable.h"
 #include "shared/table.h"
 #include "shared/times.h"
 
@@ -186,8 +187,8 @@ void PrintSettings(std::ostream& output, const SettingsReport& report,
     if (mistake.line > 0) {
       place += ":" + std::to_string(mistake.line) + ":" + std::to_string(mistake.column);
     }
-    output << Coloured(place + ":", Tone::kBad, has_colour) << ' ' << mistake.key
-           << (mistake.key.empty() ? "" : ": ") << mistake.text << '\n';
+    output << Coloured(place + ":", Tone::kBad, has_colour) << ' '
+           << Printable(mistake.key + (mistake.key.empty() ? "" : ": ") + mistake.text) << '\n';
   }
   output << report.path << ": "
          << (report.mistakes.empty() ? "no mistakes"

@@ -4,12 +4,14 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 
+#include "shared/printable.h"
+
 namespace tmsc::ctl {
 
-/// Prints one line of JSON. A text that is no UTF-8, such as a path or a name from a file in
-/// another encoding, has its broken bytes replaced.
+/// Prints one line of JSON. Texts in it are printable: of others, or in another encoding, they may
+/// be anything.
 inline void PrintJsonLine(std::ostream& output, const nlohmann::ordered_json& json) {
-  output << json.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
+  output << Printable(json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)) << '\n';
 }
 
 }  // namespace tmsc::ctl

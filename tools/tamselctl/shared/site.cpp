@@ -15,6 +15,7 @@
 #include "modbus/pdu.h"
 #include "shared/json_tree.h"
 #include "shared/nearest_word.h"
+#include "shared/printable.h"
 #include "shared/regular_file.h"
 #include "shared/usage.h"
 #include "utility/descriptor.h"
@@ -110,10 +111,7 @@ class Fields {
     }
     const bool is_text = value->value.is_string();
     auto text = is_text ? value->value.get<std::string>() : std::string();
-    const bool has_control = std::any_of(text.begin(), text.end(), [](unsigned char letter) {
-      return letter < ' ' || letter == 0x7F;
-    });
-    if (text.empty() || has_control) {
+    if (text.empty() || text != Printable(text)) {
       mistakes_.Add(value->offset, Quoted(value->key) + " is not a text of printable characters");
       return {};
     }

@@ -4,6 +4,7 @@
 #include <iostream>
 
 #include "shared/exit_code.h"
+#include "shared/printable.h"
 
 namespace tmsc::ctl {
 
@@ -12,7 +13,7 @@ void ThrowUsage(const std::string& option, const std::string& message) {
 }
 
 void ThrowFailure(const std::string& message) {
-  std::cerr << "tamselctl: " << message << '\n';
+  std::cerr << "tamselctl: " << Printable(message) << '\n';
   throw CLI::RuntimeError(kExitFailed);
 }
 

@@ -8,6 +8,7 @@
 
 #include "shared/exit_code.h"
 #include "shared/json_line.h"
+#include "shared/printable.h"
 #include "shared/site.h"
 #include "shared/table.h"
 
@@ -108,7 +109,7 @@ int RunSite(const SiteOptions& options) {
   if (!options.is_json) {
     for (const SiteMistake& mistake : reading.mistakes) {
       std::cerr << options.file << ':' << mistake.line << ':' << mistake.column << ": "
-                << mistake.text << '\n';
+                << Printable(mistake.text) << '\n';
     }
   }
   return reading.site ? kExitOk : kExitUsage;
