@@ -1,7 +1,10 @@
 #include "health/health_command.h"
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <sstream>
 
@@ -16,6 +19,7 @@
 #include "shared/daemon_options.h"
 #include "shared/exit_code.h"
 #include "shared/number_option.h"
+#include "shared/printable.h"
 #include "shared/ranges_option.h"
 #include "shared/screen.h"
 #include "shared/site.h"
@@ -39,7 +43,9 @@ struct HealthOptions {
   DaemonOptions daemon;
   HealthSelection selection;
   DeviceNamer namer;
+  std::string site_name;
   std::optional<std::int64_t> watch_ms;
+  int count = 0;  // of a watch; 0: without an end
   bool is_json = false;
   bool is_openmetrics = false;
   std::string page_path;
@@ -65,16 +71,25 @@ void Print(std::ostream& output, const HealthView& view, const HealthOptions& op
   }
 }
 
+/// Of which site and which machine the health is; a copy of a file may be another machine's.
+std::string PlaceText(const HealthOptions& options) {
+  char host[256] = "";
+  ::gethostname(host, sizeof(host) - 1);
+  return options.site_name + (options.site_name.empty() ? "" : ", ") +
+         Printable(options.file.empty() ? host : options.file);
+}
+
 /// Reads the file at `path` once and shows it; the exit status.
 int ShowOnce(const std::string& path, const HealthOptions& options, std::ostream& output,
              std::ostream& errors) {
   const HealthReading reading = ReadHealth(path);
   if (!reading.snapshot) {
-    errors << "tamselctl: " << reading.error << '\n';
+    errors << "tamselctl: " << reading.error << RightsHelp(path) << '\n';
     return kExitNoDaemon;
   }
-  const HealthView view =
+  HealthView view =
       MakeHealthView(path, *reading.snapshot, options.selection, options.namer, NowMs());
+  view.place = PlaceText(options);
   const std::string target = options.Target();
   if (target.empty()) {
     Print(output, view, options);
@@ -100,10 +115,11 @@ int RunHealth(const HealthOptions& options) {
     return ShowOnce(path, options, std::cout, std::cerr);
   }
   int exit_code = kExitOk;
-  ShowRepeatedly(
-      *options.watch_ms, options.IsText() && options.Target().empty(), [&](std::ostream& output) {
-        exit_code = ShowOnce(path, options, output, options.IsText() ? output : std::cerr);
-      });
+  ShowRepeatedly(*options.watch_ms, options.count, options.IsText() && options.Target().empty(),
+                 [&](std::ostream& output) {
+                   exit_code =
+                       ShowOnce(path, options, output, options.IsText() ? output : std::cerr);
+                 });
   return exit_code;
 }
 
@@ -135,21 +151,25 @@ void AddForms(CLI::App& command, HealthOptions& options) {
                   "Write to this file, which is whole at any time, instead of printing")
       ->type_name("FILE")
       ->excludes(page);
-  command
-      .add_option_function<std::string>(
-          "--watch",
-          [&options](const std::string& text) {
-            constexpr std::int64_t kShortestMs = 100;
-            options.watch_ms = ParseDuration(text);
-            if (!options.watch_ms || *options.watch_ms < kShortestMs) {
-              ThrowUsage("--watch", text + " is no time of 100 ms or more, such as 5 or 500ms");
-            }
-          },
-          "Show it again and again, every 2 s unless told otherwise, until Ctrl-C; the exit "
-          "status is then that of the last time")
-      ->type_name("SECONDS")
-      ->expected(0, 1)
-      ->default_str("2");
+  CLI::Option* watch =
+      command
+          .add_option_function<std::string>(
+              "--watch",
+              [&options](const std::string& text) {
+                constexpr std::int64_t kShortestMs = 100;
+                options.watch_ms = ParseDuration(text);
+                if (!options.watch_ms || *options.watch_ms < kShortestMs) {
+                  ThrowUsage("--watch", text + " is no time of 100 ms or more, such as 5 or 500ms");
+                }
+              },
+              "Show it again and again, every 2 s unless told otherwise, until Ctrl-C; the exit "
+              "status is then that of the last time")
+          ->type_name("SECONDS")
+          ->expected(0, 1)
+          ->default_str("2");
+  AddNumber(command, "--count", options.count, 1, std::numeric_limits<int>::max(),
+            "End the watch after so many times")
+      ->needs(watch);
 }
 
 }  // namespace
@@ -169,8 +189,9 @@ void AddHealthCommand(CLI::App& app, int& exit_code) {
       .add_option_function<std::string>(
           "--site",
           [options](const std::string& path) {
-            options->namer = [site = RequireSite("--site", path)](int channel, int transport,
-                                                                  int address) {
+            const Site site = RequireSite("--site", path);
+            options->site_name = site.name;
+            options->namer = [site](int channel, int transport, int address) {
               return site.DeviceName(channel, transport, address);
             };
           },

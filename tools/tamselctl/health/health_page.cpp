@@ -4,7 +4,6 @@
 #include <cmath>
 #include <map>
 #include <ostream>
-#include <set>
 #include <utility>
 
 #include "health/health_page_style.h"
@@ -31,28 +30,40 @@ const char* ToneOf(const DeviceHealth& device) {
 class DeviceSet {
  public:
   void Add(const DeviceHealth& device) {
-    addresses_[{device.record.channel, device.record.transport}].insert(device.record.address);
+    devices_[{device.record.channel, device.record.transport}][device.record.address] = &device;
     ++count_;
   }
   int Count() const { return count_; }
-  std::string Text() const {
+  /// `is_named`: those that have a name with it, one by one.
+  std::string Text(bool is_named) const {
     std::string text;
-    for (const auto& [place, addresses] : addresses_) {
+    for (const auto& [place, devices] : devices_) {
       text += (text.empty() ? "channel " : "; channel ") + std::to_string(place.first) + " " +
-              TransportText(place.second) + ": " +
-              RangesText(std::vector<int>(addresses.begin(), addresses.end()));
+              TransportText(place.second) + ":";
+      std::vector<int> others;
+      const char* separator = " ";
+      for (const auto& [address, device] : devices) {
+        if (!is_named || device->name.empty()) {
+          others.push_back(address);
+        } else {
+          text += separator + FullName(*device);
+          separator = ", ";
+        }
+      }
+      text += others.empty() ? "" : separator + RangesText(others);
     }
     return text;
   }
 
  private:
-  std::map<std::pair<int, int>, std::set<int>> addresses_;
+  std::map<std::pair<int, int>, std::map<int, const DeviceHealth*>> devices_;
   int count_ = 0;
 };
 
 void PrintHeader(std::ostream& output, const HealthView& view) {
   const tamsel_health_process& process = view.process;
-  output << "<header>\n<h1>" << Html(SummaryText(view)) << "</h1>\n";
+  output << "<header>\n<p class=\"faint\">" << Html(view.place) << "</p>\n<h1>"
+         << Html(SummaryText(view)) << "</h1>\n";
   const bool is_running = view.daemon_state == DaemonState::kRunning;
   output << "<p>Daemon" << (view.version.empty() ? "" : " ") << Html(view.version)
          << ": <span class=\"" << (is_running ? "good" : "bad") << "\">" << Html(DaemonText(view))
@@ -70,18 +81,19 @@ void PrintHeader(std::ostream& output, const HealthView& view) {
     output << "<p class=\"warn\">" << view.damaged_records
            << " damaged records of the file are left out.</p>\n";
   }
-  output << "<p class=\"faint\">State of " << TimeText(view.now_ms) << "</p>\n</header>\n";
+  output << "<p class=\"faint\">State of " << TimeText(view.now_ms) << "; all times are local, "
+         << Html(ZoneText(view.now_ms)) << "</p>\n</header>\n";
 }
 
 std::string DeviceCountText(const DeviceSet& devices) {
   return std::to_string(devices.Count()) + (devices.Count() == 1 ? " device" : " devices");
 }
 
-void PrintCauseRow(std::ostream& output, int cause, const char* tone, const DeviceSet& devices,
+void PrintCauseRow(std::ostream& output, int cause, const char* tone, const std::string& devices,
                    const std::string& counts) {
   output << "<li class=\"row\"><div class=\"" << tone << "\">" << Html(HealthCauseText(cause))
-         << "</div><div class=\"wide\">" << Html(devices.Text()) << "</div><div class=\"value\">"
-         << counts << "</div></li>\n";
+         << "</div><div class=\"wide\">" << Html(devices) << "</div><div class=\"value\">" << counts
+         << "</div></li>\n";
 }
 
 void PrintFailing(std::ostream& output, const HealthView& view) {
@@ -97,7 +109,7 @@ void PrintFailing(std::ostream& output, const HealthView& view) {
   output << "<section>\n<h2>Who does not answer</h2>\n<p class=\"faint\">By how the last "
             "exchange ended.</p>\n<ul class=\"rows\">\n";
   for (const auto& [cause, devices] : by_cause) {
-    PrintCauseRow(output, cause, "bad", devices, DeviceCountText(devices));
+    PrintCauseRow(output, cause, "bad", devices.Text(true), DeviceCountText(devices));
   }
   output << "</ul>\n</section>\n";
 }
@@ -303,7 +315,7 @@ void PrintCauses(std::ostream& output, const HealthView& view) {
   output << "<section>\n<h2>Causes of failures</h2>\n<p class=\"faint\">All since the health file "
             "was begun.</p>\n<ul class=\"rows\">\n";
   for (const auto& [number, cause] : sorted) {
-    PrintCauseRow(output, number, "", cause->devices,
+    PrintCauseRow(output, number, "", cause->devices.Text(false),
                   std::to_string(cause->count) + " times, " + DeviceCountText(cause->devices));
   }
   output << "</ul>\n</section>\n";
@@ -315,7 +327,7 @@ void PrintDevices(std::ostream& output, const HealthView& view) {
   }
   output << "<section>\n<h2>Devices</h2>\n";
   {
-    HtmlTable table(output, "Worst first; times are local.",
+    HtmlTable table(output, "Worst first.",
                     {{"Channel", false},
                      {"Device", false},
                      {"State", false},
@@ -352,8 +364,9 @@ void PrintHealthPage(std::ostream& output, const HealthView& view) {
             "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; "
             "style-src 'unsafe-inline'\">\n"
             "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
-            "<title>Field health</title>\n<style>"
-         << kHealthPageStyle << "</style>\n</head>\n<body>\n";
+            "<title>Field health: "
+         << Html(view.place) << "</title>\n<style>" << kHealthPageStyle
+         << "</style>\n</head>\n<body>\n";
   PrintHeader(output, view);
   output << "<main>\n";
   PrintFailing(output, view);

@@ -87,22 +87,29 @@ td.number { white-space: nowrap; }
   .hours i { font-size: 9px; }
   .hours i, .hours i:nth-child(6n) { border-right-width: 1px; }
 }
+@page { size: landscape; margin: 8mm; }
 @media print {
   :root { --page: #fff; --sheet: #fff; --text: #000; --faint: #333; --line: #999;
     --good: #000; --bad: #000; --warn: #000; --accent: #000; --accent-faint: #ccc; --none: #fff;
     --cell-good: #e4f2e6; --cell-few: #fbe3b0; --cell-many: #f3b27a; --cell-most: #e07856;
-    --cell-all: #e07856; --on-all: #000; color-scheme: light; }
-  body { font-size: 9pt; }
-  section { border: 0; padding: 0; break-inside: auto; }
-  h2, h3 { break-after: avoid; }
+    --cell-all: #e07856; --on-all: #000; color-scheme: light; font-size: 8pt; }
+  body { font-size: 7pt; line-height: 1.15; }
+  header, main, footer { max-width: none; padding: 0; }
+  section { border: 0; padding: 0; margin: .3rem 0; break-inside: auto; }
+  h2, h3 { break-after: avoid; margin: .3rem 0; }
   tr { break-inside: avoid; }
-  table { font-size: 7.5pt; }
-  th, td { padding: .15rem .25rem; }
-  .row { grid-template-columns: 15rem minmax(0, 1fr) 4rem; }
-  .times .row { grid-template-columns: 15rem minmax(0, 1fr) 11rem; }
-  .hours i, .hours i:nth-child(6n) { color: #000; border: 1px solid #bbb;
-    border-width: 1px 0 1px 1px; font-size: 7pt; }
+  table { font-size: 6pt; }
+  th, td { padding: 0 .2rem; }
+  td:nth-child(-n+3), td:nth-child(5), td:nth-child(6) { white-space: nowrap; }
+  .row { grid-template-columns: 30rem minmax(0, 1fr) 4rem; padding: 0; }
+  .row small.bad { font-size: 6pt; font-weight: 400; }
+  .times { columns: 3; }
+  .times h3 { column-span: all; }
+  .times .row { grid-template-columns: 14rem minmax(0, 1fr) 8rem; }
+  .hours i, .hours i:nth-child(6n) { color: #000; border: 1px solid #bbb; height: .95rem;
+    border-width: 1px 0 1px 1px; font-size: 6pt; line-height: .9rem; }
   .hours .x { font-weight: 900; }
+  .bar { height: .7rem; }
   .bar, .bar span { border: 1px solid #666; }
 }
 )";

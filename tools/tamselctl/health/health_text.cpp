@@ -70,7 +70,7 @@ void PrintDaemon(std::ostream& output, const HealthView& view) {
          << coloured(DaemonText(view), ToneOf(view.daemon_state));
   if (view.daemon_state != DaemonState::kUnknown) {
     const std::uint32_t restarts = process.starts == 0 ? 0 : process.starts - 1;
-    output << "\n        " << restarts << (restarts == 1 ? " restart, " : " restarts, ")
+    output << "\n  " << restarts << (restarts == 1 ? " restart, " : " restarts, ")
            << coloured("power " + PowerText(process),
                        process.power == TAMSEL_POWER_ON ? Tone::kPlain : Tone::kBad)
            << ", "
@@ -98,8 +98,8 @@ std::string CycleText(const tamsel_health_channel& channel) {
 }
 
 void PrintChannels(std::ostream& output, const HealthView& view) {
-  Table table({"channel", ">requests", ">busy", ">failed", ">unanswered", ">longest ms", "when",
-               ">RS485 cycle ms (last / mean / most)", "failed with"});
+  Table table({"channel", ">requests", ">busy", ">failed", ">unanswered", "failed with",
+               ">longest ms", "when", ">RS485 cycle ms (last / mean / most)"});
   for (const tamsel_health_channel& channel : view.channels) {
     const std::uint64_t failed = FailedRequests(channel);
     table.Add(
@@ -109,14 +109,15 @@ void PrintChannels(std::ostream& output, const HealthView& view) {
           channel.busy_refusals == 0 ? Tone::kPlain : Tone::kWarning},
          {std::to_string(failed), failed == 0 ? Tone::kPlain : Tone::kBad},
          {std::to_string(channel.unanswered), channel.unanswered == 0 ? Tone::kPlain : Tone::kBad},
+         FailedRequestsText(channel),
          std::to_string(channel.longest_ms),
          TimeText(channel.longest_at_ms),
-         CycleText(channel),
-         FailedRequestsText(channel)});
+         CycleText(channel)});
   }
   if (!table.IsEmpty()) {
     output << '\n';
-    table.Print(output);
+    constexpr std::size_t kThroughWhy = 6;
+    table.Print(output, kThroughWhy);
   }
 }
 
@@ -168,7 +169,7 @@ void PrintDevices(std::ostream& output, const HealthView& view, const SilentGrou
     table.Add(std::move(row));
   }
   if (!table.IsEmpty()) {
-    table.Print(output);
+    table.Print(output, kNameColumn + (has_names ? 3 : 2));
   }
 }
 
@@ -190,8 +191,9 @@ void PrintHealthText(std::ostream& output, const HealthView& view) {
   PrintChannels(output, view);
   output << '\n' << SummaryText(view) << '\n';
   const SilentGroups groups = GroupSilent(view);
-  PrintDevices(output, view, groups);
   PrintSilent(output, groups);
+  // Last: what a screen has no room for are devices, the worst ones above.
+  PrintDevices(output, view, groups);
 }
 
 }  // namespace tmsc::ctl

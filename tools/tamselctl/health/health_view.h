@@ -61,6 +61,7 @@ enum class DaemonState {
 /// A health file as it is shown, in every form.
 struct HealthView {
   std::string path;
+  std::string place;  // for people: the site and the machine or file
   std::int64_t now_ms = 0;
   /// What "the last hour" counts back from: now while the daemon runs, else when it was last seen.
   std::int64_t reference_ms = 0;

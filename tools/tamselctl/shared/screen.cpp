@@ -1,14 +1,14 @@
 #include "shared/screen.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
+#include <algorithm>
 #include <chrono>
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "shared/interruption.h"
+#include "shared/table.h"
 
 namespace tmsc::ctl {
 namespace {
@@ -22,40 +22,62 @@ std::string Capture(const std::function<void(std::ostream&)>& draw) {
   return text.str();
 }
 
-/// Over the former picture, line by line, so that nothing flickers.
-std::string InPlace(const std::string& picture) {
+/// Over the former picture, line by line, so that nothing flickers. Long lines go on in the next
+/// row.
+std::string InPlace(const std::string& picture, const winsize& size) {
   constexpr const char* kHome = "\033[H";
-  constexpr const char* kNoWrap = "\033[?7l";
-  constexpr const char* kWrap = "\033[?7h";
   constexpr const char* kClearLine = "\033[K";
   constexpr const char* kClearRest = "\033[J";
-  winsize size{};
-  const bool has_size = ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 1;
-  std::string result = std::string(kHome) + kNoWrap;
-  std::istringstream lines(picture);
-  int row = 1;
-  for (std::string line; std::getline(lines, line) && (!has_size || row < size.ws_row); ++row) {
-    result += line + kClearLine + "\n";
+  const std::size_t columns = std::max<std::size_t>(size.ws_col, 1);
+  const auto rows_of = [&](const std::string& line) {
+    return std::max<std::size_t>((Width(line) + columns - 1) / columns, 1);
+  };
+  std::vector<std::string> lines;
+  std::size_t rows = 0;
+  std::istringstream text(picture);
+  for (std::string line; std::getline(text, line); rows += rows_of(line)) {
+    lines.push_back(line);
   }
-  return result + kClearRest + kWrap;
+  // The cursor stands below the last line.
+  const std::size_t room = size.ws_row > 1 ? size.ws_row - 1U : rows;
+  std::size_t hidden = 0;
+  for (; rows + (hidden > 0 ? 1 : 0) > room && !lines.empty(); ++hidden) {
+    rows -= rows_of(lines.back());
+    lines.pop_back();
+  }
+  if (hidden > 0) {
+    lines.push_back("… and " + std::to_string(hidden) + " more");
+  }
+  std::string result = kHome;
+  for (const std::string& line : lines) {
+    // At the end of a full row it would take the last letter.
+    const bool is_full = !line.empty() && Width(line) % columns == 0;
+    result += line + (is_full ? "" : kClearLine) + "\n";
+  }
+  return result + kClearRest;
 }
 
 }  // namespace
 
-void ShowRepeatedly(std::int64_t period_ms, bool in_place,
+void ShowRepeatedly(std::int64_t period_ms, int count, bool in_place,
                     const std::function<void(std::ostream&)>& draw) {
   const Interruption interruption;
-  const bool is_screen = in_place && ::isatty(STDOUT_FILENO) != 0;
+  winsize size{};
+  const bool is_screen = in_place && IsTerminal(std::cout, size);
   if (is_screen) {
     std::cout << "\033[2J";
   }
-  do {
-    if (is_screen) {
-      std::cout << InPlace(Capture(draw));
+  for (int shown = 1;; ++shown) {
+    if (is_screen && IsTerminal(std::cout, size)) {
+      std::cout << InPlace(Capture(draw), size);
     } else {
       draw(std::cout);
     }
-  } while (std::cout.flush() && interruption.Sleep(std::chrono::milliseconds(period_ms)));
+    if (!std::cout.flush() || shown == count ||
+        !interruption.Sleep(std::chrono::milliseconds(period_ms))) {
+      break;
+    }
+  }
 }
 
 }  // namespace tmsc::ctl

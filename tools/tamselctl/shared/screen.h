@@ -7,11 +7,12 @@
 
 namespace tmsc::ctl {
 
-/// Shows something again and again until SIGINT or SIGTERM comes, which ends it cleanly: on a
-/// terminal, when `in_place`, each picture over the former, cut to the size of the terminal; else
-/// one after the other. `draw` prints one picture. Standard output that fails ends it, too.
-/// Main thread; `period_ms` of 1 or more.
-void ShowRepeatedly(std::int64_t period_ms, bool in_place,
+/// Shows something again and again, `count` times (0: without an end) or until SIGINT or SIGTERM
+/// comes, which ends it cleanly: on a terminal, when `in_place`, each picture over the former; the
+/// lines that the terminal has no room for are counted in its last one. Else one after the other.
+/// `draw` prints one picture. Standard output that fails ends it, too. Main thread; `period_ms` of
+/// 1 or more.
+void ShowRepeatedly(std::int64_t period_ms, int count, bool in_place,
                     const std::function<void(std::ostream&)>& draw);
 
 }  // namespace tmsc::ctl

@@ -52,6 +52,10 @@ std::string IsoTime(std::int64_t moment_ms) {
   return Format(moment_ms, "%Y-%m-%dT%H:%M:%S", true) + fraction;
 }
 
+std::string ZoneText(std::int64_t moment_ms) {
+  return Format(moment_ms, "%Z (UTC%z)", false);
+}
+
 std::string DayTimeText(std::int64_t moment_ms) {
   return Format(moment_ms, "%a %H:%M", false);
 }

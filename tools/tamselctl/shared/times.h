@@ -14,6 +14,9 @@ std::int64_t NowMs();
 std::string TimeText(std::int64_t moment_ms);
 /// The same for programs, "2026-07-25T12:03:22.123Z"; empty for 0.
 std::string IsoTime(std::int64_t moment_ms);
+/// The zone of local time at a moment, "CEST (UTC+0200)".
+std::string ZoneText(std::int64_t moment_ms);
+
 /// A moment of the last days, "Sat 14:03" in local time.
 std::string DayTimeText(std::int64_t moment_ms);
 /// A length of time, in ms, in its largest one or two units: "350 ms", "12 s", "3 min 20 s",
