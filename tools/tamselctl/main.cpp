@@ -1,3 +1,6 @@
+#include <poll.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <iostream>
@@ -10,6 +13,7 @@
 #include "settings/settings_command.h"
 #include "shared/command_line.h"
 #include "shared/exit_code.h"
+#include "shared/printable.h"
 #include "shared/standard_streams.h"
 #include "site/site_command.h"
 
@@ -21,6 +25,17 @@ constexpr void (*kAddCommands[])(CLI::App& app, int& exit_code) = {
     AddScanCommand,   AddSiteCommand, AddCompletionCommand,
 };
 
+int RefuseUsage(const std::string& mistake) {
+  std::cerr << "tamselctl: " << Printable(mistake) << "\nRun with --help for more information.\n";
+  return kExitUsage;
+}
+
+/// Whether standard output is a pipe that nobody reads any more, as behind `| head`.
+bool HasReaderLeft() {
+  pollfd output{STDOUT_FILENO, 0, 0};
+  return ::poll(&output, 1, 0) == 1 && (output.revents & POLLERR) != 0;
+}
+
 int Run(int argc, char** argv) {
   CLI::App app{"Talks to field devices through the communication daemon."};
   app.footer(kExitCodeHelp);
@@ -31,16 +46,17 @@ int Run(int argc, char** argv) {
     add_command(app, exit_code);
   }
   if (const auto mistake = FindMistake(app, argc, argv)) {
-    std::cerr << "tamselctl: " << *mistake << "\nRun with --help for more information.\n";
-    return kExitUsage;
+    return RefuseUsage(*mistake);
   }
   try {
     app.parse(argc, argv);
   } catch (const CLI::RuntimeError& failure) {
     return failure.get_exit_code();
+  } catch (const CLI::Success& help) {
+    return app.exit(help);
   } catch (const CLI::ParseError& error) {
-    // The help texts leave parse() as an error that counts as success.
-    return app.exit(error) == 0 ? kExitOk : kExitUsage;
+    // What stands behind a wrong option may have been taken for something else.
+    return RefuseUsage(FindWrongOption(app, argc, argv).value_or(error.what()));
   }
   return exit_code;
 }
@@ -54,7 +70,9 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   const int exit_code = tmsc::ctl::Run(argc, argv);
   if (!std::cout.flush()) {
-    std::cerr << "tamselctl: standard output could not be written\n";
+    if (!tmsc::ctl::HasReaderLeft()) {
+      std::cerr << "tamselctl: standard output could not be written\n";
+    }
     return tmsc::ctl::kExitOutputFailed;
   }
   return exit_code;

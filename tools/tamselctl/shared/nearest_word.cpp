@@ -28,7 +28,8 @@ std::string NearestWord(const std::string& word, const std::vector<std::string>&
   std::string nearest;
   std::size_t least = std::min(most_errors + 1, word.size());
   for (const std::string& candidate : words) {
-    const std::size_t distance = EditDistance(word, candidate);
+    const bool is_begin = candidate.compare(0, word.size(), word) == 0;
+    const std::size_t distance = is_begin ? 1 : EditDistance(word, candidate);
     if (distance < least) {
       least = distance;
       nearest = candidate;

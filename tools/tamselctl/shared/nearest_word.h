@@ -8,7 +8,8 @@
 namespace tmsc::ctl {
 
 /// The one of `words` that the fewest typing errors, letters inserted, removed or replaced, lead to
-/// from `word`; empty when each is more than `most_errors` or as many as `word` has letters away.
+/// from `word`, or that begins with it; empty when each is more than `most_errors` or as many as
+/// `word` has letters away.
 std::string NearestWord(const std::string& word, const std::vector<std::string>& words,
                         std::size_t most_errors);
 
