@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "shared/arguments.h"
+#include "shared/daemon_options.h"
 
 namespace tmsc::ctl {
 namespace {
@@ -69,7 +70,8 @@ bool Contains(const std::vector<LogFile>& files, const LogFile& file) {
 }
 
 std::string Reason(const std::string& path, int error) {
-  return path + ": " + std::generic_category().message(error);
+  return path + ": " + std::generic_category().message(error) +
+         (error == EACCES ? RightsHelp(path) : "");
 }
 
 /// The highest number of a copy in the folder; -1 when there is not even the live file.
@@ -110,7 +112,7 @@ void OpenFolder(const std::string& folder, LogFiles& log) {
   const std::string on_card = folder + "/" + kLogFolderOnCard;
   int highest = HighestCopy(folder, error);
   if (error) {
-    log.mistakes.push_back(folder + ": " + error.message());
+    log.mistakes.push_back(Reason(folder, error.value()));
   } else if (highest >= 0) {
     OpenCopies(folder + "/" + kLogName, highest, log);
   } else if ((highest = HighestCopy(on_card, error)) >= 0) {

@@ -1,6 +1,9 @@
 #include "settings/settings_command.h"
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
@@ -38,6 +41,10 @@ int RunSettings(const SettingsOptions& options, bool has_poll) {
     }
   }
   const std::string path = options.path.empty() ? DefaultSettingsPath() : options.path;
+  // The daemon may read what this user may not.
+  if (::access(path.c_str(), R_OK) != 0 && errno == EACCES) {
+    ThrowFailure("the settings " + path + " cannot be read: Permission denied" + RightsHelp(path));
+  }
   ::setenv(kLoggerSettingFileVariable.c_str(), path.c_str(), 1);
   LoggerSettingManager settings;
   const SettingsReport report = CheckSettings(path, settings, user ? &*user : nullptr);

@@ -1,10 +1,13 @@
 #include "shared/daemon_options.h"
 
+#include <grp.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <utility>
 
@@ -59,10 +62,10 @@ void UseSettings(const std::string& settings_path) {
   const std::string path = settings_path.empty() ? DefaultSettingsPath() : settings_path;
   if (const RegularFile file = OpenRegularFile(path); !file.obstacle.empty()) {
     if (!settings_path.empty()) {
-      ThrowUsage("--settings", path + " " + file.obstacle);
+      ThrowUsage("--settings", path + " " + file.obstacle + RightsHelp(path));
     }
     if (IsThere(path)) {
-      ThrowFailure("the settings " + path + " " + file.obstacle);
+      ThrowFailure("the settings " + path + " " + file.obstacle + RightsHelp(path));
     }
     // The daemon goes on with its defaults, too.
     if (static bool is_told = false; IsNamedByEnvironment() && !std::exchange(is_told, true)) {
@@ -72,6 +75,24 @@ void UseSettings(const std::string& settings_path) {
     return;
   }
   ::setenv(kLoggerSettingFileVariable.c_str(), path.c_str(), 1);
+}
+
+std::string RightsHelp(const std::string& path) {
+  if (::access(path.c_str(), R_OK) == 0 || errno != EACCES) {
+    return {};
+  }
+  // Where even its rights cannot be looked at, a folder above keeps from it.
+  std::filesystem::path place = path;
+  struct stat status {};
+  while (::stat(place.c_str(), &status) != 0 && place.has_relative_path()) {
+    place = place.parent_path();
+  }
+  const group* const owner = ::getgrgid(status.st_gid);
+  if (status.st_gid == 0 || (status.st_mode & S_IRWXG) == 0 || owner == nullptr) {
+    return {};
+  }
+  const std::string name = owner->gr_name;
+  return "; join the group " + name + " (sudo adduser \"$USER\" " + name + "), then log in anew";
 }
 
 std::string SocketPath(const DaemonOptions& options) {

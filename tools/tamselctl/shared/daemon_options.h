@@ -33,6 +33,10 @@ std::string DefaultSettingsPath();
 /// and else as by ThrowFailure; where none is, the defaults hold.
 void UseSettings(const std::string& settings_path);
 
+/// What helps a user who may not open one of the daemon's files or its socket, for the end of a
+/// message: "; join the group ...". Empty when that is not the obstacle.
+std::string RightsHelp(const std::string& path);
+
 /// The socket that was given; else that of the settings file that was given, read as the daemon
 /// reads it; else that of the settings that UseSettings chooses, which may throw.
 std::string SocketPath(const DaemonOptions& options);

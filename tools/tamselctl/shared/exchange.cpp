@@ -235,6 +235,9 @@ std::optional<Exchange> Exchanger::RunOnce(const Bus& bus, const std::vector<Dev
   }
   Exchange exchange;
   exchange.result = std::move(*result);
+  if (exchange.result.outcome == Outcome::kNotReachable) {
+    exchange.result.text += RightsHelp(socket_path_);
+  }
   exchange.elapsed_ms = elapsed_ms();
   exchange.ends.resize(devices.size());
   return exchange;
