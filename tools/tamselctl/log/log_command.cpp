@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
@@ -26,6 +25,7 @@
 #include "shared/exit_code.h"
 #include "shared/interruption.h"
 #include "shared/json_line.h"
+#include "shared/printable.h"
 #include "shared/ranges_option.h"
 #include "shared/table.h"
 #include "shared/times.h"
@@ -81,15 +81,6 @@ Tone ToneOf(char level) {
     default:
       return Tone::kPlain;
   }
-}
-
-/// The text without what would steer a terminal.
-std::string Printable(std::string_view text) {
-  std::string printable(text);
-  std::replace_if(
-      printable.begin(), printable.end(),
-      [](unsigned char letter) { return std::iscntrl(letter) != 0 && letter != '\t'; }, '?');
-  return printable;
 }
 
 /// Takes the lines of a log and prints or counts those that are asked for.
@@ -212,7 +203,14 @@ int Follow(LogFile file, LogPrinter& printer) {
 int RunLog(LogOptions options) {
   if (options.places.empty()) {
     UseSettings(options.settings_path);
-    options.places.push_back(LoggerSettingManager().GetLogDirectory());
+    LoggerSettingManager settings;
+    options.places.push_back(settings.GetLogDirectory());
+    if (options.is_following && settings.IsEnableLogBufferedIO()) {
+      std::cerr << "tamselctl: the daemon writes its lines when "
+                << settings.GetLoggerLogMaxBufferdSize()
+                << " bytes of them are there, at the latest after 5 minutes; to have them as they "
+                   "happen set EnableLogBufferedIO to 0 and restart it\n";
+    }
   }
   LogFiles log = OpenLog(options.places);
   while (options.is_following && log.files.empty()) {
@@ -341,7 +339,8 @@ void AddLogCommand(CLI::App& app, int& exit_code) {
                    "One JSON object for each line, or one for the summary");
   command.footer(
       std::string("Times in the log are UTC. What the daemon has not written to the card yet, up "
-                  "to 5 minutes,\nis not in its files; its standard output has it.\n\n"
+                  "to 5 minutes,\nis not in its files; its standard output has it. With "
+                  "EnableLogBufferedIO 0 it writes twice a second.\n\n"
                   "Examples:\n"
                   "  tamselctl log --since 1h --level W\n"
                   "  tamselctl log --channel 2 --device 17 --follow\n"
