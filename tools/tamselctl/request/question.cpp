@@ -32,8 +32,15 @@ nlohmann::ordered_json Scaled(const nlohmann::ordered_json& value, double scale)
   return std::strtod(text, nullptr);
 }
 
-void TakeValues(const Question& question, modbus::AnswerCheck& answer, DeviceReport& report) {
+void TakeValues(const Batch& batch, const Question& question, modbus::AnswerCheck& answer,
+                DeviceReport& report) {
   report.is_bits = !answer.bits.empty();
+  if (report.is_bits || !answer.registers.empty()) {
+    // Behind the function code of what was asked.
+    const std::size_t at = batch.bus.IsRs485() ? 2 : modbus::kMbapLength + 1;
+    const std::vector<byte>& frame = question.device.frame;
+    report.start = frame[at] << 8 | frame[at + 1];
+  }
   for (const bool bit : answer.bits) {
     report.values.emplace_back(bit);
   }
@@ -79,7 +86,7 @@ DeviceReport MakeReport(const Batch& batch, const Question& question, const Exch
     report.status = answer.is_good ? status_text(reply->status) : answer.text;
     report.exception = answer.exception;
     report.answer = reply->frame;
-    TakeValues(question, answer, report);
+    TakeValues(batch, question, answer, report);
   }
   return report;
 }

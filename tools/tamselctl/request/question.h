@@ -45,6 +45,7 @@ struct DeviceReport {
   int code = 0;                                // the device's status byte
   int exception = 0;                           // of Modbus; 0: none
   std::vector<byte> answer;                    // the answer frame as it came
+  int start = 0;                               // number of the first register or bit, from 0
   std::vector<int> registers;                  // of an answer that carries some
   std::vector<nlohmann::ordered_json> values;  // of registers with a type, scaled, and of bits
   bool is_bits = false;

@@ -6,6 +6,7 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "request/request_devices.h"
@@ -26,7 +27,8 @@ constexpr const char* kExamples =
     "  tamselctl request --channel 3 --device 1-10=192.0.2.9:502 --unit 101-110 \\\n"
     "    --read-holding 0,1 --watch 5 --count 60\n"
     "  tamselctl request --site site.json inverter-17\n\n"
-    "Numbers are decimal, or hexadecimal after 0x.\n\n";
+    "Numbers are decimal, or hexadecimal after 0x. START is the number in the frame, from 0 on:\n"
+    "40001 of many manuals is holding register 0.\n\n";
 
 /// A request and its repetitions.
 class RequestRun {
@@ -60,6 +62,7 @@ class RequestRun {
                          : options_.site.empty() ? PrintTable
                                                  : PrintNamed;
       print(std::cout, *report);
+      TellOfDrain(*report);
       statistics_.Add(*report);
       exit_code_ = report->exit_code == kExitOk ? exit_code_ : report->exit_code;
       if (report->exit_code == kExitNoDaemon) {
@@ -67,6 +70,21 @@ class RequestRun {
       }
     }
     return true;
+  }
+
+  // Once: why a request lasts a whole time-out longer than its devices.
+  void TellOfDrain(const RequestReport& report) {
+    const auto is_drained = [&report](const DeviceReport& device) {
+      return device.is_good && device.end && device.end->response_ms &&
+             *device.end->response_ms + report.bus.timeout_ms <=
+                 static_cast<double>(report.elapsed_ms + 1);
+    };
+    if (!options_.is_json && !report.bus.IsRs485() && !report.devices.empty() &&
+        std::all_of(report.devices.begin(), report.devices.end(), is_drained) &&
+        !std::exchange(is_drain_told_, true)) {
+      std::cerr << "tamselctl: behind each answer the daemon waited for silence as long as the "
+                   "time-out; TcpDrainTimeout in its settings makes that shorter\n";
+    }
   }
 
   void Watch() {
@@ -106,6 +124,7 @@ class RequestRun {
   Exchanger exchanger_;
   Statistics statistics_;
   int exit_code_ = kExitOk;
+  bool is_drain_told_ = false;
 };
 
 }  // namespace

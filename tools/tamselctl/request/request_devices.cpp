@@ -25,11 +25,10 @@ std::vector<Device> ParseDevice(const std::string& text, bool is_rs485) {
   Device device;
   if (!is_rs485) {
     const std::size_t colon = text.rfind(':');
-    const auto port = colon == std::string::npos || colon < equals
-                          ? std::nullopt
-                          : ParseNumber(text.substr(colon + 1), 1, 65535);
+    const auto port = colon == std::string::npos ? std::optional(device.port)
+                                                 : ParseNumber(text.substr(colon + 1), 1, 65535);
     if (!addresses || !port) {
-      ThrowUsage("--device", text + " is not ADDRESS=IP:PORT with " + kAddressRange);
+      ThrowUsage("--device", text + " is not ADDRESS=IP[:PORT] with " + kAddressRange);
     }
     device.ip_address = text.substr(equals + 1, colon - equals - 1);
     device.port = *port;

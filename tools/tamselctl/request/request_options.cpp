@@ -126,8 +126,8 @@ void AddRequestOptions(CLI::App& command, Options& options) {
   command
       .add_option("--device", options.devices,
                   "A device of the channel or several, such as 1-31, reached over TCP/IP or, with "
-                  "--baud and addresses alone, over RS485; repeatable")
-      ->type_name("ADDRESSES[=IP:PORT]")
+                  "--baud and addresses alone, over RS485; repeatable (default port: 502)")
+      ->type_name("ADDRESSES[=IP[:PORT]]")
       ->allow_extra_args(false);
   AddFrameOptions(command, options);
   AddTypeOptions(command, options);

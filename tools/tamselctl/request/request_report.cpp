@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <iostream>
+#include <iterator>
 
 #include "health_reader.h"
+#include "shared/exit_code.h"
 #include "shared/json_line.h"
 #include "shared/table.h"
 #include "shared/times.h"
@@ -30,26 +32,35 @@ std::string TimeOf(const DeviceReport& device) {
                                  : "-";
 }
 
-// What the answer carries, as the line below its device.
+// What the answer carries, each value behind the number of its first register or bit, as the line
+// below its device.
 std::string ContentText(const DeviceReport& device) {
-  std::string text;
-  if (!device.values.empty()) {
-    for (const auto& value : device.values) {
-      text +=
-          " " + (device.is_bits ? std::string(value.get<bool>() ? "1" : "0") : ValueText(value));
-    }
-    return (device.is_bits ? "bits:" : "values:") + text;
+  std::vector<std::string> texts;
+  for (const auto& value : device.values) {
+    texts.push_back(device.is_bits ? value.get<bool>() ? "1" : "0" : ValueText(value));
   }
-  for (const int value : device.registers) {
-    text += " " + std::to_string(value);
+  std::string text = device.is_bits ? "bits:" : "values:";
+  if (texts.empty()) {
+    std::transform(device.registers.begin(), device.registers.end(), std::back_inserter(texts),
+                   [](int value) { return std::to_string(value); });
+    text = "registers:";
   }
-  return device.registers.empty() ? text : "registers:" + text;
+  const std::size_t of_each =
+      device.is_bits ? 1 : device.registers.size() / std::max<std::size_t>(texts.size(), 1);
+  std::size_t number = static_cast<std::size_t>(device.start);
+  for (const std::string& value : texts) {
+    text += " " + std::to_string(number) + "=" + value;
+    number += of_each;
+  }
+  return texts.empty() ? "" : text;
 }
 
 // Says nothing of a request that came to its devices.
 void PrintError(const RequestReport& report) {
   if (!report.error.empty()) {
-    std::cerr << "tamselctl: channel " << report.bus.channel << ": " << report.error << '\n';
+    std::cerr << "tamselctl: channel " << report.bus.channel << ": " << report.error
+              << (report.exit_code == kExitBusy ? "; --busy-wait 5000 tries again for 5 s\n"
+                                                : "\n");
   }
 }
 
@@ -85,6 +96,9 @@ nlohmann::ordered_json JsonOf(const DeviceReport& device) {
     AddEnd(json, *device.end);
   }
   json["answer"] = HexText(device.answer);
+  if (!device.registers.empty() || device.is_bits) {
+    json["start"] = device.start;
+  }
   json["registers"] = device.registers;
   if (!device.values.empty()) {
     json[device.is_bits ? "bits" : "values"] = device.values;

@@ -51,20 +51,6 @@ std::optional<std::vector<int>> ParseNumberList(const std::string& text) {
   return numbers.size() < 2 ? std::nullopt : std::make_optional(numbers);
 }
 
-std::optional<TcpDevicePlace> ParseTcpDevice(const std::string& text) {
-  const std::size_t equals = text.find('=');
-  const std::size_t colon = text.rfind(':');
-  if (equals == std::string::npos || colon == std::string::npos || colon < equals) {
-    return std::nullopt;
-  }
-  const auto address = ParseNumber(text.substr(0, equals), 1, kMaxDeviceCountAtChannel);
-  const auto port = ParseNumber(text.substr(colon + 1), 1, 65535);
-  if (!address || !port) {
-    return std::nullopt;
-  }
-  return TcpDevicePlace{*address, text.substr(equals + 1, colon - equals - 1), *port};
-}
-
 std::optional<AddressedFrame> ParseAddressedFrame(const std::string& text) {
   AddressedFrame result;
   const std::size_t colon = text.find(':');

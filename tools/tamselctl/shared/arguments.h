@@ -20,16 +20,6 @@ std::optional<std::vector<byte>> ParseHexBytes(const std::string& text);
 /// Two or more numbers of 0 to 65535 with commas between; nothing when `text` is anything else.
 std::optional<std::vector<int>> ParseNumberList(const std::string& text);
 
-/// Where a TCP/IP device is.
-struct TcpDevicePlace {
-  int address = 0;
-  std::string ip_address;  // not checked yet
-  int port = 0;
-};
-
-/// ADDRESS=IP:PORT with an address of 1 to 31; nothing when `text` is not of that form.
-std::optional<TcpDevicePlace> ParseTcpDevice(const std::string& text);
-
 /// A frame for one device, or for all of them when there is no address.
 struct AddressedFrame {
   std::optional<int> address;

@@ -40,7 +40,7 @@ struct Device {
   int address = 0;         // of its slot, 1 to 31
   int unit = 0;            // Modbus unit in the frame; the address where there is no such thing
   std::string ip_address;  // over TCP/IP
-  int port = 0;            // over TCP/IP
+  int port = 502;          // over TCP/IP
   std::vector<byte> frame;
 };
 

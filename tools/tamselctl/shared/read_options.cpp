@@ -33,7 +33,7 @@ void AddReadOptions(CLI::App& command, ReadOptions& options) {
         .add_option(read.name, options.*read.text,
                     "Read " + std::string(read.things) + " (function " +
                         std::to_string(read.function) + "), at most " +
-                        std::to_string(MostOf(read.function)))
+                        std::to_string(MostOf(read.function)) + "; START counts from 0")
         ->type_name("START,COUNT");
   }
 }
