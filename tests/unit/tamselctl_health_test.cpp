@@ -34,7 +34,7 @@ TEST(TamselctlHealth, EveryFormSaysWhoFailsSinceWhenAndWhy) {
   test::HealthFile file;
   tamsel_health_process& process = file.contents.process;
   ExpectHealth(file, "health", 0, {"1.2.3: running for 1 h", "2 restarts", "No device has been"});
-  std::string("<b>\\\"\033").copy(process.version, 9);
+  std::string("<b>\\\"\xC2\x9B\xFF\033").copy(process.version, 9);
   for (const int hours_ago : {47, 10, 0, 0, 0}) {
     file.Add(1, 2, 5, hours_ago == 0 ? 1 : 3, hours_ago).response_count = 1;
     file.Add(2, 1, 4, 18);
@@ -50,23 +50,28 @@ TEST(TamselctlHealth, EveryFormSaysWhoFailsSinceWhenAndWhy) {
   file.contents.channels[0] = {0, 1, 1208, 3, 2, 900, 0, 0, {0, 1200, 8}, 0, 0, 0, 0, 0, {}};
   const std::string cut = "frame cut short after 7 bytes, 3 in a row";
   ExpectHealth(file, "health", 5,
-               {"<b>\\\"?: running", "1            1208     3       8           2         900",
-                "5 devices, 4 do not answer", "17  fails for 2 h", cut, "100 %  75 %",
-                "5  answered", "earlier: no answer in time (3)", "12    12    12", "20 %  33 %",
-                "192.0.2.7:502", "never answered on channel 2 RS485: 4, 5, 7 (serial port cannot"});
+               {"<b>\\\"\uFFFD\uFFFD\uFFFD: running",
+                "1            1208     3       8           2  8 of status 1 (",
+                "900", "5 devices, 4 do not answer",
+                "never answered on channel 2 RS485: 4, 5, 7 (serial port cannot",
+                "17  fails for 2 h", cut, "100 %  75 %", "5  answered",
+                "earlier: no answer in time (3)", "12    12    12", "20 %  33 %", "192.0.2.7:502"});
   ExpectHealth(file, "health --device 1-5 --channel 1", 0, {"1 device answers."});
   ExpectHealth(file, "health --failing", 5,
                {"4 devices, 4 do not", "17  fails", "4  never answered in 5 exchanges"});
   ExpectHealth(
       file, "health --json", 5,
-      {R"("ok":false,"cause":"cut_short","cause_code":13,"detail":7)",
+      {"\"<b>\\\\\\\"\uFFFD\uFFFD\uFFFD\",",
+       R"("ok":false,"cause":"cut_short","cause_code":13,"detail":7)",
        R"("response_ms":{"count":1,"last":12.345)", R"("last_day":{"answered":4,"failed":2)"});
   ExpectHealth(file, "health --openmetrics --output out; cat out; ls -A", 0,
-               {R"(version="<b>\\\"?"} 1)", R"(tamsel_requests_total{channel="1",status="1"} 8)",
+               {"version=\"<b>\\\\\\\"\uFFFD\uFFFD\uFFFD\"} 1",
+                R"(tamsel_requests_total{channel="1",status="1"} 8)",
                 "tamsel_device_answering{channel=\"1\",transport=\"tcpip\",address=\"17\"} 0",
                 R"(address="17",cause="cut_short"} 4)", "# EOF\nhealth\nout\n"});
   ExpectHealth(file, "health --html -", 5,
-               {"&lt;b&gt;\\&quot;?: <", ", 1 of 5 failed\">2</i>", "33 %",
+               {"<title>Field health: health</title>", "&lt;b&gt;\\&quot;\uFFFD\uFFFD\uFFFD: <",
+                "; all times are local, ", " (UTC", ", 1 of 5 failed\">2</i>", "33 %",
                 ">17</span> <small class=\"bad\">fails for 2 h", ">·</i>", ">X</i></div>",
                 "12 / 12 / 12 ms", cut});
   process.updated_ms = file.Ago(40);
@@ -81,6 +86,7 @@ TEST(TamselctlHealth, EveryFormSaysWhoFailsSinceWhenAndWhy) {
       "health --watch 100ms >out & until [ $(grep -c daemon out) -ge 3 ]; do sleep 0.02; done; "
       "kill $!; wait $!",
       5, {});
+  ExpectHealth(file, "health --watch 100ms --count 2 | grep -c daemon", 0, {"2\n"});
   ExpectHealth(file, "health --json --openmetrics", 2, {"--json excludes --openmetrics"});
   ExpectHealth(file, "none", 3, {"none cannot be read: No such file"});
   ExpectHealth(file, "--settings health", 3, {"name no HealthFilePath"});
@@ -111,14 +117,15 @@ TEST(TamselctlHealth, FiguresAreThoseOfTheFileInEveryForm) {
     file.Add(1, 2, address, 13).failing_since_ms = file.Ago(address == 3 ? 600 : 7200);
   }
   const test::TempFolder folder;
-  test::WriteFile(folder.Path("site"), R"({"buses": [{"channel": 1, "baud": 9600, "devices":
+  test::WriteFile(folder.Path("site"),
+                  R"({"name": "Park", "buses": [{"channel": 1, "baud": 9600, "devices":
       [{"name": "Other", "address": 3}]}, {"channel": 1, "devices":
       [{"name": "R&Ü", "address": 3, "ip": "192.0.2.1"}]}]})");
   const std::string site = " --site " + folder.Path("site");
   ExpectHealth(file, "health" + site, 5,
-               {"power outage, card gone, full or read-only for 1 h 30 min",
-                "  1.0 / 2.5 / 31  1 of status 1", "device  name  state",
-                "       9        fails for 2 h", "  3  R&Ü   fails for 10 min", " 50 %    50 %",
+               {"power outage, card gone, full or read-only for 1 h 30 min", "1 of status 1",
+                "  1.0 / 2.5 / 31", "device  name  state", "       9        fails for 2 h",
+                "  3  R&Ü   fails for 10 min", " 50 %    50 %",
                 "  4        never answered in 1 exchange  serial", "  1        answered",
                 "connect refused (1989), connection reset by the device (1)", ">99 %   >99 %",
                 "  2        answered", "2.5   7.3    31     0 %   7.1 %", "<0.1 %  <0.1 %"});
@@ -131,8 +138,18 @@ TEST(TamselctlHealth, FiguresAreThoseOfTheFileInEveryForm) {
   const std::string metrics = Health(file, " --openmetrics");
   EXPECT_EQ(test::CountText(metrics, "tamsel_device_last_answer_timestamp_seconds{"), 5);
   ExpectHealth(file, "health --html -" + site, 5,
-               {">3 R&amp;Ü<", "<h2>Causes", "connect refused", "1989 times, 1 device<",
+               {"<title>Field health: Park, health</title>", ">channel 1 TCP/IP: 3 R&amp;Ü, 9<",
+                ">3 R&amp;Ü<", "<h2>Causes", "connect refused", "1989 times, 1 device<",
                 "2 times, 2 devices<"});
+  file.Write(folder.Path("health"));
+  test::WriteFile(folder.Path("settings"),
+                  test::SettingsXml({{"HealthFilePath", folder.Path("health")}}));
+  char host[256] = "";
+  ::gethostname(host, sizeof(host));
+  const std::string page =
+      test::RunShell(TAMSELCTL_PATH " health --html - --settings " + folder.Path("settings") + site)
+          .output;
+  EXPECT_TRUE(test::Contains(page, "<title>Field health: Park, " + std::string(host) + "<"));
   const auto json = nlohmann::json::parse(Health(file, " --json --channel 1 --device 2"));
   EXPECT_EQ(json.at("channels").at(0).at("statuses"), nlohmann::json({{"0", 6}, {"1", 1}}));
   EXPECT_EQ(json.at("devices").at(0).at("response_ms"),

@@ -37,6 +37,7 @@ TEST(TamselctlSettings, EachMistakeIsToldWithItsPlace) {
       {"<LogLevel>1</LogLvl>", ":2:14: not well-formed: Tag mismatch; all defaults hold"},
       {"<loglevel>1</loglevel>", ":2:1: loglevel: no key of the daemon's; did you mean LogLevel?"},
       {"<LogLevel>1</LogLevel>\n  <LogLevel>2</LogLevel>", ":2:1: LogLevel: given again in line 3"},
+      {"<LogLevel>\xC2\x9B</LogLevel>", "LogLevel: \"\uFFFD\" is no number"},
       {"<LogLevel>6</LogLevel>", "LogLevel: 6 is not 0 to 5; 1 holds"},
       {"<ApiRetryCount>three</ApiRetryCount>", "\"three\" is no number, or too large for one; 3"},
       {"<ApiRetryCount>30s</ApiRetryCount>", "\"30s\" is read as 30"},
@@ -243,12 +244,14 @@ TEST(TamselctlLog, EachKindOfTroubleIsCountedWhereItBelongs) {
 }
 
 TEST(TamselctlLog, LinesAreTakenAsTheyAreMeant) {
-  const std::string line = "[2026-07-25 12:03:04.250 UTC] [W] Wdog a\tb\033[31m\r\n";
+  const std::string line =
+      "[2026-07-25 12:03:04.250 UTC] [W] Wdog a\tb\033[31m\xC2\x9B\xC3\xA4\xFF\r\n";
   const TempFolder folder;
   const std::string log = folder.Path("log");
   WriteFile(log, "log lines lost on this console [3]\n[2026-02-30 12:03:04.250 UTC] [W] Wdog x\n" +
                      std::string(70000, 'x') + "\n" + line);
-  const std::string warn = "[2026-07-25 12:03:04.250 UTC] [W] Wdog a\tb?[31m\n";
+  const std::string warn =
+      "[2026-07-25 12:03:04.250 UTC] [W] Wdog a\tb\uFFFD[31m\uFFFD\u00E4\uFFFD\n";
   const std::string in_summer = "env TZ=CET-1CEST,M3.5.0,M10.5.0/3 " + kLog + log;
   const std::pair<const char*, bool> filters[] = {{" --since '2026-07-25 14:03:04.2'", true},
                                                   {" --since '2026-07-25T14:03:04.3'", false},
@@ -264,9 +267,30 @@ TEST(TamselctlLog, LinesAreTakenAsTheyAreMeant) {
     ExpectRun(in_summer + filter, 0, is_shown ? warn : "no line is in the time or of the kind");
     ExpectRun(in_summer + filter, 0, "2 cut or damaged lines left out\n");
   }
+  ExpectRun(kLog + "--json " + log, 0, "\"a\\tb\\u001b[31m\uFFFD\u00E4\uFFFD\"}\n");
   ExpectRun(kLog + "--tag Wdog " + log, 0, warn);  // a tag takes one word
   ExpectRun(in_summer + " --summary", 0, "from 2026-07-25 14:03:04 to 2026-07-25 14:03:04, 2 cut");
   ExpectRun(in_summer + " --since 2026-07-25T14:03:04+02:00", 2, "neither a moment nor a length");
+}
+
+TEST(TamselctlLog, AFollowerIsToldThatLinesComeLate) {
+  const TempFolder folder;
+  const std::string settings = folder.Path("settings.xml");
+  std::filesystem::create_directories(folder.Path("velmorahome/Log"));
+  WriteFile(folder.Path("velmorahome/Log/LoggerCom.log"), kRestart);
+  const std::string follow =
+      "timeout --preserve-status -s INT 2 " + kLog + "-f --settings " + settings;
+  for (const char* buffered : {"0", "1"}) {
+    WriteFile(settings, SettingsXml({{"SdcardPath", folder.Path()},
+                                     {"EnableLogBufferedIO", buffered},
+                                     {"LoggerLogMaxBufferedSize", "2000"}}));
+    const ShellResult run = RunShell(follow);
+    EXPECT_EQ(run.exit_code, 130);
+    EXPECT_TRUE(Contains(run.output, kRestart)) << run.output;
+    EXPECT_EQ(Contains(run.output, "when 2000 bytes of them are there, at the latest after 5 min"),
+              *buffered == '1')
+        << run.output;
+  }
 }
 
 TEST(TamselctlLog, FollowsAcrossRotationsWithoutLossOrDouble) {

@@ -1,8 +1,10 @@
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 
 #include "request_builder.h"
@@ -53,27 +55,27 @@ TEST(Tamselctl, ExitStatusAndTextFollowTheResponse) {
   ExpectOf({Answer(0, "", -1)}, kRead, 5, "broken slot");
   ExpectOf({Answer(0, "", 439)}, kRead, 5, "broken slot");
   ExpectOf({Answer(0, "AB")}, kTcp + "--frame 11", 0, "ok      AB");
-  ExpectOf({kBusy}, kRead, 4, "channel 2: the channel is busy");
-  ExpectOf({kBusy, kGoodAnswer}, kRead + "--busy-wait 5000", 0, "4660 65535");
+  ExpectOf({kBusy}, kRead, 4, "channel 2: the channel is busy; --busy-wait 5000 tries again");
+  ExpectOf({kBusy, kGoodAnswer}, kRead + "--busy-wait 5000", 0, "registers: 16=4660 17=65535\n");
   ExpectOf({kBusy}, kRead + "--busy-wait 60", 4, "busy");
   ExpectOf({{{}, {99, {}}}}, kRead, 6, "unknown status 99");
   ExpectOf({kBusy}, kRead + "--json", 4,
            R"("status":10,"error":"the channel is busy","devices":[]})");
   ExpectOf({Answer(0, "0001 0000 0005 05 0102 0500")}, kTcp + "--read-coils 0,3", 5, "the bits as");
   ExpectOf({Answer(0, "0001 0000 0005 05 0202 0502")}, kTcp + "--read-discrete 0,10", 0,
-           "bits: 1 0 1 0 0 0 0 0 0 1\n");
+           "bits: 0=1 1=0 2=1 3=0 4=0 5=0 6=0 7=0 8=0 9=1\n");
   ExpectOf({Answer(0, "0001 0000 0006 05 050007FF00")}, kTcp + "--write-coil 7,1", 0, "ok");
   ExpectOf({Answer(0, "0001 0000 0006 05 0500070000")}, kTcp + "--write-coil 7,1", 5,
            "not the coils");
   ExpectOf({Answer(0, "0001 0000 0006 05 0F00070002")}, kTcp + "--write-coils 7,1", 5,
            "the coils wr");
-  const std::pair<const char*, const char*> types[] = {{"i16", "4660 -1"},
-                                                       {"u32", "305463295"},
-                                                       {"u32 --word-order little", "4294906420"},
-                                                       {"i32 --word-order little", "-60876"},
-                                                       {"hex", "1234 FFFF"},
-                                                       {"f32", "5.7113525e-28"},
-                                                       {"string", ".4..\n"}};
+  const std::pair<const char*, const char*> types[] = {{"i16", "16=4660 17=-1"},
+                                                       {"u32", "16=305463295"},
+                                                       {"u32 --word-order little", "16=4294906420"},
+                                                       {"i32 --word-order little", "16=-60876"},
+                                                       {"hex", "16=1234 17=FFFF"},
+                                                       {"f32", "16=5.7113525e-28"},
+                                                       {"string", "16=.4..\n"}};
   for (const auto& [type, values] : types) {
     ExpectOf({kGoodAnswer}, kRead + "--type " + type + " ", 0, "values: " + std::string(values));
   }
@@ -87,10 +89,11 @@ TEST(Tamselctl, ExitStatusAndTextFollowTheResponse) {
     const std::string text = given;
     const std::size_t blank = text.find(' ');
     ExpectOf({Answer(0, "0001 0000 0007 05 0304" + text.substr(blank))},
-             kRead + "--type " + text.substr(0, blank), 0, "values: " + std::string(value));
+             kRead + "--type " + text.substr(0, blank), 0, "values: 16=" + std::string(value));
   }
   ExpectOf({Answer(0, "0001 0000 0007 05 0304 43004142")},
-           kRead + "--type string --word-order little --json", 0, R"("values":["ABC"])");
+           kRead + "--type string --word-order little --json", 0,
+           R"("start":16,"registers":[17152,16706],"values":["ABC"])");
   ExpectOf({Answer(0, "0001 0000 0003 05 8302")}, kRead + "--json", 5,
            R"("code":0,"exception":2,)");
   ExpectRun(kRequest + kRead + "--json --socket /nonexistent/socket", 3,
@@ -139,6 +142,8 @@ TEST(Tamselctl, SendsTheRecordAskedInOneWrite) {
   ExpectRecord(tcp + "--read-holding 0x10,2",
                places + "967:050C00000100000006050300100002 1096:090C00000200000006090300100002");
   ExpectRecord(tcp + "--frame 9:FF --frame 5:'0a 0B'", places + "967:0502000A0B 1096:090100FF");
+  ExpectRecord("--device 5=192.0.2.7 --frame 01",
+               "68:053139322E302E322E37 87:F601 95:E803 967:05010001");
   ExpectRecord(tcp + "--frame 0c", places + "967:0501000C 1096:0901000C");
   const std::string both = "--device 5,9=192.0.2.7:503 --timeout 0x100 ";
   ExpectRecord(
@@ -185,7 +190,12 @@ TEST(Tamselctl, WrongUsageIsRefusedBeforeAnythingIsSent) {
       {one + "--unit 9-5 --read-coils 1,1", "range of 0 to 255"},
       {"--channel 1 --device 1-3,2=192.0.2.1:502 --read-coils 1,1", "range of 1 to 31"},
       {"--channel 4 --device 1=192.0.2.1:502 --frame 01", "4 is not a number of 1 to 3"},
-      {"--channel 1 --device 1=192.0.2.1 --frame 01", "1=192.0.2.1 is not ADDRESS=IP:PORT"},
+      {"--channel 1 --device 1=192.0.2.1: --frame 01", "1=192.0.2.1: is not ADDRESS=IP[:PORT]"},
+      {"--chanel 1 --device 1=192.0.2.1 --frame 01",
+       "--chanel is no option of request; did you mean --channel?\n"},
+      {one + "--read-hold 0,2",
+       "--read-hold is no option of request; did you mean --read-holding?"},
+      {one + "--read-coils 0,2 -x", "-x is no option of request\n"},
       {one + "--device '2=192.0.2.2 :502' --frame 01", "192.0.2.2 \" is not an IPv4 address"},
       {one + "--frame 012", "012 is not HEX"},
       {one + "--frame 2:01", "no device 2"},
@@ -222,6 +232,8 @@ TEST(Tamselctl, WrongUsageIsRefusedBeforeAnythingIsSent) {
   ExpectRun(TAMSELCTL_PATH " ''", 2, "the argument behind tamselctl is empty");
   ExpectRun(TAMSELCTL_PATH " requst", 2, "requst is no command; did you mean request?\n");
   ExpectRun(TAMSELCTL_PATH " rquets", 2, "rquets is no command\n");
+  ExpectRun(TAMSELCTL_PATH " health --fail", 2, "of health; did you mean --failing?\n");
+  ExpectRun(TAMSELCTL_PATH " --versoin", 2, "--versoin is no option; did you mean --version?\n");
 }
 
 TEST(Tamselctl, RepeatsARequestAndCounts) {
@@ -239,6 +251,31 @@ TEST(Tamselctl, RepeatsARequestAndCounts) {
   EXPECT_EQ(times.at("answered"), 6) << run.output;  // after 0, 200, 0, 400, 0 and 600 ms
   EXPECT_LT(times.at("median_ms"), 200) << run.output;
   EXPECT_GE(times.at("p99_ms"), 600) << run.output;
+}
+
+TEST(Tamselctl, ARequestThatLastsATimeOutTooLongNamesTheSetting) {
+  const test::TempFolder folder;
+  const std::string health = folder.Path("health");
+  test::HealthFile file;
+  file.Write(health);
+  const FakeDaemon daemon([&](int connection) {
+    FakeDaemon::ReadOnce(connection, sizeof(TcpIpRequest));
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    auto& device = file.Add(2, TAMSEL_HEALTH_TCPIP, 5, TAMSEL_CAUSE_ANSWERED);
+    ++device.response_count;
+    device.response_last_us = 100;
+    file.Write(health);
+    FakeDaemon::Send(connection, kGoodAnswer);
+  });
+  test::WriteFile(folder.Path("settings"), test::SettingsXml({{"ComSocketPath", daemon.Path()},
+                                                              {"HealthFilePath", health}}));
+  const std::string request = kRequest + kRead + "--settings " + folder.Path("settings");
+  const std::string hint = "TcpDrainTimeout in its settings";
+  ExpectRun(request + " --timeout 100 --watch 10ms --count 2", 0, hint);
+  EXPECT_EQ(test::CountText(test::RunShell(request + " --timeout 100 --watch 1ms --count 2").output,
+                            hint),
+            1);
+  EXPECT_FALSE(test::Contains(test::RunShell(request + " --timeout 5000").output, hint));
 }
 
 TEST(Tamselctl, AnExceptionIsAnAnswerOfAScan) {
@@ -295,6 +332,45 @@ TEST(Tamselctl, OnATerminalThePictureIsColouredAndRedrawnInPlace) {
   EXPECT_EQ(test::CountText(watch.substr(first, second - first), "\n"), 3) << watch;
 }
 
+// What a terminal of 80 columns and 24 rows shows.
+TEST(Tamselctl, AScreenShowsWhoAndWhyAndCountsTheRest) {
+  const test::TempFolder folder;
+  test::HealthFile file;
+  for (int address = 1; address <= 31; ++address) {
+    file.Add(1, TAMSEL_HEALTH_TCPIP, address, TAMSEL_CAUSE_ANSWERED);
+    file.Add(1, TAMSEL_HEALTH_TCPIP, address, TAMSEL_CAUSE_CONNECTION_IN_USE);
+  }
+  file.Write(folder.Path("health"));
+  test::WriteFile(folder.Path("site"),
+                  R"({"buses": [{"channel": 1, "devices": [{"address": 1, "ip": "192.0.2.1",
+                      "name": "Zähler of the string inverter at the north roof"}]}]})");
+  const auto screen = [&folder](const std::string& arguments) {
+    const std::string text =
+        test::RunShell(
+            "env NO_COLOR=1 TERM=xterm script -qec \"stty rows 24 cols 80; " TAMSELCTL_PATH
+            " health " +
+            folder.Path("health") + " --watch --count 1" + arguments + "\" /dev/null < /dev/null")
+            .output;
+    return std::regex_replace(text, std::regex("\033\\[[0-9]*[A-Za-z]|\r"), "");
+  };
+  const std::string plain = screen("");
+  EXPECT_TRUE(test::Contains(plain, "fails for 2 h  connection in use by another exchange\n"))
+      << plain;
+  EXPECT_FALSE(test::Contains(plain, "place")) << plain;
+  EXPECT_TRUE(test::Contains(plain, "\n… and 14 more\n")) << plain;
+  EXPECT_EQ(test::CountText(plain, "\n"), 23) << plain;
+  const std::string named = screen(" --site " + folder.Path("site"));
+  EXPECT_TRUE(test::Contains(named, "1  Zähler of the st")) << named;
+  EXPECT_TRUE(test::Contains(named, "…  fails for 2 h  connection in use")) << named;
+  std::istringstream lines(named);
+  for (std::string line; std::getline(lines, line);) {
+    EXPECT_LE(
+        std::count_if(line.begin(), line.end(), [](char byte) { return (byte & 0xC0) != 0x80; }),
+        80)
+        << line;
+  }
+}
+
 void ExpectSite(const std::string& text, int exit_code, const std::string& words) {
   const test::TempFolder folder;
   test::WriteFile(folder.Path("site"), text);
@@ -324,6 +400,8 @@ TEST(Tamselctl, SiteFileIsCheckedToTheCharacter) {
       {"\"timeout\": 1000", "\"line\": \"8E1\"", ":23:55: \"line\" stands with \"baud\" only"},
       {"\"Meter\",", "\"Zähler\", \"x\": 1,", ":25:28: unknown key \"x\" in a device\n"},
       {"\"Meter\"", "\"a\\n\"", ":25:18: \"name\" is not a text of printable characters"},
+      {"\"Meter\"", "\"a\xC2\x9B\"", ":25:18: \"name\" is not a text of printable characters"},
+      {"\"Meter\",", "\"Meter\", \"\xC2\x9B\": 1,", "unknown key \"\uFFFD\" in a device"},
       {"\"Meter\"", "\"All\"", ":25:18: \"All\" cannot be a name"},
   };
   for (const auto& [from, to, mistake] : cases) {
@@ -344,12 +422,47 @@ TEST(Tamselctl, ShellsCompleteWhatTheParserTakes) {
   ExpectRun(complete + "site /proc/versio", 0, "/proc/version\n");
 }
 
+TEST(Tamselctl, WhoIsNotInTheGroupIsToldHowToBecome) {
+  const test::TempFolder folder;
+  const bool is_root = ::geteuid() == 0;
+  const gid_t group = is_root ? 1 : ::getegid();
+  const std::string file = folder.Path("settings");
+  const std::string closed = folder.Path("closed");
+  test::WriteFile(file, test::SettingsXml({}));
+  ASSERT_EQ(::mkdir(closed.c_str(), 0700), 0);
+  for (const std::string& path : {file, closed}) {
+    ASSERT_EQ(::chown(path.c_str(), is_root ? 0 : ::getuid(), group), 0);
+    ASSERT_EQ(::chmod(path.c_str(), 0050), 0);  // of the owner's class, who is not in it
+  }
+  ASSERT_EQ(::chmod(folder.Path().c_str(), 0755), 0);
+  const std::string outside = is_root ? "setpriv --reuid 65534 --clear-groups " : "";
+  const std::string help =
+      std::string("; join the group ") + ::getgrgid(group)->gr_name + " (sudo ";
+  const std::pair<std::string, int> commands[] = {
+      {"settings", 1},
+      {"health", 1},
+      {"health " + closed + "/health", 3},
+      {"log " + closed, 1},
+      {"log", 1},
+      {"request " + kRead, 1},
+      {"request " + kRead + "--socket " + closed + "/tamsel.com", 3}};
+  for (const auto& [arguments, exit_code] : commands) {
+    const std::string command =
+        outside + "env TAMSEL_SETTING_FILE=" + file + " " TAMSELCTL_PATH " " + arguments;
+    ExpectRun(command, exit_code, ": Permission denied" + help);
+    EXPECT_EQ(test::CountText(test::RunShell(command).output, "\n"), 1) << command;
+  }
+  ::chmod(closed.c_str(), 0700);
+}
+
 TEST(Tamselctl, OutputThatCannotBeWrittenIsNoSuccess) {
   ExpectRun(kRequest + "--help", 0, "Exit status:\n");
   ExpectRun(TAMSELCTL_PATH " --help > /dev/full", 1, "could not be written");
   ExpectOf({kGoodAnswer}, kRead + ">&-", 1, "could not be written");
   ::signal(SIGPIPE, SIG_DFL);  // a test driver may ignore it; the reader of the pipe has left
-  ExpectRun("bash -c 'exec 4> >(:); wait $!; " TAMSELCTL_PATH " --help >&4'", 1, "could not be");
+  const auto run = test::RunShell("bash -c 'exec 4> >(:); wait $!; " TAMSELCTL_PATH " --help >&4'");
+  EXPECT_EQ(run.exit_code, 1);
+  EXPECT_EQ(run.output, "");
 }
 
 TEST(Tamselctl, FindsTheSocketAsTheDaemonDoes) {
