@@ -51,8 +51,8 @@ TEST(TamselctlHealth, EveryFormSaysWhoFailsSinceWhenAndWhy) {
   const std::string cut = "frame cut short after 7 bytes, 3 in a row";
   ExpectHealth(file, "health", 5,
                {"<b>\\\"\uFFFD\uFFFD\uFFFD: running",
-                "1            1208     3       8           2  8 of status 1 (",
-                "900", "5 devices, 4 do not answer",
+                "1            1208     3       8           2  8 of status 1 (", "900",
+                "5 devices, 4 do not answer",
                 "never answered on channel 2 RS485: 4, 5, 7 (serial port cannot",
                 "17  fails for 2 h", cut, "100 %  75 %", "5  answered",
                 "earlier: no answer in time (3)", "12    12    12", "20 %  33 %", "192.0.2.7:502"});
