@@ -50,6 +50,9 @@ constexpr CauseWords kCauses[] = {
     {TAMSEL_CAUSE_BAD_IP_ADDRESS, "bad_ip_address", "entry refused: IP address", nullptr},
     {TAMSEL_CAUSE_BAD_PORT, "bad_port", "entry refused: TCP port", " %"},
     {TAMSEL_CAUSE_DAEMON_FAILURE, "daemon_failure", "failure within the daemon", nullptr},
+    {TAMSEL_CAUSE_GATEWAY_NO_ANSWER, "gateway_no_answer", "gateway: device does not answer",
+     " (exception %)"},
+    {TAMSEL_CAUSE_WRONG_CHECK_SUM, "wrong_check_sum", "answer with a wrong check sum", nullptr},
 };
 static_assert(std::size(kCauses) == TAMSEL_CAUSES_KNOWN);
 

@@ -36,6 +36,10 @@ enum {
 /* tamsel_data_header.type, and the transport of a frame. */
 enum { TAMSEL_RS485 = 1, TAMSEL_TCPIP = 2 };
 
+/* At the begin of tamsel_data_header.buffer, without a NUL: the request looks for devices, and the
+ * health file does not count it. The exchange is the same with it and without. */
+#define TAMSEL_SCAN_MARK "tamsel-scan-mark"
+
 /* tamsel_receive_data.status: how the request as a whole ended. */
 enum {
   TAMSEL_STATUS_OK = 0,
@@ -102,7 +106,7 @@ typedef struct tamsel_data_header {
   int32_t channel_index;    /* 1 to TAMSEL_MAX_CHANNEL */
   int32_t type;             /* TAMSEL_RS485 or TAMSEL_TCPIP */
   unsigned char priority;   /* the client's own, not interpreted */
-  unsigned char buffer[47]; /* the client's own, not interpreted */
+  unsigned char buffer[47]; /* the client's own; only TAMSEL_SCAN_MARK means something */
 } tamsel_data_header;
 
 /* Serial parameters of one RS485 device, handed to the serial library unchanged. */

@@ -53,7 +53,7 @@ enum tamsel_health_cause {
   TAMSEL_CAUSE_CLOSED = 12,           /* TCP/IP: it closed the connection without an answer */
   TAMSEL_CAUSE_CUT_SHORT = 13,        /* TCP/IP: an answer began and did not end; detail: bytes */
   TAMSEL_CAUSE_TOO_LONG = 14,         /* the answer is too long; detail: bytes, when known */
-  TAMSEL_CAUSE_NOT_ITS_ANSWER = 15,   /* RS485: what came was somebody else's */
+  TAMSEL_CAUSE_NOT_ITS_ANSWER = 15,   /* what came was somebody else's */
   TAMSEL_CAUSE_LINE_ERROR = 16,       /* RS485: parity or framing error, or break */
   TAMSEL_CAUSE_PORT_GONE = 17,        /* RS485: the serial device went away meanwhile */
   TAMSEL_CAUSE_PORT_NOT_OPENED = 18,  /* RS485: the serial port cannot be opened */
@@ -63,7 +63,10 @@ enum tamsel_health_cause {
   TAMSEL_CAUSE_BAD_IP_ADDRESS = 22,   /* refused: the text is no IPv4 address */
   TAMSEL_CAUSE_BAD_PORT = 23,         /* refused: no TCP port; detail: the number */
   TAMSEL_CAUSE_DAEMON_FAILURE = 24,   /* the daemon itself failed, most likely for want of memory */
-  TAMSEL_CAUSES_KNOWN = 25
+  /* What came as an answer says itself that the device gave none. */
+  TAMSEL_CAUSE_GATEWAY_NO_ANSWER = 25, /* a gateway's exception, 10 or 11; detail: its code */
+  TAMSEL_CAUSE_WRONG_CHECK_SUM = 26,   /* RS485, Modbus RTU: damaged on its way */
+  TAMSEL_CAUSES_KNOWN = 27             /* later ones are appended */
 };
 
 /* tamsel_health_process.power. */

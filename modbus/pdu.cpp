@@ -96,6 +96,13 @@ Bytes WriteCoilsPdu(int start, const std::vector<bool>& values) {
   return pdu;
 }
 
+AnswerOrigin OriginOfPdu(std::uint8_t function, const std::uint8_t* answer, std::size_t length) {
+  return length == kData + 1 && answer[kFunction] == (function | kExceptionFlag) &&
+                 IsOfGateway(answer[kData])
+             ? AnswerOrigin::kGateway
+             : AnswerOrigin::kDevice;
+}
+
 AnswerCheck Misfit(const std::string& text) {
   return {false, "misfit: " + text, {}};
 }

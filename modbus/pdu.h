@@ -36,6 +36,11 @@ constexpr int kWritePduOverhead = 6;
 constexpr int kGatewayPathUnavailable = 10;
 constexpr int kGatewayTargetFailedToRespond = 11;
 
+/// Whether an exception is a gateway's word that the device behind it did not answer.
+constexpr bool IsOfGateway(int exception) {
+  return exception == kGatewayPathUnavailable || exception == kGatewayTargetFailedToRespond;
+}
+
 /// Whether a function reads coils or discrete inputs.
 constexpr bool IsBitRead(std::uint8_t function) {
   return function == kReadCoils || function == kReadDiscreteInputs;
@@ -59,6 +64,17 @@ Bytes WriteCoilPdu(int coil, bool is_on);
 
 /// The PDU that switches one or more coils that fit the transport's frame, from coil `start` on.
 Bytes WriteCoilsPdu(int start, const std::vector<bool>& values);
+
+/// Who an answer is from, as far as its head, the frame's and the check sum tell.
+enum class AnswerOrigin {
+  kDevice,    // nothing says otherwise
+  kGateway,   // of the device nothing came: IsOfGateway
+  kDamaged,   // the check sum is wrong
+  kElsewhere  // it answers another frame, or is another device's
+};
+
+/// Who a PDU is from that answers one with this function: a gateway or the device.
+AnswerOrigin OriginOfPdu(std::uint8_t function, const std::uint8_t* answer, std::size_t length);
 
 /// What an answer says about the frame it answers.
 struct AnswerCheck {

@@ -14,9 +14,9 @@ constexpr std::size_t kCrcLength = 2;
 
 // Addresses above 247 are reserved, and so are function codes that carry the exception flag; a
 // function code of 0 is not valid.
-bool IsModbusRtu(const Bytes& frame) {
+bool IsModbusRtu(const std::uint8_t* frame, std::size_t length) {
   constexpr std::uint8_t kMaxAddress = 247;
-  return frame.size() > kFunction + kCrcLength && HasRightCrc(frame.data(), frame.size()) &&
+  return length > kFunction + kCrcLength && HasRightCrc(frame, length) &&
          frame[kAddress] <= kMaxAddress && frame[kFunction] != 0 &&
          (frame[kFunction] & kExceptionFlag) == 0;
 }
@@ -81,7 +81,7 @@ AnswerCheck CheckRtuAnswer(const Bytes& frame, const Bytes& answer) {
   if (!HasRightCrc(answer.data(), answer.size())) {
     return {false, "wrong CRC", {}};
   }
-  if (!IsModbusRtu(frame)) {
+  if (!IsModbusRtu(frame.data(), frame.size())) {
     return {};
   }
   if (answer.size() <= kFunction + kCrcLength) {
@@ -91,6 +91,21 @@ AnswerCheck CheckRtuAnswer(const Bytes& frame, const Bytes& answer) {
     return {false, "answer of device " + std::to_string(answer[kAddress]), {}};
   }
   return CheckPdu(Pdu(frame), Pdu(answer));
+}
+
+AnswerOrigin OriginOfRtuAnswer(const std::uint8_t* frame, std::size_t frame_length,
+                               const std::uint8_t* answer, std::size_t answer_length) {
+  if (!IsModbusRtu(frame, frame_length)) {
+    return AnswerOrigin::kDevice;
+  }
+  if (!HasRightCrc(answer, answer_length)) {
+    return AnswerOrigin::kDamaged;
+  }
+  if (answer_length <= kFunction + kCrcLength || answer[kAddress] != frame[kAddress] ||
+      (answer[kFunction] & ~kExceptionFlag) != frame[kFunction]) {
+    return AnswerOrigin::kElsewhere;
+  }
+  return OriginOfPdu(frame[kFunction], answer + kFunction, answer_length - kFunction - kCrcLength);
 }
 
 }  // namespace modbus

@@ -22,6 +22,12 @@ std::size_t RtuAnswerLength(const std::uint8_t* bytes, std::size_t count);
 /// Modbus RTU itself says nothing more about its answer, which then counts as good.
 AnswerCheck CheckRtuAnswer(const Bytes& frame, const Bytes& answer);
 
+/// Who the `answer_length` bytes are from that came behind a frame; they fit it by address and
+/// function, an exception's too, or are from elsewhere. A frame that is no Modbus RTU itself says
+/// nothing about its answer. Needs no memory.
+AnswerOrigin OriginOfRtuAnswer(const std::uint8_t* frame, std::size_t frame_length,
+                               const std::uint8_t* answer, std::size_t answer_length);
+
 }  // namespace modbus
 
 #endif  // MODBUS_RTU_FRAME_H_

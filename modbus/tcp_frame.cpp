@@ -8,12 +8,17 @@ constexpr std::size_t kTransaction = 0;
 constexpr std::size_t kProtocol = 2;
 constexpr std::size_t kLength = 4;
 constexpr std::size_t kUnit = 6;
+constexpr std::size_t kFunction = kMbapLength;
+
+int WordAt(const std::uint8_t* bytes, std::size_t offset) {
+  return bytes[offset] << 8 | bytes[offset + 1];
+}
 
 // The length field counts the bytes after itself: unit and PDU, of which there is one at
 // least.
-bool IsModbusTcp(const Bytes& frame) {
-  return frame.size() > kMbapLength && WordAt(frame, kProtocol) == 0 &&
-         static_cast<std::size_t>(WordAt(frame, kLength)) == frame.size() - kUnit;
+bool IsModbusTcp(const std::uint8_t* frame, std::size_t length) {
+  return length > kMbapLength && WordAt(frame, kProtocol) == 0 &&
+         static_cast<std::size_t>(WordAt(frame, kLength)) == length - kUnit;
 }
 
 Bytes Pdu(const Bytes& frame) {
@@ -33,10 +38,10 @@ Bytes TcpFrame(int transaction, int unit, const Bytes& pdu) {
 }
 
 AnswerCheck CheckTcpAnswer(const Bytes& frame, const Bytes& answer) {
-  if (!IsModbusTcp(frame)) {
+  if (!IsModbusTcp(frame.data(), frame.size())) {
     return {};
   }
-  if (!IsModbusTcp(answer)) {
+  if (!IsModbusTcp(answer.data(), answer.size())) {
     return Misfit("no Modbus/TCP frame");
   }
   if (WordAt(answer, kTransaction) != WordAt(frame, kTransaction)) {
@@ -46,6 +51,23 @@ AnswerCheck CheckTcpAnswer(const Bytes& frame, const Bytes& answer) {
     return Misfit("wrong unit");
   }
   return CheckPdu(Pdu(frame), Pdu(answer));
+}
+
+AnswerOrigin OriginOfTcpAnswer(const std::uint8_t* frame, std::size_t frame_length,
+                               const std::uint8_t* answer, std::size_t answer_length) {
+  if (!IsModbusTcp(frame, frame_length)) {
+    return AnswerOrigin::kDevice;
+  }
+  const bool has_pdu = answer_length > kFunction;
+  const bool fits_by_transaction = answer_length > kTransaction + 1 &&
+                                   WordAt(answer, kTransaction) == WordAt(frame, kTransaction);
+  const bool fits_by_unit = has_pdu && answer[kUnit] == frame[kUnit] &&
+                            (answer[kFunction] & ~kExceptionFlag) == frame[kFunction];
+  if (!fits_by_transaction && !fits_by_unit) {
+    return AnswerOrigin::kElsewhere;
+  }
+  return has_pdu ? OriginOfPdu(frame[kFunction], answer + kFunction, answer_length - kFunction)
+                 : AnswerOrigin::kDevice;
 }
 
 }  // namespace modbus

@@ -3,6 +3,9 @@
 #ifndef MODBUS_TCP_FRAME_H_
 #define MODBUS_TCP_FRAME_H_
 
+#include <cstddef>
+#include <cstdint>
+
 #include "modbus/pdu.h"
 
 namespace modbus {
@@ -16,6 +19,13 @@ Bytes TcpFrame(int transaction, int unit, const Bytes& pdu);
 /// Checks `answer` against the frame it answers. A frame that is no Modbus/TCP itself says nothing
 /// about its answer, which then counts as good.
 AnswerCheck CheckTcpAnswer(const Bytes& frame, const Bytes& answer);
+
+/// Who the `answer_length` bytes are from that came behind a frame. There are devices that do not
+/// repeat the transaction, and others the unit: an answer from elsewhere fits neither by its
+/// transaction nor by its unit and function, an exception's too. A frame that is no Modbus/TCP
+/// itself says nothing about its answer. Needs no memory.
+AnswerOrigin OriginOfTcpAnswer(const std::uint8_t* frame, std::size_t frame_length,
+                               const std::uint8_t* answer, std::size_t answer_length);
 
 }  // namespace modbus
 

@@ -69,6 +69,11 @@ void DiscardInput(int connection) {
   }
 }
 
+/// The channel that health counts a request for; 0: none.
+int HealthChannel(const DataHeader& header) {
+  return IsCounted(header) ? int{header.channel_index} : 0;
+}
+
 void LimitReceiveTime(int connection) {
   const timeval timeout{std::chrono::duration_cast<std::chrono::seconds>(kClientTimeout).count(),
                         0};
@@ -228,7 +233,7 @@ void CommunicationServer::HandleConnection(Descriptor connection) {
   AccessChannelManager* channels = AccessChannelManager::GetInstance();
   if (channels->GetUsedState(channel_index)) {
     LoggerLog::Debug(kLogTag, LogText("Busy ch[", channel_index, "] "));
-    HealthKeeper::ReportBusy(channel_index);
+    HealthKeeper::ReportBusy(HealthChannel(header));
     DiscardInput(sock);
     work->WriteResponseData(sock, CommunicationResult::CreateErrorCommunicationResult(
                                       header.type, kDeviceCommunicationChannelBusyError));
@@ -311,7 +316,7 @@ void CommSocketWork::Execute() {
 
 void CommSocketWork::HandBack(bool is_answered,
                               const std::shared_ptr<CommunicationResult>& result) noexcept {
-  HealthKeeper::ReportRequest(header_.channel_index, StatusOf(result), begin_);
+  HealthKeeper::ReportRequest(HealthChannel(header_), StatusOf(result), begin_);
   std::string_view unsent;
   try {
     if (is_answered) {

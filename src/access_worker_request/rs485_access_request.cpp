@@ -9,6 +9,7 @@
 #include <thread>
 #include <utility>
 
+#include "health/answer_end.h"
 #include "log/log_text.h"
 #include "logger_setting/logger_setting_manager.h"
 #include "utility/constant_string.h"
@@ -36,12 +37,11 @@ bool IsBroadcast(const SendData& entry) {
   return *FrameOf(entry) == 0;
 }
 
-/// How an exchange ended that the serial library gave `status`: in the words of vlm_rs485.h, with
-/// the number, which is all that another library's status says.
+/// How an exchange without an answer ended that the serial library gave `status`: in the words of
+/// vlm_rs485.h, with the number, which is all that another library's status says.
 HealthEnd EndOf(byte status) {
   switch (status) {
-    case VLM_RS485_ANSWERED:
-      return {TAMSEL_CAUSE_ANSWERED};
+    case VLM_RS485_ANSWERED:  // as the client counts it, who finds no byte
     case VLM_RS485_NO_ANSWER:
       return {TAMSEL_CAUSE_NO_ANSWER, status};
     case VLM_RS485_LINE_ERROR:
@@ -88,6 +88,7 @@ std::shared_ptr<CommunicationResult> RS485AccessRequest::Perform() {
   retry_interval_ = std::chrono::milliseconds(std::max(settings->GetMWApiRetryInterval(), 0));
   std::this_thread::sleep_for(std::chrono::milliseconds(settings->GetRs485StartWait()));
   channel_ = p_device_access_rs485->channel;
+  health_channel_ = p_header_ == nullptr || IsCounted(*p_header_) ? channel_ : 0;
   LoggerLog::Verbose(
       kLogTag, LogText("vlm_485_x Exec <C", channel_, "> 2: TID:", Poco::Thread::currentTid()));
   Rs485PortUse port(Cache::Share(), channel_);
@@ -229,7 +230,7 @@ int RS485AccessRequest::RunCycle(unsigned int flags) {
     const auto begin = std::chrono::steady_clock::now();
     const bool is_over = p_port_->StartCom() != 0;
     if (is_over) {
-      HealthKeeper::ReportCycle(channel_, begin);
+      HealthKeeper::ReportCycle(health_channel_, begin);
     }
     LoggerLog::Debug(kLogTag, LogText("vlm_485_stCom [", is_over, "]"));
     return is_over;
@@ -304,7 +305,8 @@ HealthEnd RS485AccessRequest::CollectAnswer(const receive_data* answer, const Se
     std::memcpy(slot.data, answer->rcv_da, static_cast<std::size_t>(length));
   }
   LoggerLog::Debug(kLogTag, LogText("Rcv dat [", HexText(slot.data, length), "]"));
-  return EndOf(slot.status);
+  return slot.status == VLM_RS485_ANSWERED && length > 0 ? EndOfRtuAnswer(entry, slot.data, length)
+                                                         : EndOf(slot.status);
 }
 
 void RS485AccessRequest::ReportHealth(const SendData& entry, const HealthEnd& end) const {
@@ -312,7 +314,7 @@ void RS485AccessRequest::ReportHealth(const SendData& entry, const HealthEnd& en
       std::begin(p_device_access_rs485->port_params), std::end(p_device_access_rs485->port_params),
       [&](const SetPortParams& line) { return line.address == entry.address; });
   const bool has_line = params != std::end(p_device_access_rs485->port_params);
-  HealthKeeper::ReportExchange({channel_,
+  HealthKeeper::ReportExchange({health_channel_,
                                 kRequestDataTypeRS485,
                                 entry.address,
                                 {},

@@ -53,6 +53,7 @@ class RS485AccessRequest : public AccessRequest {
   // Set by Perform.
   Rs485PortUse* p_port_ = nullptr;
   int channel_ = 0;
+  int health_channel_ = 0;  // the same, or 0: the request is not counted
   int attempts_ = 1;
   std::chrono::milliseconds retry_interval_{0};
 };

@@ -29,7 +29,8 @@ void TCPIPAccessRequest::Execute() {
 }
 
 std::shared_ptr<CommunicationResult> TCPIPAccessRequest::Perform() {
-  const int channel = p_header_ != nullptr ? int{p_header_->channel_index} : kNoChannel;
+  const bool is_counted = p_header_ != nullptr && IsCounted(*p_header_);
+  const int channel = is_counted ? int{p_header_->channel_index} : kNoChannel;
   UnitList access_unit_list;
   for (int i = 0; i < kMaxDeviceCountAtChannel; ++i) {
     NetworkParams* network_params = &p_device_access_tcpip_->port_params[i];

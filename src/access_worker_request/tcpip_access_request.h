@@ -16,7 +16,8 @@ namespace tmsc {
 class TCPIPAccessRequest : public AccessRequest {
  public:
   /// Header, payload and promise stay the caller's own and outlive Execute. Without a header, null,
-  /// no health is kept of the devices: it would not be known on which channel.
+  /// no health is kept of the devices: it would not be known on which channel. The header says
+  /// nothing else.
   TCPIPAccessRequest(DataHeader* header, DeviceAccessTCPIP* device_access_tcpip,
                      std::promise<std::shared_ptr<CommunicationResult>>* promise);
   ~TCPIPAccessRequest() override;

@@ -12,6 +12,7 @@
 #include <exception>
 #include <string_view>
 
+#include "health/answer_end.h"
 #include "log/log_text.h"
 #include "logger_setting/logger_setting_manager.h"
 #include "socket_manager/tcp_socket_manager.h"
@@ -245,15 +246,26 @@ bool TCPIPAccessUnit::Exchange(TCPSocket& socket) {
   if (!ReceiveBody(socket, data_length)) {
     return false;
   }
-  ReportHealth(
-      {TAMSEL_CAUSE_ANSWERED, 0,
-       std::chrono::duration_cast<std::chrono::microseconds>(Deadline::Clock::now() - sent_at_)});
+  ReportHealth(AnswerEnd(data, data_length));
   p_device_receive_data_->length = static_cast<std::int16_t>(data_length);
   LoggerLog::Debug(kLogTag, LogText("rcvBytes [", ip_, "][", HexText(data, data_length), "]"));
   if (!Drain(socket)) {
     Forget(socket);
   }
   return true;
+}
+
+/// How the exchange ended now that the frame is whole. A fixed one is no Modbus/TCP: whatever it
+/// is, it is the device's.
+HealthEnd TCPIPAccessUnit::AnswerEnd(const byte* data, int data_length) const {
+  const auto response_time = Deadline::Clock::now() - sent_at_;
+  HealthEnd end = p_network_params_->port == kFixedFramePort
+                      ? HealthEnd{TAMSEL_CAUSE_ANSWERED}
+                      : EndOfTcpAnswer(*p_send_data_, data, data_length);
+  if (end.cause == TAMSEL_CAUSE_ANSWERED) {
+    end.response_time = std::chrono::duration_cast<std::chrono::microseconds>(response_time);
+  }
+  return end;
 }
 
 bool TCPIPAccessUnit::Connect(TCPSocket& socket) {

@@ -51,6 +51,7 @@ class TCPIPAccessUnit : public Poco::Runnable {
   std::optional<Deadline> LockDeadline() const;
   bool IsPossible();
   bool Exchange(TCPSocket& socket);
+  HealthEnd AnswerEnd(const byte* data, int data_length) const;
   bool Connect(TCPSocket& socket);
   bool Send(TCPSocket& socket);
   bool ReceiveHeader(TCPSocket& socket);

@@ -173,6 +173,11 @@ bool IsOtherFile(const std::string& path) {
 
 }  // namespace
 
+bool IsCounted(const DataHeader& header) {
+  constexpr std::string_view kScanMark = TAMSEL_SCAN_MARK;
+  return std::memcmp(header.buffer, kScanMark.data(), kScanMark.size()) != 0;
+}
+
 void HealthKeeper::Create() {
   const std::string path = LoggerSettingManager::GetInstance()->GetHealthFilePath();
   if (path.empty()) {

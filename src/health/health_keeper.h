@@ -37,6 +37,10 @@ struct HealthEnd {
   std::optional<std::chrono::microseconds> response_time = std::nullopt;
 };
 
+/// Whether health counts a request: it does not when the header has the mark of a scan, whose
+/// addresses are nobody's devices. Reports on channel 0 are dropped, so that is their channel then.
+bool IsCounted(const DataHeader& header);
+
 /// Keeps the health of each device and channel and of the daemon in the file that the setting
 /// "HealthFilePath" names. Without the setting there is no instance, and a report does nothing.
 ///

@@ -58,10 +58,10 @@ const std::vector<FaultRow>& BusRows() {
       {{FaultKind::kGarbage, 450}, "too_long", "frame too long", "answer too long"},
       {FaultKind::kGarbage, "not_its_answer", "answer of somebody else", "not its answer"},
       {FaultKind::kNoise, kAnswered, "answered", nullptr},
-      {FaultKind::kWrongCrc, kAnswered, "wrong CRC", nullptr},
+      {FaultKind::kWrongCrc, "wrong_check_sum", "wrong CRC", nullptr},
       {FaultKind::kOtherAddress, "not_its_answer", "answer of somebody else", "not its answer"},
       {{FaultKind::kPause, 80}, kAnswered, "answered", nullptr},
-      {FaultKind::kCut, kAnswered, "wrong CRC", nullptr},
+      {FaultKind::kCut, "wrong_check_sum", "wrong CRC", nullptr},
       {FaultKind::kParity, "line_error", "line error", "line error"},
       // Last, so that its frame comes between two rounds.
       {{FaultKind::kLate, 1200}, "no_answer", "no answer in time", "no answer in time"}};

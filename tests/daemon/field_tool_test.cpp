@@ -35,6 +35,8 @@ TEST(FieldTool, AsksScansAndNamesWhatIsThere) {
       {kTcp + "1-3=" + gateway + " --unit 1,2,5 --read-coils 0,3", 5, " unit 5  ok "},
       {kTcp + "2=" + gateway + " --read-coils 0,3 --json", 5,
        R"("cause":"no_answer","cause_code":3)"},
+      {kTcp + "4=" + gateway + " --unit 9 --read-coils 0,3 --json", 5,
+       R"("cause":"gateway_no_answer","cause_code":25,"cause_detail":11)"},
       {kTcp + "1=127.0.0.1:1 --read-coils 0,3", 5, "  connect refused  "},
       // Health of another channel is not taken for that of this one.
       {"request --channel 2 --device 1=" + gateway + " --read-coils 0,1", 0, "ok"},

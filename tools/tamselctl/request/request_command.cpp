@@ -37,8 +37,8 @@ class RequestRun {
       : options_(options),
         batches_(options.site.empty() ? std::vector<Batch>{MakeBatch(options)}
                                       : MakeSiteBatches(options)),
-        exchanger_(options.daemon, options.busy_wait_ms, options.deadline_ms, interruption_,
-                   progress_) {}
+        exchanger_(options.daemon, Purpose::kDevices, options.busy_wait_ms, options.deadline_ms,
+                   interruption_, progress_) {}
 
   int Run() {
     if (!options_.watch_ms) {

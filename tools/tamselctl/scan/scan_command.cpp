@@ -11,7 +11,6 @@
 #include <utility>
 #include <vector>
 
-#include "health_reader.h"
 #include "logger_setting/logger_setting_manager.h"
 #include "modbus/rtu_frame.h"
 #include "modbus/tcp_frame.h"
@@ -38,7 +37,8 @@ class Scan {
   explicit Scan(const ScanOptions& options)
       : options_(options),
         read_(ParseRead(options.reads).value_or(Read{modbus::kReadHoldingRegisters, 0, 1})),
-        exchanger_(options.daemon, options.busy_wait_ms, std::nullopt, interruption_, progress_) {
+        exchanger_(options.daemon, Purpose::kScan, options.busy_wait_ms, std::nullopt,
+                   interruption_, progress_) {
     report_.channel = options.bus.channel;
     report_.wanted = options.units.size();
     report_.place = options.bus.IsRs485()
@@ -49,7 +49,7 @@ class Scan {
   int Run() {
     Announce();
     const auto begin = std::chrono::steady_clock::now();
-    report_.exit_code = AskAll();
+    AskAll();
     progress_.Clear();
     report_.elapsed_ms = std::chrono::duration_cast<std::chrono::milliseconds>(
                              std::chrono::steady_clock::now() - begin)
@@ -71,7 +71,7 @@ class Scan {
     LoggerSettingManager settings;
     const auto units = static_cast<long long>(options_.units.size());
     const long long requests = (units + *options_.at_once - 1) / *options_.at_once;
-    const int of_daemon_ms = 20 + exchanger_.HealthWaitMs();
+    constexpr int of_daemon_ms = 20;
     const int timeout_ms = options_.bus.timeout_ms;
     if (!options_.bus.IsRs485()) {
       return requests *
@@ -93,29 +93,65 @@ class Scan {
               << DurationText(LongestMs()) << " at most, beside waits for a busy channel\n";
   }
 
-  int AskAll() {
+  void AskAll() {
     const auto step = static_cast<std::size_t>(*options_.at_once);
-    for (std::size_t first = 0; first < options_.units.size(); first += step) {
-      const std::size_t end = std::min(first + step, options_.units.size());
-      const std::vector<Device> devices = MakeDevices(first, end);
-      const auto exchange = exchanger_.Run(options_.bus, devices,
-                                           "asked " + std::to_string(first) + " of " +
-                                               std::to_string(report_.wanted) + ", " +
-                                               std::to_string(report_.Answers()) + " answer");
-      if (!exchange) {
-        break;
-      }
-      if (const int exit_code = exchange->ExitCode(); exit_code != kExitOk) {
-        progress_.Clear();
-        report_.error = exchange->ErrorText();
-        std::cerr << "tamselctl: channel " << options_.bus.channel << ": " << report_.error << '\n';
-        return exit_code;
-      }
-      if (!TakeAnswers(devices, *exchange)) {
-        break;
-      }
+    bool is_of_use = true;
+    for (std::size_t first = 0; is_of_use && first < options_.units.size(); first += step) {
+      is_of_use = AskUnits(MakeDevices(first, std::min(first + step, options_.units.size())));
     }
-    return kExitOk;
+    // Those that were asked once more came later.
+    std::stable_sort(report_.units.begin(), report_.units.end(),
+                     [](const auto& left, const auto& right) { return left.unit < right.unit; });
+  }
+
+  // One request, and another one to those whose connection had ended. False when there is no use in
+  // going on.
+  bool AskUnits(const std::vector<Device>& devices) {
+    const auto exchange = Ask(devices);
+    if (!exchange) {
+      return false;
+    }
+    std::vector<Device> again;
+    bool is_reached = options_.bus.IsRs485();
+    for (const Device& device : devices) {
+      const auto reply = DeviceAnswer(exchange->result.response, device.address);
+      if (HasLostConnection(device, reply)) {
+        again.push_back(device);
+        continue;
+      }
+      is_reached = is_reached || !reply || (reply->status & kTCPIPUnitStatusConnectError) == 0;
+      UnitReport unit = MakeReport(device, reply);
+      if (unit.is_answer && devices.size() == 1) {
+        unit.at_most_ms = exchange->elapsed_ms;
+      }
+      report_.units.push_back(std::move(unit));
+    }
+    return again.empty() ? is_reached || report_.Answers() > 0 : AskUnits(again);
+  }
+
+  // Nothing when the scan is over.
+  std::optional<Exchange> Ask(const std::vector<Device>& devices) {
+    auto exchange = exchanger_.Run(options_.bus, devices,
+                                   "asked " + std::to_string(report_.units.size()) + " of " +
+                                       std::to_string(report_.wanted) + ", " +
+                                       std::to_string(report_.Answers()) + " answer");
+    if (exchange && exchange->ExitCode() != kExitOk) {
+      progress_.Clear();
+      report_.exit_code = exchange->ExitCode();
+      report_.error = exchange->ErrorText();
+      std::cerr << "tamselctl: channel " << options_.bus.channel << ": " << report_.error << '\n';
+      return std::nullopt;
+    }
+    return exchange;
+  }
+
+  // The daemon keeps the connection behind an answer, and notices that the gateway has closed it
+  // meanwhile only when it is used again. Behind a failure it connects afresh.
+  bool HasLostConnection(const Device& device, const std::optional<DeviceReply>& reply) {
+    const int status = reply ? reply->status : 0;
+    const bool was_fresh = std::exchange(is_connection_fresh_[device.address], status != 0);
+    return !options_.bus.IsRs485() && !was_fresh &&
+           (status & kTCPIPUnitStatusSendReceiveError) != 0;
   }
 
   // On RS485 an address that the daemon knows keeps it; all else goes through its last addresses,
@@ -145,44 +181,29 @@ class Scan {
     return devices;
   }
 
-  // False when there is no use in going on.
-  bool TakeAnswers(const std::vector<Device>& devices, const Exchange& exchange) {
-    bool is_reached = false;
-    for (std::size_t index = 0; index < devices.size(); ++index) {
-      const auto reply = DeviceAnswer(exchange.result.response, devices[index].address);
-      is_reached = is_reached || options_.bus.IsRs485() || !reply ||
-                   (reply->status & kTCPIPUnitStatusConnectError) == 0;
-      UnitReport unit = MakeReport(devices[index], reply, exchange.ends[index]);
-      if (unit.is_answer && !unit.response_ms && devices.size() == 1) {
-        unit.at_most_ms = exchange.elapsed_ms;
-      }
-      report_.units.push_back(std::move(unit));
+  std::string StatusText(int status) const {
+    if (status == 0 || (!options_.bus.IsRs485() && status == kTCPIPUnitStatusSendReceiveError)) {
+      return "no answer";
     }
-    return is_reached || report_.Answers() > 0;
+    const byte device_status = static_cast<byte>(status);
+    return options_.bus.IsRs485() ? Rs485DeviceStatusText(device_status)
+                                  : TcpDeviceStatusText(device_status);
   }
 
-  UnitReport MakeReport(const Device& device, const std::optional<DeviceReply>& reply,
-                        const std::optional<DeviceEnd>& end) const {
+  UnitReport MakeReport(const Device& device, const std::optional<DeviceReply>& reply) const {
     UnitReport unit;
     unit.unit = device.unit;
     if (!reply || reply->status != 0 || reply->frame.empty()) {
-      const int status = reply ? reply->status : 0;
-      unit.status = end && !IsHealthyCause(end->cause) ? HealthCauseText(end->cause, end->detail)
-                    : status == 0                      ? "no answer"
-                    : options_.bus.IsRs485() ? Rs485DeviceStatusText(static_cast<byte>(status))
-                                             : TcpDeviceStatusText(static_cast<byte>(status));
+      unit.status = StatusText(reply ? reply->status : 0);
       return unit;
     }
     const modbus::AnswerCheck answer = options_.bus.IsRs485()
                                            ? modbus::CheckRtuAnswer(device.frame, reply->frame)
                                            : modbus::CheckTcpAnswer(device.frame, reply->frame);
-    // By these two a gateway answers in place of a device that does not.
-    const bool is_of_gateway = answer.exception == modbus::kGatewayPathUnavailable ||
-                               answer.exception == modbus::kGatewayTargetFailedToRespond;
     unit.exception = answer.exception;
-    unit.is_answer = answer.is_good || (answer.exception != 0 && !is_of_gateway);
+    unit.is_answer =
+        answer.is_good || (answer.exception != 0 && !modbus::IsOfGateway(answer.exception));
     unit.status = answer.is_good ? "answered" : answer.text;
-    unit.response_ms = end ? end->response_ms : std::nullopt;
     unit.registers = answer.registers;
     unit.registers.insert(unit.registers.end(), answer.bits.begin(), answer.bits.end());
     return unit;
@@ -194,6 +215,7 @@ class Scan {
   Progress progress_;
   Exchanger exchanger_;
   ScanReport report_;
+  bool is_connection_fresh_[kMaxDeviceCountAtChannel + 1] = {};  // by address; over TCP/IP
 };
 
 }  // namespace

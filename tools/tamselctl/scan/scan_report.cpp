@@ -6,7 +6,6 @@
 #include <ostream>
 
 #include "shared/address_ranges.h"
-#include "shared/exchange.h"
 #include "shared/exit_code.h"
 #include "shared/json_line.h"
 #include "shared/table.h"
@@ -16,9 +15,7 @@ namespace tmsc::ctl {
 namespace {
 
 std::string TimeOf(const UnitReport& unit) {
-  return unit.response_ms  ? ResponseText(*unit.response_ms)
-         : unit.at_most_ms ? "at most " + std::to_string(*unit.at_most_ms) + " ms"
-                           : "-";
+  return unit.at_most_ms ? "at most " + std::to_string(*unit.at_most_ms) + " ms" : "-";
 }
 
 std::string Content(const UnitReport& unit) {
@@ -83,9 +80,6 @@ void PrintJson(std::ostream& output, const ScanReport& report) {
         {"unit_id", unit.unit}, {"answers", unit.is_answer}, {"status", unit.status}};
     if (unit.exception != 0) {
       item["exception"] = unit.exception;
-    }
-    if (unit.response_ms) {
-      item["response_ms"] = *unit.response_ms;
     }
     if (unit.at_most_ms) {
       item["at_most_ms"] = *unit.at_most_ms;

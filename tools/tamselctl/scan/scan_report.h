@@ -14,8 +14,7 @@ struct UnitReport {
   bool is_answer = false;
   std::string status;  // in plain words
   int exception = 0;   // of Modbus; 0: none
-  std::optional<double> response_ms;
-  std::optional<long long> at_most_ms;  // where the response time is not known
+  std::optional<long long> at_most_ms;  // of an answer to a request to this unit alone
   std::vector<int> registers;           // or bits, each 0 or 1
 };
 

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdio>
 #include <iostream>
+#include <string_view>
 #include <utility>
 
 #include "health_reader.h"
@@ -14,7 +15,6 @@
 #include "shared/times.h"
 #include "status_text.h"
 #include "utility/deadline.h"
-#include "utility/memory_file_system.h"
 
 namespace tmsc::ctl {
 namespace {
@@ -26,7 +26,10 @@ bool IsBusy(const ExchangeResult& result) {
          result.response.receive_data.status == kDeviceCommunicationChannelBusyError;
 }
 
-constexpr int kHealthWaitMs = 1200;
+void MarkAsScan(DataHeader& header) {
+  constexpr std::string_view kMark = TAMSEL_SCAN_MARK;
+  kMark.copy(reinterpret_cast<char*>(header.buffer), sizeof(header.buffer));
+}
 
 // A daemon that another socket belongs to keeps its health elsewhere.
 std::string HealthOf(const DaemonOptions& daemon, const std::string& socket_path) {
@@ -89,8 +92,6 @@ class Exchanger::HealthProbe {
 
   bool IsReadable() const { return now_.snapshot.has_value(); }
 
-  bool IsInMemory() const { return IsOnMemoryFileSystem(path_); }
-
   void Begin() {
     now_ = ReadHealth(path_);
     before_ = now_.snapshot.value_or(HealthSnapshot{});
@@ -100,7 +101,7 @@ class Exchanger::HealthProbe {
   /// Waits until the daemon has written, as it does within a second.
   std::vector<std::optional<DeviceEnd>> End(const Bus& bus, const std::vector<Device>& devices) {
     constexpr std::chrono::milliseconds kPace{20};
-    const Deadline deadline{std::chrono::milliseconds(kHealthWaitMs)};
+    const Deadline deadline{std::chrono::milliseconds(1200)};
     std::vector<std::optional<DeviceEnd>> ends;
     while (true) {
       now_ = ReadHealth(path_);
@@ -184,14 +185,17 @@ class Exchanger::HealthProbe {
   bool is_error_told_ = false;
 };
 
-Exchanger::Exchanger(const DaemonOptions& daemon, int busy_wait_ms, std::optional<int> deadline_ms,
-                     const Interruption& interruption, Progress& progress)
+Exchanger::Exchanger(const DaemonOptions& daemon, Purpose purpose, int busy_wait_ms,
+                     std::optional<int> deadline_ms, const Interruption& interruption,
+                     Progress& progress)
     : socket_path_(SocketPath(daemon)),
+      purpose_(purpose),
       busy_wait_ms_(busy_wait_ms),
       deadline_ms_(deadline_ms),
       interruption_(interruption),
       progress_(progress) {
-  if (const std::string path = HealthOf(daemon, socket_path_); !path.empty()) {
+  const std::string path = HealthOf(daemon, socket_path_);
+  if (purpose != Purpose::kScan && !path.empty()) {
     health_ = std::make_unique<HealthProbe>(path);
   }
 }
@@ -200,10 +204,6 @@ Exchanger::~Exchanger() = default;
 
 bool Exchanger::HasHealth() const {
   return health_ && health_->IsReadable();
-}
-
-int Exchanger::HealthWaitMs() const {
-  return HasHealth() && !health_->IsInMemory() ? kHealthWaitMs : 0;
 }
 
 // The daemon ends an exchange that it has begun, whether or not somebody still waits for it.
@@ -245,7 +245,10 @@ std::optional<Exchange> Exchanger::RunOnce(const Bus& bus, const std::vector<Dev
 
 std::optional<Exchange> Exchanger::Run(const Bus& bus, const std::vector<Device>& devices,
                                        const std::string& doing) {
-  const Request request = BuildRequest(bus, devices);
+  Request request = BuildRequest(bus, devices);
+  if (purpose_ == Purpose::kScan) {
+    std::visit([](auto& records) { MarkAsScan(records.header); }, request);
+  }
   const Deadline busy_deadline{std::chrono::milliseconds(busy_wait_ms_)};
   while (true) {
     auto exchange = RunOnce(bus, devices, request, doing);

@@ -30,7 +30,7 @@ struct DeviceEnd {
 struct Exchange {
   ExchangeResult result;
   long long elapsed_ms = 0;  // of the exchange with the daemon
-  /// As the devices that were asked; nothing where the daemon keeps no health.
+  /// As the devices that were asked; nothing where the daemon keeps no health, or of a scan.
   std::vector<std::optional<DeviceEnd>> ends;
 
   /// The exit status of a request that came to no device answers; kExitOk for any other.
@@ -40,13 +40,17 @@ struct Exchange {
   const char* OutcomeName() const;
 };
 
+/// What requests are for: those of a scan carry its mark, and the daemon's health does not count
+/// them.
+enum class Purpose { kDevices, kScan };
+
 /// Sends requests to a daemon, one after the other. Main thread.
 class Exchanger {
  public:
   /// `busy_wait_ms`: how long a busy channel is tried again. `deadline_ms`: of one exchange;
   /// nothing: as DeadlineMs says. Throws as SocketPath.
-  Exchanger(const DaemonOptions& daemon, int busy_wait_ms, std::optional<int> deadline_ms,
-            const Interruption& interruption, Progress& progress);
+  Exchanger(const DaemonOptions& daemon, Purpose purpose, int busy_wait_ms,
+            std::optional<int> deadline_ms, const Interruption& interruption, Progress& progress);
   ~Exchanger();
 
   /// One exchange, with `doing` shown as progress when it lasts. Nothing when it was interrupted,
@@ -54,11 +58,8 @@ class Exchanger {
   std::optional<Exchange> Run(const Bus& bus, const std::vector<Device>& devices,
                               const std::string& doing);
 
-  /// Whether the daemon keeps a health file that can be read.
+  /// Whether the daemon keeps a health file that can be read, and counts these requests in it.
   bool HasHealth() const;
-  /// How long Run may wait for that file behind an exchange, in ms: the daemon writes one that is
-  /// not in memory within a second.
-  int HealthWaitMs() const;
 
  private:
   class HealthProbe;
@@ -67,11 +68,12 @@ class Exchanger {
                                   const Request& request, const std::string& doing);
 
   const std::string socket_path_;
+  const Purpose purpose_;
   const int busy_wait_ms_;
   const std::optional<int> deadline_ms_;
   const Interruption& interruption_;
   Progress& progress_;
-  std::unique_ptr<HealthProbe> health_;  // none: the settings name no health file
+  std::unique_ptr<HealthProbe> health_;  // none: the settings name no health file, or a scan
 };
 
 /// A time of some milliseconds: "0.42 ms", "3.1 ms", "217 ms".
