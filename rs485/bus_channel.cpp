@@ -140,8 +140,12 @@ bool BusChannel::RunCycle() {
   void (*listener)() = nullptr;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
+    if (!is_open_) {
+      errno = EBADF;
+      return false;
+    }
     // The device may be back since it was found gone.
-    if (!is_open_ || (!line_.IsOpen() && !OpenLine())) {
+    if (!line_.IsOpen() && !OpenLine()) {
       return false;
     }
     for (int i = 0; i < RS485_MAX_MC_NUM; ++i) {

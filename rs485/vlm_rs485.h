@@ -124,8 +124,9 @@ unsigned char vlm_rs485_setComFlags(int channel, unsigned int flags);
 /* Runs one cycle: each flagged device with a frame, in order of address, is sent its frame and,
  * unless the frame's first byte is 0 (broadcast), listened to until its answer ends or its time-out
  * has passed. The calling thread has a timer slack of 1 ns from then on (prctl(2)). Returns 1 when
- * the cycle is over, whatever the devices did, and 0 when the port is not open or its serial device
- * cannot be had. */
+ * the cycle is over, whatever the devices did, and 0 with errno set: EBADF when the port is not
+ * open, or what the system said to the try to open its serial device again, which had gone (ENOENT,
+ * ENODEV, ENXIO, EIO: it is not back). */
 unsigned char vlm_rs485_startCom(int channel);
 
 /* The answers of the last cycle, the library's own and valid until the channel's next call of

@@ -4,6 +4,7 @@
 #include <Poco/Thread.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <limits>
 #include <thread>
@@ -55,6 +56,16 @@ HealthEnd EndOf(byte status) {
     default:
       return {TAMSEL_CAUSE_OTHER_STATUS, status};
   }
+}
+
+/// Whether the library left the error of a serial device that is not there.
+bool IsGone(int error) {
+  return error == ENOENT || error == ENODEV || error == ENXIO || error == EIO;
+}
+
+/// Whether it left that of one that is there and may not be opened.
+bool IsRefused(int error) {
+  return error == EACCES || error == EPERM || error == EBUSY;
 }
 
 std::string HexText(byte* bytes, int count) {
@@ -323,11 +334,29 @@ void RS485AccessRequest::ReportHealth(const SendData& entry, const HealthEnd& en
                                end);
 }
 
+/// How the exchanges ended of a request that as a whole ended with `status`.
+HealthEnd RS485AccessRequest::FailureEnd(int status) const {
+  const int error = p_port_->LibraryError();
+  switch (status) {
+    case kDeviceCommunicationStatusOpenFailed:
+      return IsGone(error) && p_port_->Cache().WasOpened(channel_)
+                 ? HealthEnd{TAMSEL_CAUSE_PORT_GONE}
+                 : HealthEnd{TAMSEL_CAUSE_PORT_NOT_OPENED, error};
+    case kDeviceCommunicationStatusStartComFailed:
+      return IsGone(error)      ? HealthEnd{TAMSEL_CAUSE_PORT_GONE}
+             : IsRefused(error) ? HealthEnd{TAMSEL_CAUSE_PORT_NOT_OPENED, error}
+                                : HealthEnd{TAMSEL_CAUSE_NOT_STARTED, status};
+    default:
+      return {TAMSEL_CAUSE_NOT_STARTED, status};
+  }
+}
+
 /// No device was asked: the request as a whole ended with `status`.
 void RS485AccessRequest::ReportFailure(int status) const {
   if (!p_port_->IsBegun() || p_port_->IsReleased()) {
     return;  // the daemon is ending; that says nothing about the field
   }
+  const HealthEnd end = FailureEnd(status);
   for (const SendData& entry : p_device_access_rs485->send_data) {
     const int length = FrameLengthOf(entry);
     if (entry.address == 0) {
@@ -336,10 +365,8 @@ void RS485AccessRequest::ReportFailure(int status) const {
     if (status == kDeviceCommunicationStatusPutOutputStreamFailed &&
         (length == 0 || length > MAX_XFER_DATA_LENGTH)) {
       ReportHealth(entry, {TAMSEL_CAUSE_BAD_FRAME_LENGTH, length});
-    } else if (status == kDeviceCommunicationStatusOpenFailed) {
-      ReportHealth(entry, {TAMSEL_CAUSE_PORT_NOT_OPENED});
     } else {
-      ReportHealth(entry, {TAMSEL_CAUSE_NOT_STARTED, status});
+      ReportHealth(entry, end);
     }
   }
 }

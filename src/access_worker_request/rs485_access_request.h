@@ -42,6 +42,7 @@ class RS485AccessRequest : public AccessRequest {
   HealthEnd CollectAnswer(const receive_data* answer, const SendData& entry,
                           DeviceReceiveData& slot);
   void ReportHealth(const SendData& entry, const HealthEnd& end) const;
+  HealthEnd FailureEnd(int status) const;
   void ReportFailure(int status) const;
 
   template <typename Attempt>

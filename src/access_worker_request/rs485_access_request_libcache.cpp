@@ -91,6 +91,12 @@ Rs485AccessRequestLibcache::eLibStatus Rs485AccessRequestLibcache::CheckVlmOpen(
                                                                           : kStatusNeedReopen;
 }
 
+bool Rs485AccessRequestLibcache::WasOpened(int channel) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto* slot = Slot(channel);
+  return slot != nullptr && *slot;
+}
+
 void Rs485AccessRequestLibcache::SetVlmOpen(Rs485LibcacheData channel_data) {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (auto* slot = Slot(channel_data.GetChannel())) {

@@ -49,6 +49,8 @@ class Rs485AccessRequestLibcache {
 
   /// Whether the port is open as wanted.
   eLibStatus CheckVlmOpen(int channel, bool sniffer, int baudrate);
+  /// Whether the port has been open at any time; any channel number.
+  bool WasOpened(int channel);
   /// Remembers an open port. A channel other than 1 to 3 changes nothing.
   void SetVlmOpen(Rs485LibcacheData channel_data);
   /// Remembers that the port is closed; the caller closes it.

@@ -1,5 +1,6 @@
 #include "access_worker_request/rs485_port_use.h"
 
+#include <cerrno>
 #include <utility>
 
 namespace tmsc {
@@ -34,8 +35,17 @@ Result Rs485PortUse::CallLibrary(Result refused, Call call) {
   return IsReleased() ? refused : call();
 }
 
+template <typename Call>
+auto Rs485PortUse::NoteError(Call call) {
+  errno = 0;
+  const auto result = call();
+  library_error_ = errno;
+  return result;
+}
+
 int Rs485PortUse::Open(bool sniffer, byte baud_rate) {
-  return CallLibrary(-1, [&] { return vlm_rs485_open(channel_, sniffer, baud_rate); });
+  return CallLibrary(
+      -1, [&] { return NoteError([&] { return vlm_rs485_open(channel_, sniffer, baud_rate); }); });
 }
 
 void Rs485PortUse::Close() {
@@ -70,7 +80,7 @@ byte Rs485PortUse::SetComFlags(unsigned int flags) {
 }
 
 byte Rs485PortUse::StartCom() {
-  return IsReleased() ? byte{0} : vlm_rs485_startCom(channel_);
+  return IsReleased() ? byte{0} : NoteError([&] { return vlm_rs485_startCom(channel_); });
 }
 
 receive_data_full* Rs485PortUse::GetReceiveStream() {

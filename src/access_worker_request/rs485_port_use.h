@@ -31,6 +31,10 @@ class Rs485PortUse {
   bool IsReleased() const;
   Rs485AccessRequestLibcache& Cache() { return *cache_; }
 
+  /// errno as the library left it in the last Open or StartCom; 0: it left none, as a board's own
+  /// does. Means something when the call failed.
+  int LibraryError() const { return library_error_; }
+
   int Open(bool sniffer, byte baud_rate);
   /// Closes the port, and tells the cache first.
   void Close();
@@ -48,11 +52,14 @@ class Rs485PortUse {
 
   template <typename Result, typename Call>
   Result CallLibrary(Result refused, Call call);
+  template <typename Call>
+  auto NoteError(Call call);
 
   const std::shared_ptr<Rs485AccessRequestLibcache> cache_;
   const int channel_;
   std::unique_lock<std::mutex> port_lock_;
   bool is_begun_ = false;
+  int library_error_ = 0;
 };
 
 }  // namespace tmsc

@@ -263,7 +263,9 @@ TEST(SerialLibraryTest, WhatCannotBeIsRefusedAndACloseEndsTheCycle) {
   EXPECT_EQ(vlm_rs485_close(1), 0);
   EXPECT_LT(cycle.get(), 2000);
   EXPECT_EQ(Answer(1, 31), (Outcome{VLM_RS485_PORT_GONE, {}}));
+  errno = 0;
   EXPECT_EQ(vlm_rs485_startCom(1), 0);
+  EXPECT_EQ(errno, EBADF);
 }
 
 TEST(SerialLibraryTest, APulledAdapterIsNoticedAndFoundAgain) {
@@ -274,6 +276,7 @@ TEST(SerialLibraryTest, APulledAdapterIsNoticedAndFoundAgain) {
   EXPECT_EQ(Answer(1, 1), (Outcome{VLM_RS485_PORT_GONE, {}}));
   Add(1, 1);
   EXPECT_EQ(vlm_rs485_startCom(1), 0);
+  EXPECT_EQ(errno, ENOENT);
   field.PlugIn();
   RunCycle(1);
   EXPECT_EQ(Answer(1, 1), (Outcome{0, Told(1)}));

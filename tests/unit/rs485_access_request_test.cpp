@@ -19,6 +19,7 @@ struct ScriptedLibrary {
   std::mutex gates[MAX_CHANNEL + 1];  // held: the channel's cycle does not end
   std::string failing;                // name of the call that fails
   int failures_left = 0;              // so many times
+  int error = 0;                      // errno that it leaves then
   bool is_answer_missing = false;     // getReceiveStream gives null
   std::vector<unsigned char> bytes = std::vector<unsigned char>(439, 0xa5);  // of every answer
   receive_data answers[RS485_MAX_MC_NUM] = {};
@@ -32,7 +33,9 @@ struct ScriptedLibrary {
     calls += name;
     ((calls += " " + std::to_string(numbers)), ...);
     calls += "; ";
-    return name != failing || failures_left-- <= 0;
+    const bool is_good = name != failing || failures_left-- <= 0;
+    errno = is_good ? EAGAIN : error;
+    return is_good;
   }
   std::string TakeCalls() {
     const std::lock_guard<std::mutex> lock(mutex);
@@ -75,6 +78,7 @@ unsigned char vlm_rs485_startCom(int channel) {
   ++library->cycles;
   const std::lock_guard<std::mutex> lock(library->gates[channel]);
   library->listener.load()();
+  errno = is_good ? 0 : library->error;
   return is_good ? 2 : 0;
 }
 receive_data_full* vlm_rs485_getReceiveStream(int channel, int reserved) {
@@ -174,6 +178,38 @@ TEST_F(RS485AccessRequestTest, EachStepIsTriedAgainAndEndsWithItsStatus) {
   }
 }
 
+TEST_F(RS485AccessRequestTest, HealthSaysWhatTheLibraryLeavesOfAPort) {
+  Singleton<HealthKeeper>::Create(folder_.Path("health"));
+  const auto cause = [&](const std::string& failing, int error) {
+    library->failing = failing;
+    library->failures_left = 99;
+    library->error = error;
+    Status();
+    HealthKeeper::GetInstance()->Inspect();
+    const tamsel_health_device device = ReadHealth(folder_.Path("health")).snapshot->devices.at(0);
+    return HealthCauseText(device.last_cause, device.last_detail);
+  };
+  const std::string not_opened = "serial port cannot be opened";
+  const std::string not_run = "serial library did not run the cycle (request status ";
+  const std::tuple<const char*, int, std::string> rows[] = {
+      {"open", 0, not_opened},  // a board's own library leaves no error
+      {"open", ENOENT, not_opened + ": No such file or directory"},
+      {"open", EACCES, not_opened + ": Permission denied"},
+      {"start", 0, not_run + "5)"},
+      {"start", EBADF, not_run + "5)"},  // the second in a row closes the port
+      {"open", EACCES, not_opened + ": Permission denied"},
+      {"open", ENOENT, "serial port gone"},  // it has been there
+      {"start", EIO, "serial port gone"},
+      {"start", EBUSY, not_opened + ": Device or resource busy"},
+      {"open", ENXIO, "serial port gone"},
+      {"flags", ENOENT, not_run + "6)"},
+      {"put", ENOENT, not_run + "7)"}};
+  for (const auto& [failing, error, text] : rows) {
+    EXPECT_EQ(cause(failing, error), text) << failing << " " << error;
+  }
+  Singleton<HealthKeeper>::Destroy();
+}
+
 TEST_F(RS485AccessRequestTest, AnswersAreJudgedOneByOne) {
   AddDevice(1, 3, {2, 0, 0x00, 0x01});  // broadcast
   AddDevice(2, 4, {1, 0, 0x04});        // too long an answer
@@ -187,6 +223,8 @@ TEST_F(RS485AccessRequestTest, AnswersAreJudgedOneByOne) {
   Answer(6, 2);
   AddDevice(7, 7, {1, 0, 0x07});
   Answer(7, 0, VLM_RS485_LINE_ERROR);
+  AddDevice(8, 8, {1, 0, 0x08});
+  Answer(8, 0);
   Singleton<HealthKeeper>::Create(folder_.Path("health"));
   const ResponseReceiveData response = Execute();
   EXPECT_EQ(response.header.type, kRequestDataTypeRS485);
@@ -204,12 +242,13 @@ TEST_F(RS485AccessRequestTest, AnswersAreJudgedOneByOne) {
   }
   EXPECT_EQ(health,
             "3 line error (status 2); 4 frame too long (439 bytes); 5 no answer in time; "
-            "6 answered; 7 line error (status 2); 12 status of the serial library 9; ");
+            "6 answered; 7 line error (status 2); 8 no answer in time; 12 status of the serial "
+            "library 9; ");
   Singleton<HealthKeeper>::Destroy();
   EXPECT_EQ(response.receive_data.receive_data[11].data[437], 0xa5);
   EXPECT_EQ(response.receive_data.receive_data[2].data[0], 0);
   const std::string calls = library->TakeCalls();
-  EXPECT_TRUE(test::Contains(calls, "flags 2 2172;")) << calls;
+  EXPECT_TRUE(test::Contains(calls, "flags 2 2300;")) << calls;
   EXPECT_FALSE(test::Contains(calls, " 32 ")) << calls;
   library->is_answer_missing = true;
   EXPECT_EQ(Status(), -1);
