@@ -19,7 +19,7 @@ struct CauseWords {
   int cause;
   const char* name;
   const char* text;
-  const char* detail;  // where last_detail stands in it: %; null: it says nothing
+  const char* detail;  // %: last_detail; #: the error that it is, in words; null: it says nothing
 };
 
 constexpr CauseWords kCauses[] = {
@@ -42,7 +42,7 @@ constexpr CauseWords kCauses[] = {
     {TAMSEL_CAUSE_NOT_ITS_ANSWER, "not_its_answer", "answer of somebody else", " (status %)"},
     {TAMSEL_CAUSE_LINE_ERROR, "line_error", "line error", " (status %)"},
     {TAMSEL_CAUSE_PORT_GONE, "port_gone", "serial port gone", " (status %)"},
-    {TAMSEL_CAUSE_PORT_NOT_OPENED, "port_not_opened", "serial port cannot be opened", nullptr},
+    {TAMSEL_CAUSE_PORT_NOT_OPENED, "port_not_opened", "serial port cannot be opened", ": #"},
     {TAMSEL_CAUSE_NOT_STARTED, "not_started", "serial library did not run the cycle",
      " (request status %)"},
     {TAMSEL_CAUSE_OTHER_STATUS, "other_status", "status of the serial library", " %"},
@@ -83,8 +83,9 @@ class RecordReader {
         --pauses_left_;
       }
       const ssize_t count = ::pread(file_, &record, sizeof(record), static_cast<off_t>(offset));
-      const std::size_t taken = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
-      std::memset(reinterpret_cast<char*>(&record) + taken, 0, sizeof(record) - taken);
+      if (count != static_cast<ssize_t>(sizeof(record))) {
+        break;  // the file is cut short
+      }
       if (IsEmpty(record)) {
         return RecordState::kEmpty;
       }
@@ -124,11 +125,16 @@ bool IsRegular(int file) {
   return ::fstat(file, &status) == 0 && S_ISREG(status.st_mode);
 }
 
+/// What `header` then holds of a header that is cut short is zero behind its end.
 int CheckHeader(int file, tamsel_health_header& header) {
-  if (!IsRegular(file) ||
-      ::pread(file, &header, sizeof(header), 0) != static_cast<ssize_t>(sizeof(header)) ||
+  header = {};
+  const ssize_t count = IsRegular(file) ? ::pread(file, &header, sizeof(header), 0) : -1;
+  if (count < static_cast<ssize_t>(sizeof(header.magic)) ||
       std::memcmp(header.magic, TAMSEL_HEALTH_MAGIC, sizeof(header.magic)) != 0) {
     return TAMSEL_HEALTH_OTHER_FILE;
+  }
+  if (count < static_cast<ssize_t>(sizeof(header))) {
+    return TAMSEL_HEALTH_DAMAGED;
   }
   return header.byte_order == TAMSEL_HEALTH_BYTE_ORDER && header.version == TAMSEL_HEALTH_VERSION &&
                  header.file_size == sizeof(tamsel_health_file)
@@ -136,25 +142,37 @@ int CheckHeader(int file, tamsel_health_header& header) {
              : TAMSEL_HEALTH_OTHER_LAYOUT;
 }
 
-/// What keeps the open file from being read as a health file; empty: nothing.
-std::string FindObstacle(int file) {
-  if (!IsRegular(file)) {
-    return "is no regular file";
-  }
-  tamsel_health_header header{};
-  switch (CheckHeader(file, header)) {
-    case TAMSEL_OK:
-      return {};
-    case TAMSEL_HEALTH_OTHER_FILE:
-      return "is no health file";
-    default:
-      break;
-  }
+std::string OtherLayoutText(const tamsel_health_header& header) {
   if (header.byte_order != TAMSEL_HEALTH_BYTE_ORDER) {
     return "comes from a machine with another byte order";
   }
-  return "has layout version " + std::to_string(header.version) + ", this program knows " +
-         std::to_string(TAMSEL_HEALTH_VERSION);
+  const bool is_version_known = header.version == TAMSEL_HEALTH_VERSION;
+  return "has layout version " + std::to_string(header.version) +
+         (is_version_known ? " of " + std::to_string(header.file_size) + " bytes" : std::string()) +
+         ", this program knows " +
+         (is_version_known ? "that of " + std::to_string(sizeof(tamsel_health_file)) + " bytes"
+                           : std::to_string(TAMSEL_HEALTH_VERSION));
+}
+
+/// What keeps the open file from being read as a health file; empty: nothing.
+std::string FindObstacle(int file) {
+  struct stat status {};
+  if (::fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) {
+    return "is no regular file";
+  }
+  tamsel_health_header header{};
+  const int result = CheckHeader(file, header);
+  if (result == TAMSEL_HEALTH_OTHER_FILE) {
+    return "is no health file";
+  }
+  if (result == TAMSEL_HEALTH_OTHER_LAYOUT) {
+    return OtherLayoutText(header);
+  }
+  constexpr auto kSize = sizeof(tamsel_health_file);
+  return result == TAMSEL_HEALTH_DAMAGED || status.st_size < static_cast<off_t>(kSize)
+             ? "is damaged: of its " + std::to_string(kSize) + " bytes only " +
+                   std::to_string(status.st_size) + " are there"
+             : std::string();
 }
 
 Descriptor OpenToRead(const char* path) {
@@ -202,7 +220,9 @@ std::string HealthCauseText(int cause, int detail) {
     // A length below that of any answer is the status that the serial library gave.
     std::string addition =
         cause == TAMSEL_CAUSE_TOO_LONG && detail <= UINT8_MAX ? " (status %)" : words->detail;
-    addition.replace(addition.find('%'), 1, std::to_string(detail));
+    const std::size_t place = addition.find_first_of("%#");
+    addition.replace(place, 1,
+                     addition[place] == '%' ? std::to_string(detail) : SystemError(detail));
     text += addition;
   }
   return text;

@@ -22,6 +22,7 @@ enum {
   TAMSEL_HEALTH_VERSION = 1,
   TAMSEL_HEALTH_BYTE_ORDER = 0x01020304,
   TAMSEL_HEALTH_STALE_MS = 30000, /* a daemon that has not renewed its record for so long is gone */
+  TAMSEL_HEALTH_UNASKED_MS = 600000, /* see tamsel_health_is_asked */
   TAMSEL_HEALTH_CHANNELS = 3,
   TAMSEL_HEALTH_TRANSPORTS = 2,
   TAMSEL_HEALTH_ADDRESSES = 31,
@@ -55,8 +56,8 @@ enum tamsel_health_cause {
   TAMSEL_CAUSE_TOO_LONG = 14,         /* the answer is too long; detail: bytes, when known */
   TAMSEL_CAUSE_NOT_ITS_ANSWER = 15,   /* what came was somebody else's */
   TAMSEL_CAUSE_LINE_ERROR = 16,       /* RS485: parity or framing error, or break */
-  TAMSEL_CAUSE_PORT_GONE = 17,        /* RS485: the serial device went away meanwhile */
-  TAMSEL_CAUSE_PORT_NOT_OPENED = 18,  /* RS485: the serial port cannot be opened */
+  TAMSEL_CAUSE_PORT_GONE = 17,        /* RS485: the serial device went away and is not back */
+  TAMSEL_CAUSE_PORT_NOT_OPENED = 18,  /* RS485: the serial port cannot be opened; detail: errno */
   TAMSEL_CAUSE_NOT_STARTED = 19,      /* RS485: the library took not all; detail: request status */
   TAMSEL_CAUSE_OTHER_STATUS = 20,     /* RS485: detail: a status of the board's own library */
   TAMSEL_CAUSE_BAD_FRAME_LENGTH = 21, /* refused: the length of the frame; detail: the length */
@@ -148,7 +149,10 @@ typedef struct tamsel_health_device {
       newest_hour; /* hours since 1970 UTC of the newest cell, which is hours[newest_hour % 48] */
   uint32_t ends[TAMSEL_HEALTH_CAUSES];           /* exchanges by their cause */
   tamsel_health_hour hours[TAMSEL_HEALTH_HOURS]; /* cell of hour h: h % 48 */
-  uint32_t reserved[22];
+  /* The longest time that usually lies between two exchanges, in ms; 0: there were no two in one
+   * life of a daemon, or in none of 1.0.0. */
+  uint32_t interval_ms;
+  uint32_t reserved[21];
 } tamsel_health_device;
 
 typedef struct tamsel_health_file {
@@ -163,6 +167,23 @@ typedef struct tamsel_health_file {
 /* Whether an exchange that ended with `cause` counts as answered. */
 static inline int tamsel_health_is_answered(int cause) {
   return cause == TAMSEL_CAUSE_ANSWERED || cause == TAMSEL_CAUSE_SENT;
+}
+
+/* After how long without an exchange a device counts as no longer asked, in ms. */
+static inline int64_t tamsel_health_asked_limit_ms(const tamsel_health_device* device) {
+  const int64_t least_ms = TAMSEL_HEALTH_UNASKED_MS;
+  const int64_t usual_ms = 10 * (int64_t)device->interval_ms;
+  return usual_ms > least_ms ? usual_ms : least_ms;
+}
+
+/* Whether a device is still asked: if not, its last exchange says nothing about now. Time without a
+ * daemon does not count. `now_ms` is now while the daemon runs, else when it was last seen. */
+static inline int tamsel_health_is_asked(const tamsel_health_device* device,
+                                         const tamsel_health_process* process, int64_t now_ms) {
+  int64_t since_ms = 0;
+  since_ms = device->last_ms > since_ms ? device->last_ms : since_ms;
+  since_ms = process->started_ms > since_ms ? process->started_ms : since_ms;
+  return now_ms - since_ms <= tamsel_health_asked_limit_ms(device);
 }
 
 /* Where the record of a device stands. `channel`, `transport` and `address` count from 1. */
@@ -208,6 +229,7 @@ TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_device, first_ms) == 16);
 TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_device, response_total_us) == 48);
 TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_device, ends) == 104);
 TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_device, hours) == 232);
+TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_device, interval_ms) == 424);
 TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_file, process) == 64);
 TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_file, channels) == 200);
 TAMSEL_HEALTH_ASSERT(offsetof(tamsel_health_file, devices) == 1024);

@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <optional>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -35,11 +37,40 @@ tamsel_health_header MakeHeader() {
   return header;
 }
 
+/// The header of a health file, of whatever layout; none: it has no whole one.
+std::optional<tamsel_health_header> ReadHeader(int file) {
+  tamsel_health_header header{};
+  const bool is_one =
+      ::pread(file, &header, sizeof(header), 0) == static_cast<ssize_t>(sizeof(header)) &&
+      std::memcmp(header.magic, TAMSEL_HEALTH_MAGIC, sizeof(header.magic)) == 0;
+  return is_one ? std::optional(header) : std::nullopt;
+}
+
 bool HasRightHeader(int file) {
   const tamsel_health_header right = MakeHeader();
-  tamsel_health_header header{};
-  return ::pread(file, &header, sizeof(header), 0) == static_cast<ssize_t>(sizeof(header)) &&
-         std::memcmp(&header, &right, sizeof(header)) == 0;
+  const auto header = ReadHeader(file);
+  return header && std::memcmp(&*header, &right, sizeof(right)) == 0;
+}
+
+bool IsRightLayout(const tamsel_health_header& header) {
+  const tamsel_health_header right = MakeHeader();
+  return header.version == right.version && header.byte_order == right.byte_order &&
+         header.file_size == right.file_size;
+}
+
+/// Renames a health file of another version, for a program that knows it, and never onto another
+/// file. Returns the new name; empty, with errno, when it cannot be.
+std::string MoveAside(const std::string& path, std::uint32_t version) {
+  constexpr int kMostNames = 9;
+  std::string name = path + ".layout-" + std::to_string(version);
+  for (int number = 2; FileUtil::IsFileExists(name); ++number) {
+    if (number > kMostNames) {
+      errno = EEXIST;
+      return {};
+    }
+    name = path + ".layout-" + std::to_string(version) + "-" + std::to_string(number);
+  }
+  return ::rename(path.c_str(), name.c_str()) == 0 ? name : std::string();
 }
 
 /// Whether the file is a health file, of whatever version, or what the end of the power may have
@@ -85,26 +116,51 @@ bool IsSameFile(int file, int other_file) {
 HealthFile::HealthFile(std::string path)
     : path_(std::move(path)), file_(::open("/dev/null", O_RDWR | O_CLOEXEC)) {}
 
-std::string HealthFile::Open() {
-  FileUtil::TryCreateDirectory(FileUtil::GetDirectory(path_));  // the open tells
-  Descriptor file(::open(path_.c_str(), kOpenFlags | O_CREAT, 0644));
+Descriptor HealthFile::OpenNamed() const {
+  return Descriptor(::open(path_.c_str(), kOpenFlags | O_CREAT, 0644));
+}
+
+/// What keeps an opened file from being this daemon's alone; empty: it is.
+std::string HealthFile::Claim(const Descriptor& file) const {
   if (!file.IsOpen()) {
     return ErrorText();
   }
+  if (IsSameFile(file.Get(), file_.Get())) {
+    return {};
+  }
+  if (std::string obstacle = FindObstacle(file.Get()); !obstacle.empty()) {
+    return obstacle;
+  }
+  // Keeps a second daemon away; the system gives the lock back with the last descriptor.
+  if (::flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
+    return errno == EWOULDBLOCK ? "locked by another program" : ErrorText();
+  }
+  return {};
+}
+
+std::string HealthFile::Open(std::string& moved_to) {
+  FileUtil::TryCreateDirectory(FileUtil::GetDirectory(path_));  // the open tells
+  Descriptor file = OpenNamed();
+  std::string obstacle = Claim(file);
+  const auto header = obstacle.empty() ? ReadHeader(file.Get()) : std::nullopt;
+  if (header && !IsRightLayout(*header)) {
+    moved_to = MoveAside(path_, header->version);
+    if (moved_to.empty()) {
+      return "of another layout, and cannot be moved aside: " + ErrorText();
+    }
+    file = OpenNamed();
+    obstacle = Claim(file);
+  }
+  if (!obstacle.empty()) {
+    return obstacle;
+  }
   if (!IsSameFile(file.Get(), file_.Get())) {
-    if (std::string obstacle = FindObstacle(file.Get()); !obstacle.empty()) {
-      return obstacle;
-    }
-    // Keeps a second daemon away; the system gives the lock back with the last descriptor.
-    if (::flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
-      return errno == EWOULDBLOCK ? "locked by another program" : ErrorText();
-    }
     is_in_memory_ = false;
     if (::dup3(file.Get(), file_.Get(), O_CLOEXEC) < 0) {
       return ErrorText();
     }
   }
-  if (!HasRightHeader(file_.Get())) {
+  if (!ReadHeader(file_.Get())) {
     static_cast<void>(::ftruncate(file_.Get(), 0) == 0);
   }
   is_in_memory_ = IsOnMemoryFileSystem(file_.Get());
@@ -121,9 +177,10 @@ bool HealthFile::IsIntact() const {
 
 bool HealthFile::WriteHeader() {
   const tamsel_health_header header = MakeHeader();
-  // Records that were never written read as zeros and cost no memory.
-  return Write(0, &header, sizeof(header)) &&
-         ::ftruncate(file_.Get(), sizeof(tamsel_health_file)) == 0;
+  // Records that were never written read as zeros and cost no memory. The size first: a reader
+  // never meets a health file that is cut short.
+  return ::ftruncate(file_.Get(), sizeof(tamsel_health_file)) == 0 &&
+         Write(0, &header, sizeof(header));
 }
 
 bool HealthFile::Write(std::size_t offset, const void* record, std::size_t size) const {

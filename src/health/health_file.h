@@ -17,10 +17,11 @@ class HealthFile {
  public:
   explicit HealthFile(std::string path);
 
-  /// Opens the file, made with its folder when there is none, and takes it over: a health file of
-  /// another layout is emptied; a file that is no health file, or another daemon's, stays as it is.
-  /// Returns what keeps it from being used, for people to read; empty when it is open.
-  std::string Open();
+  /// Opens the file, made with its folder when there is none, and takes it over. A health file of
+  /// another layout is renamed first, to `moved_to`; empty: there was none. A file that is no
+  /// health file, or another daemon's, stays as it is. Returns what keeps it from being used, for
+  /// people to read; empty when it is open.
+  std::string Open(std::string& moved_to);
 
   /// Whether the path still leads to the open file, and its size and header are right.
   bool IsIntact() const;
@@ -38,6 +39,8 @@ class HealthFile {
   const std::string& Path() const { return path_; }
 
  private:
+  Descriptor OpenNamed() const;
+  std::string Claim(const Descriptor& file) const;
   bool WriteHeader();
 
   const std::string path_;

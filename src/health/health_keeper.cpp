@@ -1,12 +1,16 @@
 #include "health/health_keeper.h"
 
+#include <strings.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <exception>
+#include <filesystem>
+#include <iterator>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "common/time_of_day.h"
@@ -99,6 +103,24 @@ void SetPlace(tamsel_health_device& device, const HealthPlace& place) {
   device.line = place.line;
 }
 
+/// How long it usually is from one exchange to the next: the longest counts, as a client may ask in
+/// bursts, and is forgotten by and by. A pause is as good as the time after which the device counts
+/// as no longer asked.
+void CountInterval(tamsel_health_device& device, Clock::time_point& asked_at) {
+  constexpr std::int64_t kForgetting = 64;
+  const Clock::time_point before = std::exchange(asked_at, Clock::now());
+  if (before == Clock::time_point{}) {
+    return;
+  }
+  const auto pause = std::chrono::duration_cast<std::chrono::milliseconds>(asked_at - before);
+  const std::int64_t usual_ms = device.interval_ms;
+  const std::int64_t interval_ms =
+      std::clamp<std::int64_t>(pause.count(), 1, tamsel_health_asked_limit_ms(&device));
+  device.interval_ms = static_cast<std::uint32_t>(std::min<std::int64_t>(
+      interval_ms > usual_ms ? interval_ms : usual_ms - (usual_ms - interval_ms) / kForgetting,
+      UINT32_MAX));
+}
+
 void CountEnd(tamsel_health_device& device, const HealthEnd& end) {
   const std::int64_t now_ms = NowMs();
   const bool is_answered = tamsel_health_is_answered(end.cause) != 0;
@@ -163,12 +185,38 @@ void VisitMoments(tamsel_health_device& device, Visit visit) {
   visit(device.failing_since_ms);
 }
 
-/// Whether the settings name the path for another purpose.
+/// A path without what is there twice, by links as far as they are there.
+std::filesystem::path Resolved(const std::filesystem::path& path) {
+  std::error_code error;
+  const std::filesystem::path absolute = std::filesystem::absolute(path, error);
+  std::filesystem::path resolved = std::filesystem::weakly_canonical(absolute, error);
+  return error ? absolute.lexically_normal() : resolved;
+}
+
+/// Whether both paths lead to one file or folder, be it there or not.
+bool IsSameFile(const std::filesystem::path& path, const std::filesystem::path& other) {
+  std::error_code none_there;
+  return !other.empty() && (std::filesystem::equivalent(path, other, none_there) ||
+                            Resolved(path) == Resolved(other));
+}
+
+/// Whether the path is that of a log file; a card has no small letters.
+bool IsLogFile(const std::filesystem::path& path) {
+  constexpr std::string_view kBegin = "LoggerCom";
+  const std::filesystem::path folder = path.parent_path();
+  return ::strncasecmp(path.filename().c_str(), kBegin.data(), kBegin.size()) == 0 &&
+         IsSameFile(folder.empty() ? "." : folder,
+                    LoggerSettingManager::GetInstance()->GetLogDirectory());
+}
+
+/// Whether the settings name the file for another purpose.
 bool IsOtherFile(const std::string& path) {
   LoggerSettingManager& settings = *LoggerSettingManager::GetInstance();
-  const std::string log = settings.GetLogDirectory() + "/LoggerCom";
-  return path.compare(0, log.size(), log) == 0 || path == settings.GetTamselComWatchdogPath() ||
-         path == settings.GetComSocketPath() || path == LoggerSettingManager::SettingFilePath();
+  const std::string others[] = {settings.GetTamselComWatchdogPath(), settings.GetComSocketPath(),
+                                LoggerSettingManager::SettingFilePath()};
+  return IsLogFile(path) ||
+         std::any_of(std::begin(others), std::end(others),
+                     [&](const std::string& other) { return IsSameFile(path, other); });
 }
 
 }  // namespace
@@ -240,6 +288,10 @@ void HealthKeeper::TakeOver() {
     const std::lock_guard<std::mutex> lock(kept.mutex);
     if (kept.record.checksum == 0 && tamsel_health_is_whole(&in_file, sizeof(in_file)) != 0 &&
         IsOfPlace(in_file, kept.offset)) {
+      VisitMoments(in_file, [](std::int64_t& moment_ms) {
+        moment_ms = std::max<std::int64_t>(moment_ms, 0);  // before 1970 there was no daemon
+      });
+      in_file.checksum = tamsel_health_checksum(&in_file, sizeof(in_file));
       kept.record = in_file;
     }
   });
@@ -318,6 +370,7 @@ void HealthKeeper::ReportExchange(const HealthPlace& place, const HealthEnd& end
       tamsel_health_device_index(place.channel, place.transport, place.address);
   keeper->Update(keeper->records_->devices[index], [&](tamsel_health_device& device) {
     SetPlace(device, place);
+    CountInterval(device, keeper->records_->asked_at[index]);
     CountEnd(device, end);
   });
 }
@@ -425,7 +478,12 @@ void HealthKeeper::RunPass(bool is_inspection) {
 
 /// Opens the file, or the file that is to take its place; one line at each end of a time without.
 void HealthKeeper::OpenFile() {
-  const std::string obstacle = file_.Open();
+  std::string moved_to;
+  const std::string obstacle = file_.Open(moved_to);
+  if (!moved_to.empty()) {
+    LoggerLog::Warn(kLogTag, LogText("Health file of another layout [", file_.Path(),
+                                     "] moved to [", moved_to, "]"));
+  }
   if (obstacle.empty() && !is_taken_over_) {
     TakeOver();
     is_taken_over_ = true;

@@ -90,6 +90,8 @@ class HealthKeeper : public Singleton<HealthKeeper> {
     Kept<tamsel_health_process> process;
     Kept<tamsel_health_channel> channels[TAMSEL_HEALTH_CHANNELS];
     Kept<tamsel_health_device> devices[TAMSEL_HEALTH_DEVICES];
+    // When this process last asked, guarded by the device's mutex; zero: not yet.
+    std::chrono::steady_clock::time_point asked_at[TAMSEL_HEALTH_DEVICES];
   };
 
   template <typename Record, typename Change>

@@ -6,6 +6,7 @@
 #include "daemon_client.h"
 #include "health_reader.h"
 #include "modbus/rtu_frame.h"
+#include "support/health_file.h"
 #include "vlm_rs485.h"
 
 namespace tmsc::test {
@@ -136,7 +137,9 @@ TEST_F(Health, EachRs485FaultIsKnownByItsCauseAndOutlivesTheDaemon) {
       const tamsel_health_device device = Device(1, TAMSEL_HEALTH_RS485, address);
       EXPECT_EQ(device.ends[row.cause], life) << address << " " << int{device.last_cause};
       EXPECT_EQ(device.port, std::uint32_t{VLM_RS485_BAUD_115200});
-      EXPECT_EQ(Device(2, TAMSEL_HEALTH_RS485, address).ends[TAMSEL_CAUSE_PORT_NOT_OPENED], life);
+      const tamsel_health_device nowhere = Device(2, TAMSEL_HEALTH_RS485, address);
+      EXPECT_EQ(nowhere.ends[TAMSEL_CAUSE_PORT_NOT_OPENED], life);
+      EXPECT_EQ(nowhere.last_detail, ENOENT);
     }
     const HealthSnapshot snapshot = Read();
     EXPECT_EQ(snapshot.process.starts, life);
@@ -144,6 +147,79 @@ TEST_F(Health, EachRs485FaultIsKnownByItsCauseAndOutlivesTheDaemon) {
     EXPECT_GE(snapshot.channels[0].cycle_least_us, 300000u);
     EXPECT_EQ(snapshot.channels[1].statuses[8 + 1], life);
     EXPECT_GE(snapshot.channels[0].longest_ms, 300u);
+  }
+}
+
+TEST_F(Health, APulledAdapterIsGoneInEveryPollUntilItIsBack) {
+  simulator::FieldSimulatorConfig config;
+  config.buses.push_back({folder_.Path("bus"), {{1}}});
+  simulator::FieldSimulator field(config);
+  field.Start();
+  ::setenv("RS485_PORT_1", folder_.Path("bus").c_str(), 1);
+  Settings changes = Changes();
+  changes["TamselComStartComFailedCloseCount"] = "2";
+  const DaemonProcess daemon(changes);
+  Rs485Request request = MakeRs485Request(1, VLM_RS485_BAUD_115200);
+  EXPECT_FALSE(
+      AddRs485Device(request, {1, VLM_RS485_8N1, 300, 0, 0, 0}, modbus::RtuFrame(1, ReadPdu())));
+  const auto poll = [&] { return Exchange(daemon, request).receive_data.status; };
+  const auto device = [&] { return Device(1, TAMSEL_HEALTH_RS485, 1); };
+  EXPECT_EQ(poll(), 0);
+  field.Unplug(0);
+  std::uint32_t gone = 0;
+  for (const int status : {0, 5, 5, 8, 8}) {  // found, not opened again, closed, not opened
+    EXPECT_EQ(poll(), status);
+    EXPECT_EQ(device().ends[TAMSEL_CAUSE_PORT_GONE], ++gone) << status;
+  }
+  field.Plug(0);
+  EXPECT_EQ(poll(), 0);
+  EXPECT_EQ(device().ends[TAMSEL_CAUSE_ANSWERED], 2u);
+}
+
+TEST_F(Health, AScansRequestIsExchangedAsAnyOtherAndNotCounted) {
+  ::setenv("RS485_PORT_2", folder_.Path("nowhere").c_str(), 1);
+  const DaemonProcess daemon(Changes());
+  const Devices devices(1);
+  TcpIpRequest request = devices.Request(3);
+  Rs485Request bus = MakeRs485Request(2, VLM_RS485_BAUD_115200);
+  EXPECT_FALSE(
+      AddRs485Device(bus, {1, VLM_RS485_8N1, 300, 0, 0, 0}, modbus::RtuFrame(1, ReadPdu())));
+  std::memcpy(request.header.buffer, TAMSEL_SCAN_MARK, std::strlen(TAMSEL_SCAN_MARK));
+  std::memcpy(bus.header.buffer, TAMSEL_SCAN_MARK, std::strlen(TAMSEL_SCAN_MARK));
+  for (const std::uint32_t counted : {0u, 1u, 2u}) {
+    ExpectAnswered(Exchange(daemon, request), 1);
+    EXPECT_EQ(Exchange(daemon, bus).receive_data.status, 8);
+    EXPECT_EQ(Device(3, TAMSEL_HEALTH_TCPIP, 1).exchanges, counted);
+    EXPECT_EQ(Device(2, TAMSEL_HEALTH_RS485, 1).exchanges, counted);
+    std::uint32_t requests = 0;
+    for (const tamsel_health_channel& channel : Read().channels) {
+      requests += channel.channel == 1 ? 0 : channel.requests;  // 1: until the daemon answered
+    }
+    EXPECT_EQ(requests, 2 * counted);
+    // Whatever else the client's own bytes are means nothing.
+    ++request.header.buffer[counted == 0 ? 15 : 16];
+    ++bus.header.buffer[counted == 0 ? 0 : 46];
+  }
+}
+
+TEST_F(Health, AFileOfAnotherLayoutIsMovedAsideAndKept) {
+  int number = 0;
+  const std::tuple<std::uint32_t, std::uint32_t, const char*> rows[] = {
+      {2, 96256, ".layout-2"}, {2, 200, ".layout-2-2"}, {1, 96768, ".layout-1"}};
+  for (const auto& [version, size, name] : rows) {
+    HealthFile file;
+    file.Add(1, 2, ++number, TAMSEL_CAUSE_NO_ANSWER);
+    file.contents.header.version = version;
+    file.contents.header.file_size = size;
+    file.Write(path_);
+    const std::string before = ReadFile(path_);
+    const DaemonProcess daemon(Changes());
+    EXPECT_EQ(ReadFile(path_ + name), before) << name;
+    EXPECT_TRUE(Read().devices.empty()) << name;
+    const std::string moved = "[W] Health Health file of another layout [" + path_ +
+                              "] moved to [" + path_ + name + "]\n";
+    EXPECT_EQ(CountText(daemon.Console(), moved), 1) << daemon.Console();
+    EXPECT_EQ(CountText(daemon.Console(), "ealth file"), 1) << daemon.Console();
   }
 }
 

@@ -11,7 +11,7 @@
 
 #include "common/time_of_day.h"
 #include "health_reader.h"
-#include "support/files.h"
+#include "support/log_fixture.h"
 #include "support/shell.h"
 #include "support/wait.h"
 
@@ -141,6 +141,85 @@ TEST(HealthKeeper, KeepsTheHoursThatAreStillValid) {
     EXPECT_EQ(device.hours[now % TAMSEL_HEALTH_HOURS].failed, 1u) << age;
     ::unlink(path.c_str());
   }
+}
+
+TEST(HealthKeeper, MomentsOfTheFileAreTakenOverAsFarAsThereCanBeAny) {
+  const TempFolder folder;
+  const std::string path = folder.Path("health");
+  const auto put = [&](std::int64_t moment_ms, std::uint32_t hour) {
+    Singleton<HealthKeeper>::Create(path);
+    Report(1);
+    HealthKeeper::GetInstance()->Inspect();
+    Singleton<HealthKeeper>::Destroy();
+    tamsel_health_device device = ReadHealth(path).snapshot->devices[0];
+    device.first_ms = device.last_answer_ms = device.failing_since_ms = moment_ms;
+    device.newest_hour = hour;
+    device.checksum = tamsel_health_checksum(&device, sizeof(device));
+    PutRecord(path, 17, device);
+    Singleton<HealthKeeper>::Create(path);
+    HealthKeeper::GetInstance()->Inspect();
+    Report(1);
+    HealthKeeper::GetInstance()->Inspect();
+    Singleton<HealthKeeper>::Destroy();
+    return ReadHealth(path).snapshot->devices[0];
+  };
+  for (const std::int64_t moment_ms : {INT64_MIN, std::int64_t{-1}, INT64_MAX}) {
+    const tamsel_health_device device = put(moment_ms, UINT32_MAX);
+    for (const std::int64_t taken : {device.first_ms, device.last_answer_ms}) {
+      EXPECT_EQ(taken, std::max<std::int64_t>(moment_ms, 0));
+    }
+  }
+}
+
+TEST(HealthKeeper, TheIntervalIsTheLongestUsualOneOfALife) {
+  const TempFolder folder;
+  const std::string path = folder.Path("health");
+  const auto interval_ms = [&] {
+    HealthKeeper::GetInstance()->Inspect();
+    return ReadHealth(path).snapshot->devices[0].interval_ms;
+  };
+  Singleton<HealthKeeper>::Create(path);
+  Report(1);
+  EXPECT_EQ(interval_ms(), 0u);
+  SleepMs(300);
+  Report(1);
+  const std::uint32_t longest = interval_ms();
+  EXPECT_GE(longest, 300u);
+  Report(10);  // a burst
+  EXPECT_LT(interval_ms(), longest);
+  EXPECT_GT(interval_ms(), longest / 2);
+  const std::uint32_t usual = interval_ms();
+  Singleton<HealthKeeper>::Destroy();
+  SleepMs(static_cast<int>(longest));
+  Singleton<HealthKeeper>::Create(path);
+  Report(1);
+  EXPECT_EQ(interval_ms(), usual) << "a time without a daemon";
+  Report(600);
+  EXPECT_LT(interval_ms(), longest / 4);
+  Singleton<HealthKeeper>::Destroy();
+}
+
+class HealthSettings : public LogFixture {};
+
+TEST_F(HealthSettings, AFileOfTheDaemonsOwnIsNoHealthFileByWhateverPath) {
+  StartLog();
+  std::filesystem::create_directories(folder_.Path("card/velmorahome/Log"));
+  std::filesystem::create_directory(folder_.Path("check"));
+  std::filesystem::create_symlink(folder_.Path("card/velmorahome"), folder_.Path("link"));
+  for (const char* const path :
+       {"card/velmorahome/Log/LoggerCom.log", "card/velmorahome/Log//LoggerCom.log",
+        "card/./velmorahome/Log/LoggerCom.log.1", "link/Log/LoggerCom.log",
+        "link/none/../Log/loggercom.LOG", "check//tmsc", "check/../socket", "/LoggerSetting.xml"}) {
+    UseSettings({{"HealthFilePath", folder_.Path(path)}});
+    HealthKeeper::Create();
+    EXPECT_EQ(HealthKeeper::GetInstance(), nullptr) << path;
+    Singleton<HealthKeeper>::Destroy();
+  }
+  UseSettings({{"HealthFilePath", folder_.Path("link/LoggerCom.log")}});
+  HealthKeeper::Create();
+  EXPECT_NE(HealthKeeper::GetInstance(), nullptr) << "beside the log's folder";
+  Singleton<HealthKeeper>::Destroy();
+  EXPECT_EQ(CountText(StopLog(), "the daemon's own for other use"), 8);
 }
 
 TEST(HealthKeeper, AReaderMeetsARecordHalfWrittenAndReadsItAgain) {

@@ -152,6 +152,14 @@ TEST(TamselClient, ReadsTheHealthOfOneDevice) {
   EXPECT_EQ(read("whole", 7), TAMSEL_OK);
   EXPECT_EQ(read("whole", 8), TAMSEL_HEALTH_DAMAGED);
   EXPECT_EQ(read("whole", 9), TAMSEL_HEALTH_NEVER);
+  const auto cut = [&](std::size_t size) {
+    test::WriteFile(folder.Path("cut"), {reinterpret_cast<const char*>(file.get()), size});
+    return read("cut", 9);
+  };
+  for (const std::size_t size : {std::size_t{8}, sizeof(file->header), std::size_t{1024}}) {
+    EXPECT_EQ(cut(size), TAMSEL_HEALTH_DAMAGED) << size;
+  }
+  EXPECT_EQ(cut(7), TAMSEL_HEALTH_OTHER_FILE);
   ++file->header.version;
   test::WriteFile(folder.Path("other"), {reinterpret_cast<const char*>(file.get()), sizeof(*file)});
   EXPECT_EQ(read("other", 7), TAMSEL_HEALTH_OTHER_LAYOUT);

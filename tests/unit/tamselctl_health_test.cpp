@@ -175,5 +175,91 @@ TEST(TamselctlHealth, AFileOfTheDayBeforeYesterdayAndADamagedOne) {
                5, {"1 damaged records of the file are left out"});
 }
 
+TEST(TamselctlHealth, AFileThatIsCutOrOfAnotherLayoutIsNoEmptyOne) {
+  test::HealthFile file;
+  file.Add(1, 2, 1, 1);
+  const std::string damaged = "is damaged: of its 96256 bytes only ";
+  for (const char* const size : {"8", "64", "1000", "96255"}) {
+    ExpectHealth(
+        file,
+        std::string("health >out; head -c ") + size + " health >cut; " TAMSELCTL_PATH " health cut",
+        3, {damaged + size + " are there"});
+  }
+  ExpectHealth(file, "health >out; cat health health >long; " TAMSELCTL_PATH " health long", 0,
+               {"1 device answers."});
+  file.contents.header.file_size += 512;
+  ExpectHealth(file, "health", 3,
+               {"layout version 1 of 96768 bytes, this program knows that of 96256 bytes"});
+  ++file.contents.header.version;
+  ExpectHealth(file, "health", 3, {"layout version 2, this program knows 1"});
+}
+
+TEST(TamselctlHealth, ARenewalThatIsStillToComeCountsWhileTheProcessLives) {
+  test::HealthFile file;
+  file.contents.process.updated_ms = file.Ago(-600);
+  ExpectHealth(file, "health", 0, {"killed or crashed; last seen 20", ", ahead of the clock"});
+  ExpectHealth(file, "health --openmetrics", 0, {"tamsel_daemon_running 0"});
+  file.contents.process.pid = 1;
+  ExpectHealth(file, "health", 0, {"running for 1 h"});
+}
+
+TEST(TamselctlHealth, ADeviceThatIsNoLongerAskedNeitherAnswersNorFails) {
+  struct Row {
+    int last_seconds_ago;
+    std::uint32_t interval_ms;
+    int started_seconds_ago;
+    bool is_asked;
+  };
+  for (const Row& row :
+       {Row{590, 0, 3600, true}, Row{610, 0, 3600, false}, Row{610, 59000, 3600, false},
+        Row{890, 90000, 3600, true}, Row{910, 90000, 3600, false}, Row{9000, 0, 590, true},
+        Row{9000, 0, 610, false}, Row{-9000, 0, 3600, true}}) {
+    test::HealthFile file;
+    file.contents.process.started_ms = file.Ago(row.started_seconds_ago);
+    auto& device = file.Add(1, 2, 7, TAMSEL_CAUSE_NO_ANSWER);
+    device.last_ms = file.Ago(row.last_seconds_ago);
+    device.interval_ms = row.interval_ms;
+    ExpectHealth(
+        file, "health", row.is_asked ? 5 : 0,
+        {row.is_asked ? "1 device, 1 does not answer." : "1 device, 1 is no longer asked."});
+  }
+  test::HealthFile file;
+  for (const int address : {3, 4, 5, 6}) {
+    auto& device = file.Add(1, 2, address, address == 3 ? 1 : 3);
+    device.last_ms = file.Ago(address < 5 ? 3600 * 26 : 1);
+  }
+  file.Add(1, 2, 5, 1);
+  ExpectHealth(file, "health", 5,
+               {"4 devices, 2 are no longer asked, 1 of the others does not answer.", "  6  never",
+                "  5  answered", "  3  not asked for 1 d 2 h  ",
+                "  4  not asked for 1 d 2 h  last: no answer in time"});
+  ExpectHealth(file, "health --failing", 5, {"1 device, 1 does not answer."});
+  ExpectHealth(file, "health --device 3-5", 0,
+               {"3 devices, 2 are no longer asked, all others answer."});
+  ExpectHealth(file, "health --device 4 --failing", 0, {"No device fails."});
+  ExpectHealth(file, "health --html - --device 4", 0,
+               {"1 is no longer asked", "\"faint\">not asked for 1 d 2 h", "last: no answer"});
+  const auto devices = nlohmann::json::parse(Health(file, " --json")).at("devices");
+  const std::string metrics = Health(file, " --openmetrics");
+  const std::tuple<int, const char*, nlohmann::json> states[] = {{6, "failing", false},
+                                                                 {5, "answering", true},
+                                                                 {3, "not_asked", nullptr},
+                                                                 {4, "not_asked", nullptr}};
+  std::size_t index = 0;
+  for (const auto& [address, state, ok] : states) {
+    const auto& device = devices.at(index++);
+    EXPECT_EQ(device.at("device"), address);
+    EXPECT_EQ(device.at("state"), state) << address;
+    EXPECT_EQ(device.at("ok"), ok) << address;
+    const bool is_asked = !ok.is_null();
+    const std::string labels =
+        "{channel=\"1\",transport=\"tcpip\",address=\"" + std::to_string(address) + "\"} ";
+    EXPECT_TRUE(
+        test::Contains(metrics, "tamsel_device_asked" + labels + (is_asked ? "1\n" : "0\n")));
+    EXPECT_EQ(test::CountText(metrics, "tamsel_device_answering" + labels), is_asked ? 1 : 0);
+  }
+  EXPECT_EQ(test::CountText(metrics, "tamsel_device_failing_since_timestamp_seconds{"), 1);
+}
+
 }  // namespace
 }  // namespace tmsc

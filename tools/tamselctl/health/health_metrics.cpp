@@ -154,8 +154,12 @@ void PrintDevices(MetricWriter& metrics, const HealthView& view) {
     labels.insert(labels.end(), {{"name", device.name}, {"place", device.place}});
     metrics.Sample(labels, 1);
   }
-  PrintOfDevices(metrics, view, "device_answering", "Whether the last exchange was answered.",
-                 always, [](const auto& device) { return device.IsFailing() ? 0 : 1; });
+  PrintOfDevices(metrics, view, "device_asked", "Whether the device is still asked.", always,
+                 [](const auto& device) { return device.is_asked ? 1 : 0; });
+  PrintOfDevices(
+      metrics, view, "device_answering", "Whether the last exchange was answered.",
+      [](const auto& device) { return device.is_asked; },
+      [](const auto& device) { return device.IsFailing() ? 0 : 1; });
   PrintOfDevices(metrics, view, "device_last_exchange_timestamp_seconds",
                  "Last exchange, since 1970 UTC.", always,
                  [](const auto& device) { return Seconds(device.record.last_ms); });
@@ -166,7 +170,7 @@ void PrintDevices(MetricWriter& metrics, const HealthView& view) {
   PrintOfDevices(
       metrics, view, "device_failing_since_timestamp_seconds",
       "First failure since the last answer, since 1970 UTC.",
-      [](const auto& device) { return device.record.failing_since_ms != 0; },
+      [](const auto& device) { return device.IsFailing() && device.record.failing_since_ms != 0; },
       [](const auto& device) { return Seconds(device.record.failing_since_ms); });
   PrintOfDevices(metrics, view, "device_last_response_seconds", "Time of the last response.",
                  is_timed,

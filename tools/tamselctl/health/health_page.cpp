@@ -23,7 +23,10 @@ std::string FullName(const DeviceHealth& device) {
 }
 
 const char* ToneOf(const DeviceHealth& device) {
-  return device.IsFailing() ? "bad" : device.LastHour().failed != 0 ? "warn" : "good";
+  return !device.is_asked                ? "faint"
+         : device.IsFailing()            ? "bad"
+         : device.LastHour().failed != 0 ? "warn"
+                                         : "good";
 }
 
 /// Devices by channel and transport, "channel 1 TCP/IP: 4-31; channel 2 RS485: 7".
@@ -344,7 +347,7 @@ void PrintDevices(std::ostream& output, const HealthView& view) {
       table.Row({std::to_string(record.channel) + " " + TransportText(record.transport),
                  {FullName(device), "name"},
                  {StateText(device, view.now_ms), ToneOf(device)},
-                 device.IsFailing() ? WhyText(device) : "",
+                 device.IsFailing() || !device.is_asked ? WhyText(device) : "",
                  device.IsFailing() ? TimeText(record.failing_since_ms) : "",
                  TimeText(record.last_answer_ms),
                  ShareText(device.LastHour()),

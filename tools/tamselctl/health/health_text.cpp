@@ -122,7 +122,8 @@ void PrintChannels(std::ostream& output, const HealthView& view) {
 }
 
 Tone ToneOf(const DeviceHealth& device) {
-  return device.IsFailing()              ? Tone::kBad
+  return !device.is_asked                ? Tone::kPlain
+         : device.IsFailing()            ? Tone::kBad
          : device.LastHour().failed == 0 ? Tone::kGood
                                          : Tone::kWarning;
 }

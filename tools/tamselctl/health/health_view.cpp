@@ -32,10 +32,11 @@ std::string PlaceText(const tamsel_health_device& record) {
              : LineText(record.port, record.line);
 }
 
-DeviceHealth MakeDevice(const tamsel_health_device& record, const DeviceNamer& namer,
-                        std::int64_t reference_ms) {
+DeviceHealth MakeDevice(const tamsel_health_device& record, const tamsel_health_process& process,
+                        const DeviceNamer& namer, std::int64_t reference_ms) {
   DeviceHealth device;
   device.record = record;
+  device.is_asked = tamsel_health_is_asked(&record, &process, reference_ms) != 0;
   device.place = PlaceText(record);
   if (namer) {
     device.name = Printable(namer(record.channel, record.transport, record.address));
@@ -65,10 +66,14 @@ DaemonState FindDaemonState(const tamsel_health_process& process, std::int64_t n
   if (process.stopped_ms != 0) {
     return DaemonState::kStopped;
   }
-  if (process.updated_ms >= now_ms - TAMSEL_HEALTH_STALE_MS) {
+  // A clock that was set back says nothing about when that was.
+  const bool is_ahead = process.updated_ms > now_ms;
+  if (!is_ahead && process.updated_ms >= now_ms - TAMSEL_HEALTH_STALE_MS) {
     return DaemonState::kRunning;
   }
-  return HasProcess(process.pid) ? DaemonState::kSilent : DaemonState::kKilled;
+  return !HasProcess(process.pid) ? DaemonState::kKilled
+         : is_ahead               ? DaemonState::kRunning
+                                  : DaemonState::kSilent;
 }
 
 std::int64_t LastSeenMs(const HealthSnapshot& snapshot) {
@@ -83,8 +88,7 @@ bool IsSelected(const tamsel_health_device& record, const HealthSelection& selec
   const auto& addresses = selection.addresses;
   return (!selection.channel || *selection.channel == record.channel) &&
          (addresses.empty() ||
-          std::find(addresses.begin(), addresses.end(), record.address) != addresses.end()) &&
-         (!selection.is_failing_only || !IsHealthyCause(record.last_cause));
+          std::find(addresses.begin(), addresses.end(), record.address) != addresses.end());
 }
 
 // Smaller is worse.
@@ -92,7 +96,10 @@ auto Rank(const DeviceHealth& device) {
   const ExchangeCount day = device.LastDay();
   const double share =
       day.Total() == 0 ? 0 : static_cast<double>(day.failed) / static_cast<double>(day.Total());
-  const int state = !device.IsFailing() ? 2 : device.HasEverAnswered() ? 0 : 1;
+  const int state = !device.is_asked           ? 3
+                    : !device.IsFailing()      ? 2
+                    : device.HasEverAnswered() ? 0
+                                               : 1;
   return std::make_tuple(state, state == 0 ? device.record.failing_since_ms : 0,
                          state == 2 ? -share : 0.0);
 }
@@ -149,8 +156,9 @@ HealthView MakeHealthView(const std::string& path, const HealthSnapshot& snapsho
     }
   }
   for (const tamsel_health_device& record : snapshot.devices) {
-    if (IsSelected(record, selection)) {
-      view.devices.push_back(MakeDevice(record, namer, view.reference_ms));
+    DeviceHealth device = MakeDevice(record, snapshot.process, namer, view.reference_ms);
+    if (IsSelected(record, selection) && (!selection.is_failing_only || device.IsFailing())) {
+      view.devices.push_back(std::move(device));
     }
   }
   std::stable_sort(
@@ -170,6 +178,17 @@ std::string SummaryText(const HealthView& view) {
                : "No device has been asked yet.";
   }
   const std::string devices = count == 1 ? " device" : " devices";
+  const auto not_asked = std::count_if(view.devices.begin(), view.devices.end(),
+                                       [](const auto& device) { return !device.is_asked; });
+  if (not_asked > 0) {
+    const auto asked = count - not_asked;
+    return std::to_string(count) + devices + ", " + std::to_string(not_asked) +
+           (not_asked == 1 ? " is" : " are") + " no longer asked" +
+           (asked == 0     ? std::string(".")
+            : failing == 0 ? ", all others answer."
+                           : ", " + std::to_string(failing) + " of the others " +
+                                 (failing == 1 ? "does" : "do") + " not answer.");
+  }
   if (failing == 0) {
     return std::to_string(count) + devices + (count == 1 ? " answers." : ", all answer.");
   }
@@ -183,6 +202,18 @@ std::string TransportText(int transport) {
 
 std::string TransportName(int transport) {
   return transport == TAMSEL_HEALTH_TCPIP ? "tcpip" : "rs485";
+}
+
+std::string DeviceStateName(DeviceState state) {
+  switch (state) {
+    case DeviceState::kAnswering:
+      return "answering";
+    case DeviceState::kFailing:
+      return "failing";
+    case DeviceState::kNotAsked:
+      break;
+  }
+  return "not_asked";
 }
 
 std::string DaemonStateName(DaemonState state) {
@@ -204,7 +235,9 @@ std::string DaemonStateName(DaemonState state) {
 std::string DaemonText(const HealthView& view) {
   const tamsel_health_process& process = view.process;
   const std::string last_seen =
-      TimeText(process.updated_ms) + ", " + AgoText(process.updated_ms, view.now_ms);
+      TimeText(process.updated_ms) + ", " +
+      (process.updated_ms > view.now_ms ? "ahead of the clock of now"
+                                        : AgoText(process.updated_ms, view.now_ms));
   switch (view.daemon_state) {
     case DaemonState::kRunning:
       return "running for " + SinceText(process.started_ms, view.now_ms);
@@ -244,6 +277,9 @@ std::string CardText(const HealthView& view) {
 
 std::string StateText(const DeviceHealth& device, std::int64_t now_ms) {
   const tamsel_health_device& record = device.record;
+  if (!device.is_asked) {
+    return "not asked for " + SinceText(record.last_ms, now_ms);
+  }
   if (!device.IsFailing()) {
     return (record.last_cause == TAMSEL_CAUSE_SENT ? "sent " : "answered ") +
            AgoText(record.last_ms, now_ms);
@@ -259,6 +295,9 @@ std::string WhyText(const DeviceHealth& device) {
            (record.failures_in_a_row > 1
                 ? ", " + std::to_string(record.failures_in_a_row) + " in a row"
                 : "");
+  }
+  if (!device.is_asked && !IsHealthyCause(record.last_cause)) {
+    return "last: " + HealthCauseText(record.last_cause, record.last_detail);
   }
   return device.LastDay().failed == 0 ? "" : "earlier: " + FailuresText(device, 2);
 }

@@ -30,6 +30,9 @@ struct ExchangeCount {
   std::uint64_t Total() const { return answered + failed; }
 };
 
+/// How a device is doing: asked, and answering or not, or no longer asked.
+enum class DeviceState { kAnswering, kFailing, kNotAsked };
+
 struct DeviceHealth {
   tamsel_health_device record{};
   std::string name;
@@ -37,7 +40,14 @@ struct DeviceHealth {
   /// By hour, oldest first; the last is the hour of HealthView::reference_ms.
   std::array<ExchangeCount, TAMSEL_HEALTH_HOURS> hours{};
 
-  bool IsFailing() const { return !IsHealthyCause(record.last_cause); }
+  bool is_asked = true;
+
+  DeviceState State() const {
+    return !is_asked                           ? DeviceState::kNotAsked
+           : IsHealthyCause(record.last_cause) ? DeviceState::kAnswering
+                                               : DeviceState::kFailing;
+  }
+  bool IsFailing() const { return State() == DeviceState::kFailing; }
   bool HasEverAnswered() const;
   bool IsTcp() const { return record.transport == TAMSEL_HEALTH_TCPIP; }
   /// Microseconds; 0 when no response was timed.
@@ -70,7 +80,7 @@ struct HealthView {
   tamsel_health_process process{};
   std::vector<tamsel_health_channel> channels;
   /// Worst first: those that fail and have answered before, the longest silence first; those that
-  /// never answered; then by the share of failures of the last day.
+  /// never answered; then by the share of failures of the last day; those no longer asked.
   std::vector<DeviceHealth> devices;
   int damaged_records = 0;
   HealthSelection selection;
@@ -88,6 +98,8 @@ std::string SummaryText(const HealthView& view);
 std::string TransportText(int transport);
 /// The same as one word for programs, "rs485", "tcpip".
 std::string TransportName(int transport);
+/// "answering", "failing", "not_asked"; for programs.
+std::string DeviceStateName(DeviceState state);
 /// "running", "killed", ...; for programs, too.
 std::string DaemonStateName(DaemonState state);
 /// "running for 3 d 4 h", "killed; last seen 2026-07-25 14:03:22, 5 min 2 s ago".
@@ -97,9 +109,9 @@ std::string PowerText(const tamsel_health_process& process);
 /// "card gone, full or read-only for 2 h 5 min".
 std::string CardText(const HealthView& view);
 /// How a device is doing: "answered 4 s ago", "fails for 3 h 12 min", "never answered in 120
-/// exchanges".
+/// exchanges", "not asked for 3 d 4 h".
 std::string StateText(const DeviceHealth& device, std::int64_t now_ms);
-/// Why it fails, or failed before: "no answer in time, 40 in a row".
+/// Why it fails, or failed before: "no answer in time, 40 in a row", "last: no answer in time".
 std::string WhyText(const DeviceHealth& device);
 /// How the failed exchanges ended, the most frequent first, at most `most` of the causes:
 /// "no answer in time (12), connect refused (3)".

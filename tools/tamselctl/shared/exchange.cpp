@@ -145,7 +145,7 @@ class Exchanger::HealthProbe {
   // Whether a running daemon keeps the file up to date.
   bool IsKept() const {
     return IsReadable() && now_.snapshot->process.stopped_ms == 0 &&
-           NowMs() - now_.snapshot->process.updated_ms < TAMSEL_HEALTH_STALE_MS;
+           now_.snapshot->process.updated_ms > NowMs() - TAMSEL_HEALTH_STALE_MS;
   }
 
   std::optional<DeviceEnd> EndOf(const Bus& bus, int address, bool is_alone) const {
