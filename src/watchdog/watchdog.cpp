@@ -31,15 +31,6 @@ constexpr int kStatusNotStarted = 127 << 8;
 
 constexpr long kDefaultIntervalSeconds = 30;
 
-/// A negative interval counts as the default; one too long for the timer is cut.
-long PeriodMs(long interval_seconds) {
-  constexpr long kLongestSeconds = std::numeric_limits<std::int32_t>::max() / 1000;
-  if (interval_seconds < 0) {
-    interval_seconds = kDefaultIntervalSeconds;
-  }
-  return 1000 * std::min(interval_seconds, kLongestSeconds);
-}
-
 /// Starts a program with the signals as a fresh process has them: this one blocks and ignores some.
 int Spawn(pid_t* child, const char* const* arguments) {
   posix_spawnattr_t attributes;
@@ -63,6 +54,15 @@ int Spawn(pid_t* child, const char* const* arguments) {
 
 }  // namespace
 
+long WatchdogPeriodMs() {
+  constexpr long kLongestSeconds = std::numeric_limits<std::int32_t>::max() / 1000;
+  long seconds = LoggerSettingManager::GetInstance()->GetWatchdogFileUpdateInterval();
+  if (seconds < 0) {
+    seconds = kDefaultIntervalSeconds;
+  }
+  return 1000 * std::min(seconds, kLongestSeconds);
+}
+
 Watchdog::~Watchdog() {
   stop_event_.set();
   watchdog_timer_.reset();
@@ -72,10 +72,9 @@ void Watchdog::StartWatchdog() {
   if (watchdog_timer_) {
     return;
   }
-  LoggerSettingManager* settings = LoggerSettingManager::GetInstance();
-  const std::string path = settings->GetTamselComWatchdogPath();
+  const std::string path = LoggerSettingManager::GetInstance()->GetTamselComWatchdogPath();
   FileUtil::CreateDirectory(FileUtil::GetDirectory(path), true);
-  const long period = PeriodMs(settings->GetWatchdogFileUpdateInterval());
+  const long period = WatchdogPeriodMs();
   watchdog_timer_ = std::make_unique<Poco::Timer>(kFirstTouchMs, period);
   watchdog_timer_->start(Poco::TimerCallback<Watchdog>(*this, &Watchdog::onTimer));
   LoggerLog::Debug(kLogTag, LogText("Set Wdog interval [", period, "] fl path[", path, "]"));

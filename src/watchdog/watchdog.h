@@ -9,6 +9,10 @@
 
 namespace tmsc {
 
+/// Time from one touch of the watchdog file to the next, as the settings say: a negative interval
+/// counts as the default, one too long for the timer is cut. 0: touched once only, at the start.
+long WatchdogPeriodMs();
+
 /// Shows that the daemon is alive: touches the watchdog file 100 ms after the start and then at the
 /// interval of the settings. All calls come from one thread.
 class Watchdog {
