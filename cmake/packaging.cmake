@@ -10,6 +10,7 @@ set(packaging ${PROJECT_SOURCE_DIR}/packaging)
 set(generated ${PROJECT_BINARY_DIR}/packaging)
 set(TAMSEL_CONF_DIR ${CMAKE_INSTALL_FULL_SYSCONFDIR}/tamsel)
 set(TAMSEL_DEFAULT_FILE ${CMAKE_INSTALL_FULL_SYSCONFDIR}/default/tamsel_communication)
+set(TAMSEL_DOC_DIR ${CMAKE_INSTALL_FULL_DATADIR}/doc/tamsel-communication)
 set(unit_dir ${CMAKE_INSTALL_PREFIX}/lib/systemd/system)
 
 # A program finds the library that was installed with it under any prefix. Under /usr the system's
@@ -48,31 +49,61 @@ change_settings("<!-- <HealthFilePath>/run/tamsel/health</HealthFilePath> -->"
   "<HealthFilePath>/run/tamsel/health</HealthFilePath>")
 file(CONFIGURE OUTPUT ${generated}/LoggerSetting.xml CONTENT "${settings}" @ONLY)
 
-foreach(file tamsel_communication.service tamsel_watchdog.service tamsel_communication.init)
+foreach(file tamsel_communication.service tamsel_communication.default tamsel_communication.init
+    tamsel_watchdog.service tamsel_metrics.service)
   configure_file(${packaging}/${file}.in ${generated}/${file} @ONLY)
 endforeach()
-install(FILES ${generated}/LoggerSetting.xml
-  DESTINATION ${TAMSEL_CONF_DIR} COMPONENT daemon)
-install(FILES ${packaging}/tamsel_communication.default
-  DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/default RENAME tamsel_communication
-  COMPONENT daemon)
+# What the administrator has changed stays, with its rights, at a second `cmake --install`.
+function(install_settings_file source folder name)
+  install(CODE "
+    set(file \"${folder}/${name}\")
+    if(EXISTS \"\$ENV{DESTDIR}\${file}\")
+      message(STATUS \"Kept: \$ENV{DESTDIR}\${file}\")
+      list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${file}\")
+    else()
+      file(INSTALL \"${source}\" DESTINATION \"${folder}\" RENAME \"${name}\")
+    endif()" COMPONENT daemon)
+endfunction()
+install_settings_file(${generated}/LoggerSetting.xml ${TAMSEL_CONF_DIR} LoggerSetting.xml)
+install_settings_file(${generated}/tamsel_communication.default
+  ${CMAKE_INSTALL_FULL_SYSCONFDIR}/default tamsel_communication)
 install(FILES ${generated}/tamsel_communication.service ${generated}/tamsel_watchdog.service
-  ${packaging}/tamsel_watchdog.timer
+  ${packaging}/tamsel_watchdog.timer ${generated}/tamsel_metrics.service
+  ${packaging}/tamsel_metrics.timer
   DESTINATION ${unit_dir} COMPONENT daemon)
 install(PROGRAMS ${generated}/tamsel_communication.init
   DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/init.d RENAME tamsel_communication
   COMPONENT daemon)
-install(PROGRAMS ${packaging}/check_watchdog
-  DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/tamsel COMPONENT daemon)
+install(TARGETS check_watchdog
+  RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/tamsel COMPONENT daemon)
 
-# Manual pages out of what the programs print for --help and out of docs/settings.md.
+# The documents, with the examples that they name, as they stand to each other in the source tree.
+function(install_documents component package)
+  foreach(document ${ARGN})
+    cmake_path(GET document PARENT_PATH folder)
+    install(FILES ${PROJECT_SOURCE_DIR}/${document}
+      DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package}/${folder} COMPONENT ${component})
+  endforeach()
+endfunction()
+file(GLOB documents RELATIVE ${PROJECT_SOURCE_DIR} CONFIGURE_DEPENDS docs/*.md)
+install_documents(daemon tamsel-communication ${documents} rs485/README.md rs485/vlm_rs485.h
+  packaging/LoggerSetting.xml packaging/site.json packaging/tamsel_alerts.yml
+  packaging/tamsel_dashboard.json)
+file(GLOB examples CONFIGURE_DEPENDS client/examples/*)
+install(FILES ${examples}
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libtamsel-client-dev/examples COMPONENT client)
+
+# Manual pages out of what the programs print for --help and out of two documents, with sections of
+# their own behind.
 find_package(Python3 COMPONENTS Interpreter)
 set(make_page ${Python3_EXECUTABLE} ${packaging}/make_man_page)
 function(add_man_page component name section source)
   set(page ${generated}/${name}.${section}.gz)
+  set(sections ${generated}/man/${name}.${section}.md)
+  configure_file(${packaging}/man/${name}.${section}.md.in ${sections} @ONLY)
   add_custom_command(OUTPUT ${page}
-    COMMAND ${make_page} ${page} ${name} ${section} ${PROJECT_VERSION} ${ARGN} ${source}
-    DEPENDS ${packaging}/make_man_page ${source}
+    COMMAND ${make_page} ${page} ${name} ${section} ${PROJECT_VERSION} ${sections} ${ARGN} ${source}
+    DEPENDS ${packaging}/make_man_page ${sections} ${source}
     VERBATIM)
   set_property(GLOBAL APPEND PROPERTY tamsel_man_pages ${page})
   install(FILES ${page}
@@ -86,6 +117,7 @@ if(Python3_FOUND AND NOT TAMSEL_SANITIZE)
   add_program_page(daemon tamsel_communication 8)
   add_man_page(daemon LoggerSetting.xml 5 ${PROJECT_SOURCE_DIR}/docs/settings.md)
   if(TAMSEL_BUILD_TOOLS)
+    add_man_page(tools tamsel_site 5 ${PROJECT_SOURCE_DIR}/docs/site.md)
     add_program_page(tools tamselctl 1)
     add_program_page(tools field_simulator 1)
   endif()

@@ -75,11 +75,12 @@ int PrintUsage(const char* argument) {
         "Serves field-bus requests on a Unix socket until SIGTERM or SIGUSR1; SIGPWR reports "
         "a\npower outage, SIGUSR2 that power is back. It stays in the foreground and writes "
         "its log to\nstandard output and to the card.\n\n"
-        "Settings are read once from %s,\nor from the file that the environment variable "
-        "%s names.\nRS485_PORT_1 to RS485_PORT_3 name the serial devices of the channels.\n\n"
+        "Settings are read once from the file that the environment variable "
+        "%s\nnames, as the service does, else from\n%s.\nRS485_PORT_1 to RS485_PORT_3 name the "
+        "serial devices of the channels.\n\n"
         "  --help     print this\n"
         "  --version  print the version\n",
-        tmsc::kLoggerSettingXmlFilePath.c_str(), tmsc::kLoggerSettingFileVariable.c_str());
+        tmsc::kLoggerSettingFileVariable.c_str(), tmsc::kLoggerSettingXmlFilePath.c_str());
   }
   return is_help || is_version ? 0 : kExitUsage;
 }

@@ -172,6 +172,14 @@ void PrintDevices(MetricWriter& metrics, const HealthView& view) {
       "First failure since the last answer, since 1970 UTC.",
       [](const auto& device) { return device.IsFailing() && device.record.failing_since_ms != 0; },
       [](const auto& device) { return Seconds(device.record.failing_since_ms); });
+  metrics.Begin("device_failing_info", "gauge", "Why a device fails: its last failure's cause.");
+  for (const DeviceHealth& device : view.devices) {
+    if (device.IsFailing()) {
+      Labels labels = DeviceLabels(device);
+      labels.emplace_back("cause", HealthCauseName(device.record.last_cause));
+      metrics.Sample(labels, 1);
+    }
+  }
   PrintOfDevices(metrics, view, "device_last_response_seconds", "Time of the last response.",
                  is_timed,
                  [](const auto& device) { return SecondsOfUs(device.record.response_last_us); });
