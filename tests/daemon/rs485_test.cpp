@@ -1,13 +1,10 @@
 // The whole way of an RS485 request: client, daemon, serial library, pseudo-terminal, simulated
 // bus.
 
-#include <Poco/DateTimeFormatter.h>
-
 #include <future>
 #include <nlohmann/json.hpp>
 
 #include "daemon_client.h"
-#include "health_reader.h"
 #include "modbus/rtu_frame.h"
 #include "vlm_rs485.h"
 
@@ -178,57 +175,6 @@ TEST_F(Rs485, TheLogGrowsAsTheSettingsCommandSays) {
                 bytes / 10);
   }
 }
-
-#ifdef LATER_CLOCK
-// The clock is years ahead; settings, folders and a log that is to be rotated are as old as it
-// says.
-TEST_F(Rs485, AllTransportsLogAndHealthAfterTheYear2038) {
-  const std::string health = folder_.Path("new/health");
-  DaemonProcess daemon({{"HealthFilePath", health},
-                        {"EnableLogBufferedIO", "0"},
-                        {"LogLevel", "1"},
-                        {"LoggerComLogMaxFileSize", "20KB"}},
-                       {true,
-                        "mkdir -p $F/card/velmorahome/Log $F/check; "
-                        "head -c 20470 /dev/zero > $F/card/velmorahome/Log/LoggerCom.log; "
-                        "find $F " +
-                            folder_.Path() +
-                            " -exec touch -d 2061-01-01 {} +; "
-                            "export LD_PRELOAD=" LATER_CLOCK});
-  const auto later = [] { return Poco::Timestamp() + LATER_BY * 1000000LL; };
-  const auto stamp_of = [](const Poco::Timestamp& time) {
-    return Poco::DateTimeFormatter::format(time, "[%Y-%m-%d %H:%M:%S.%i UTC]");
-  };
-  const Poco::Timestamp begin = later();
-  ExpectAnswered(Exchange(daemon, Devices().Request(1)), 1);
-  ExpectValue(Exchange(daemon, Request(2, 7, 7, 1000)), 7, 7000 + kRegister);
-  const Poco::Timestamp end = later();
-  std::string lines, stamp;
-  EXPECT_TRUE(WaitFor(5000, [&] {
-    lines = daemon.Console();
-    stamp = lines.substr(lines.rfind("\nLoggerCom.log [") + 15, 29);
-    return stamp_of(begin) <= stamp;
-  })) << stamp;
-  EXPECT_LE(stamp, stamp_of(later()));
-  EXPECT_TRUE(WaitFor(5000, [&] { return Contains(ReadFile(daemon.LogPath()), stamp); }));
-  EXPECT_EQ(ReadFile(daemon.LogPath() + ".1").size(), 20470U);
-  EXPECT_FALSE(Contains(lines, "[E]")) << lines;
-  HealthReading reading;
-  ASSERT_TRUE(WaitFor(5000, [&] {
-    reading = ReadHealth(health);
-    return reading.snapshot && reading.snapshot->devices.size() == 2;
-  })) << reading.error;
-  for (const auto& device : reading.snapshot->devices) {
-    const Poco::Timestamp time = device.last_answer_ms * 1000;
-    EXPECT_TRUE(begin - 1000 <= time && time <= end) << stamp_of(time);
-  }
-  const std::string table =
-      RunShell("env LD_PRELOAD=" LATER_CLOCK " " TAMSEL_BIN_DIR "/tamselctl health --json " +
-               health)
-          .output;
-  EXPECT_TRUE(Contains(table, stamp.substr(1, 7))) << table;
-}
-#endif
 
 }  // namespace
 }  // namespace tmsc::test
