@@ -232,7 +232,7 @@ TEST(TamselctlHealth, ADeviceThatIsNoLongerAskedNeitherAnswersNorFails) {
   ExpectHealth(file, "health", 5,
                {"4 devices, 2 are no longer asked, 1 of the others does not answer.", "  6  never",
                 "  5  answered", "  3  not asked for 1 d 2 h  ",
-                "  4  not asked for 1 d 2 h  last: no answer in time"});
+                "  4  not asked for 1 d 2 h         last: no answer in time"});
   ExpectHealth(file, "health --failing", 5, {"1 device, 1 does not answer."});
   ExpectHealth(file, "health --device 3-5", 0,
                {"3 devices, 2 are no longer asked, all others answer."});
