@@ -71,11 +71,11 @@ class Kept:
         subprocess.run(["mcopy", "-i", card, *self.packages, "::"], check=True)
         disk = overlay(f"{self.work}/disk", f"{self.folder}/root.img")
         with Board(self.work, disk, self.folder, card) as board:
-            board.run("systemctl is-system-running --wait >/dev/null; "
-                      "DEBIAN_FRONTEND=noninteractive dpkg -i /media/sdcard/*.deb", 900)
+            board.run("systemctl is-system-running --wait >/dev/null; mount -o ro /dev/vdb /mnt && "
+                      "DEBIAN_FRONTEND=noninteractive dpkg -i /mnt/*.deb && umount /mnt", 900)
             board.run("systemctl stop tamsel_communication tamsel_watchdog.timer; " + settings(SdcardPath="/media/sdcard") +
                       r"; printf 'RS485_PORT_1=/dev/ttyS0\nRS485_PORT_2=/dev/ttyUSB0\nRS485_PORT_3=/dev/ttyUSB1\n'"
-                      " >> /etc/default/tamsel_communication; rm -rf /var/log/tamsel/*; umount /media/sdcard; "
+                      " >> /etc/default/tamsel_communication; rm -rf /var/log/tamsel/*; "
                       f"mkdir -p $(dirname {OUTPUT_UNIT}); printf '{OUTPUT_LINES}' > {OUTPUT_UNIT}; "
                       "systemctl daemon-reload; modprobe -a vfat nls_ascii nls_cp437 nls_utf8; "
                       "stty -F /dev/hvc0 raw; chmod 666 /dev/hvc0; sync; echo 3 > /proc/sys/vm/drop_caches")
