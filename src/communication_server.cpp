@@ -23,6 +23,7 @@
 #include "log/log_text.h"
 #include "logger_setting/logger_setting_manager.h"
 #include "utility/constant_string.h"
+#include "utility/file_rights.h"
 #include "utility/file_util.h"
 
 namespace tmsc {
@@ -159,6 +160,9 @@ Descriptor CommunicationServer::Listen() const {
     const std::string reason = std::generic_category().message(errno);
     LoggerLog::Fatal(kLogTag, LogText("bind fail. [", bound, "]"));
     LoggerLog::Fatal(kLogTag, LogText("bind path[", path.substr(0, PATH_MAX), "] [", reason, "]"));
+  } else if (!OpenToClients(path)) {
+    const std::string reason = std::generic_category().message(errno);
+    LoggerLog::Warn(kLogTag, LogText("socket rights [", path, "] [", reason, "]"));
   }
   errno = 0;
   const int listening = ::listen(listening_socket.Get(), kListenBacklog);

@@ -16,6 +16,7 @@
 #include "socket_manager/tcp_socket_manager.h"
 #include "tamsel_communication_manager.h"
 #include "utility/descriptor_limit.h"
+#include "utility/file_rights.h"
 #include "utility/file_util.h"
 
 namespace {
@@ -96,6 +97,7 @@ int main(int argc, char** argv) {
   if (argc > 1) {
     return PrintUsage(argv[1]);
   }
+  tmsc::KeepWritingToOwner();
   tmsc::RaiseDescriptorLimit();
   LimitMemoryPools();
   std::setlocale(LC_CTYPE, "");

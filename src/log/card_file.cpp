@@ -15,8 +15,8 @@ namespace tmsc {
 
 namespace {
 
-// No wait, also when somebody puts a pipe there.
-constexpr int kFlags = O_WRONLY | O_NONBLOCK | O_NOCTTY;
+// No wait, also when somebody puts a pipe there, and no file elsewhere that a link leads to.
+constexpr int kFlags = O_WRONLY | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW;
 
 bool WriteAll(const Descriptor& file, std::string_view text) {
   while (!text.empty()) {
@@ -63,12 +63,11 @@ bool AreFoldersOnCard(const std::string& folder) {
 CardFile::CardFile(std::string path, Folder folder) : path_(std::move(path)), folder_(folder) {}
 
 CardFile::Outcome CardFile::Append(const std::string& text) const {
-  const bool is_shared = folder_ == Folder::kShared;
-  const int flags = kFlags | O_CLOEXEC | O_APPEND | O_CREAT | (is_shared ? O_NOFOLLOW : 0);
+  const int flags = kFlags | O_CLOEXEC | O_APPEND | O_CREAT;
   const Descriptor file(::open(path_.c_str(), flags, 0666));
   struct stat status {};
   if (!file.IsOpen() || ::fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode) ||
-      (is_shared && status.st_nlink > 1)) {
+      (folder_ == Folder::kShared && status.st_nlink > 1)) {
     return Outcome::kNotOpened;
   }
   return WriteAll(file, text) ? Outcome::kWritten : Outcome::kNotWritten;

@@ -7,12 +7,12 @@ namespace tmsc {
 
 /// A file that texts are appended to, open only as long as that takes, so that a card may be pulled
 /// and a file removed in between. Anything but a regular file in its place is refused: a pipe would
-/// hold the writer up. For one thread at a time.
+/// hold the writer up, a link may lead to anybody's file. For one thread at a time.
 class CardFile {
  public:
   enum class Folder {
     kOwn,
-    /// Anybody may put something under the file's name: a link is refused as well.
+    /// Anybody may put something under the file's name: a second hard link is refused as well.
     kShared,
   };
   enum class Outcome { kWritten, kNotOpened, kNotWritten };

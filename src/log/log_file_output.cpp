@@ -4,6 +4,7 @@
 #include <Poco/Format.h>
 #include <Poco/ScopedLock.h>
 #include <limits.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
@@ -360,6 +361,11 @@ bool LogFileOutput::IsBufferOutput() {
 }
 
 bool LogFileOutput::HasFile() {
+  struct stat status {};
+  if (::lstat(file_path_.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
+    refusal_ = "it is a link";
+    return false;
+  }
   if (FileUtil::IsFileExists(file_path_)) {
     return true;
   }

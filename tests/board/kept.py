@@ -17,7 +17,7 @@ OUTPUT_UNIT = "/etc/systemd/system/tamsel_communication.service.d/output.conf"
 OUTPUT_LINES = r"[Service]\nStandardOutput=tty\nTTYPath=/dev/hvc0\nDeviceAllow=/dev/hvc0 rw\n"
 SETTINGS = "/etc/tamsel/LoggerSetting.xml"
 
-VFAT = "-t vfat -o uid=tamsel,gid=tamsel,umask=0007"
+VFAT = "-t vfat -o uid=tamsel,gid=tamsel,umask=0027"
 CARDS = {"vfat": VFAT, "vfat-dirsync": VFAT + ",dirsync", "ext4": "-t ext4"}
 
 

@@ -45,6 +45,30 @@ TEST(Start, SocketsAreCreatedWithTheirFolderAndReplaced) {
   }
 }
 
+// The umask says who may connect, and who may read; nobody else may write.
+TEST(Start, OthersWriteToTheSocketAlone) {
+  const std::tuple<const char*, int, int, int> rows[] = {
+      {"007", 0770, 0750, 0640}, {"022", 0755, 0755, 0644}, {"0", 0777, 0755, 0644}};
+  for (const auto& [umask, of_socket, of_folders, of_files] : rows) {
+    const TempFolder health;
+    const DaemonProcess daemon(
+        {{"HealthFilePath", health.Path("health")}, {"EnableLogBufferedIO", "0"}},
+        {true, std::string("umask ") + umask});
+    const auto rights = [](const std::string& path) { return int(fs::status(path).permissions()); };
+    const std::string log = daemon.LogPath(), watchdog = daemon.Folder().Path("check/tmsc");
+    EXPECT_EQ(rights(daemon.SocketPath()), of_socket) << umask;
+    for (const std::string& file : {log, watchdog, health.Path("health")}) {
+      EXPECT_TRUE(WaitFor(5000, [&] { return fs::exists(file); })) << file;
+      EXPECT_EQ(rights(file), of_files) << file;
+    }
+    for (fs::path folder = fs::path(log).parent_path(); folder != daemon.Folder().Path();
+         folder = folder.parent_path()) {
+      EXPECT_EQ(rights(folder), of_folders) << folder;
+    }
+    EXPECT_EQ(rights(fs::path(watchdog).parent_path()), of_folders);
+  }
+}
+
 TEST(Start, ArgumentsPrintTheUsageAndStartNothing) {
   const DaemonProcess daemon;
   const struct {

@@ -164,16 +164,21 @@ TEST_F(LogFileOutputTest, WhatACardCannotTellIsLeftAlone) {
   }
 }
 
-TEST_F(LogFileOutputTest, ALinkThatLeadsNowhereStays) {
+TEST_F(LogFileOutputTest, NothingIsWrittenThroughALink) {
   fs::create_directories(directory_);
-  fs::create_symlink(folder_.Path("nowhere"), path_);
+  fs::create_symlink(folder_.Path("elsewhere"), path_);
+  const std::string gone =
+      "[x UTC] [E] LogFlOut Card is gone, log lines are kept [" + path_ + "] it is a link\n";
   SetUpOutput(false);
   Log("kept");
-  EXPECT_TRUE(WaitForConsole(1, gone_));
+  EXPECT_TRUE(WaitForConsole(1, gone)) << "it leads nowhere";
+  test::WriteFile(folder_.Path("elsewhere"), "of others");
+  test::SleepMs(600);
   EXPECT_TRUE(fs::is_symlink(path_));
-  test::WriteFile(folder_.Path("nowhere"), "");
+  EXPECT_EQ(test::ReadFile(folder_.Path("elsewhere")), "of others");
+  fs::remove(path_);
   output_.reset();
-  EXPECT_EQ(Text(), gone_ + "[x UTC] kept\n" + back_);
+  EXPECT_EQ(Text(), gone + "[x UTC] kept\n" + back_);
 }
 
 TEST_F(LogFileOutputTest, WriteSwitchOffEchoesOnly) {

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <future>
@@ -157,6 +158,8 @@ TEST(TamselctlLog, CopiesAreReadInOrderAndSummedUp) {
     const std::string json = RunShell(kLog + filter.substr(2) + " --json " + card.Path()).output;
     EXPECT_EQ(CountText(json, "{\"time\":\"2026-11-22T20:59:1"), filter[0] - '0') << filter << json;
   }
+  ASSERT_EQ(::mkfifo((log + ".3").c_str(), 0600), 0);
+  ExpectRun(kLog + card.Path(), 1, log + ".3: no regular file");
 }
 
 TEST(TamselctlLog, EachKindOfTroubleIsCountedWhereItBelongs) {

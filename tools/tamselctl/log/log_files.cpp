@@ -50,15 +50,18 @@ Identity IdentityOf(const LogFile& file) {
                                                       : Identity{};
 }
 
-/// An open file; not open, and errno, for what cannot be read.
+constexpr int kNoRegularFile = EMEDIUMTYPE;
+
+/// An open file; not open, and errno, for what cannot be read or is no regular file: a pipe may
+/// never end.
 LogFile Open(const std::string& path) {
   LogFile file{path,
                Descriptor(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC))};
   struct stat status {};
   if (file.descriptor.IsOpen() && ::fstat(file.descriptor.Get(), &status) == 0 &&
-      S_ISDIR(status.st_mode)) {
+      !S_ISREG(status.st_mode)) {
     file.descriptor.Reset();
-    errno = EISDIR;
+    errno = S_ISDIR(status.st_mode) ? EISDIR : kNoRegularFile;
   }
   return file;
 }
@@ -70,6 +73,9 @@ bool Contains(const std::vector<LogFile>& files, const LogFile& file) {
 }
 
 std::string Reason(const std::string& path, int error) {
+  if (error == kNoRegularFile) {
+    return path + ": no regular file";
+  }
   return path + ": " + std::generic_category().message(error) +
          (error == EACCES ? RightsHelp(path) : "");
 }
