@@ -248,13 +248,13 @@ TEST(TamselctlLog, EachKindOfTroubleIsCountedWhereItBelongs) {
 
 TEST(TamselctlLog, LinesAreTakenAsTheyAreMeant) {
   const std::string line =
-      "[2026-07-25 12:03:04.250 UTC] [W] Wdog a\tb\033[31m\xC2\x9B\xC3\xA4\xFF\r\n";
+      "[2026-07-25 12:03:04.250 UTC] [W] Wdog a\tb\033[31m\xC2\x9B\xC3\xA4\xC3\xFF\r\n";
   const TempFolder folder;
   const std::string log = folder.Path("log");
   WriteFile(log, "log lines lost on this console [3]\n[2026-02-30 12:03:04.250 UTC] [W] Wdog x\n" +
                      std::string(70000, 'x') + "\n" + line);
   const std::string warn =
-      "[2026-07-25 12:03:04.250 UTC] [W] Wdog a\tb\uFFFD[31m\uFFFD\u00E4\uFFFD\n";
+      "[2026-07-25 12:03:04.250 UTC] [W] Wdog a\tb\uFFFD[31m\uFFFD\u00E4\uFFFD\uFFFD\n";
   const std::string in_summer = "env TZ=CET-1CEST,M3.5.0,M10.5.0/3 " + kLog + log;
   const std::pair<const char*, bool> filters[] = {{" --since '2026-07-25 14:03:04.2'", true},
                                                   {" --since '2026-07-25T14:03:04.3'", false},
@@ -270,7 +270,7 @@ TEST(TamselctlLog, LinesAreTakenAsTheyAreMeant) {
     ExpectRun(in_summer + filter, 0, is_shown ? warn : "no line is in the time or of the kind");
     ExpectRun(in_summer + filter, 0, "2 cut or damaged lines left out\n");
   }
-  ExpectRun(kLog + "--json " + log, 0, "\"a\\tb\\u001b[31m\uFFFD\u00E4\uFFFD\"}\n");
+  ExpectRun(kLog + "--json " + log, 0, "\"a\\tb\\u001b[31m\uFFFD\u00E4\uFFFD\uFFFD\"}\n");
   ExpectRun(kLog + "--tag Wdog " + log, 0, warn);  // a tag takes one word
   ExpectRun(in_summer + " --summary", 0, "from 2026-07-25 14:03:04 to 2026-07-25 14:03:04, 2 cut");
   ExpectRun(in_summer + " --since 2026-07-25T14:03:04+02:00", 2, "neither a moment nor a length");
