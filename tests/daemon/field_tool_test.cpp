@@ -42,7 +42,7 @@ TEST(FieldTool, AsksScansAndNamesWhatIsThere) {
       // Health of another channel is not taken for that of this one.
       {"request --channel 2 --device 1=" + gateway + " --read-coils 0,1", 0, "ok"},
       {kTcp + "1=" + gateway + " --write-coils 0,1,1,1", 0, "ok"},
-      {kTcp + "1=" + gateway + " --read-coils 0,4", 0, "bits: 1 1 1 0\n"},
+      {kTcp + "1=" + gateway + " --read-coils 0,4", 0, "bits: 0=1 1=1 2=1 3=0\n"},
       {kTcp + "1=" + gateway + " --read-discrete 0,1 --json", 0, R"("response_ms":)"},
       {"request " + kBus + "--device 1 --read-holding 2,1 --json", 0, R"("response_ms":)"},
       {"request --site " + site + " inverter-17", 0, "Inverter 17: 327816.075 kW\n"},

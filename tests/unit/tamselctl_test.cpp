@@ -80,6 +80,8 @@ TEST(Tamselctl, ExitStatusAndTextFollowTheResponse) {
     ExpectOf({kGoodAnswer}, kRead + "--type " + type + " ", 0, "values: " + std::string(values));
   }
 
+  ExpectOf({Answer(0, "0001 0000 000B 05 0308 00000001 00000002")},
+           kTcp + "--read-holding 7,4 --type u32", 0, "values: 7=1 9=2\n");
   const std::pair<const char*, const char*> values[] = {{"f32 3DCCCCCD", "0.1\n"},
                                                         {"f32 7FC00000", "no number\n"},
                                                         {"f32 FF800000", "no number\n"},
