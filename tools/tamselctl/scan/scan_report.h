@@ -12,8 +12,8 @@ namespace tmsc::ctl {
 struct UnitReport {
   int unit = 0;
   bool is_answer = false;
-  std::string status;  // in plain words
-  int exception = 0;   // of Modbus; 0: none
+  std::string status;                   // in plain words
+  int exception = 0;                    // of Modbus; 0: none
   std::optional<long long> at_most_ms;  // of an answer to a request to this unit alone
   std::vector<int> registers;           // or bits, each 0 or 1
 };
