@@ -200,17 +200,22 @@ int Follow(LogFile file, LogPrinter& printer) {
   return std::cout ? interruption.ExitCode() : kExitFailed;
 }
 
+/// The log's folder in the settings; says so when who follows the log there waits for its lines.
+std::string DefaultPlace(const LogOptions& options) {
+  UseSettings(options.settings_path);
+  LoggerSettingManager settings;
+  if (options.is_following && settings.IsEnableLogBufferedIO()) {
+    std::cerr << "tamselctl: the daemon writes its lines when "
+              << settings.GetLoggerLogMaxBufferdSize()
+              << " bytes of them are there, at the latest after 5 minutes; to have them as they "
+                 "happen set EnableLogBufferedIO to 0 and restart it\n";
+  }
+  return settings.GetLogDirectory();
+}
+
 int RunLog(LogOptions options) {
   if (options.places.empty()) {
-    UseSettings(options.settings_path);
-    LoggerSettingManager settings;
-    options.places.push_back(settings.GetLogDirectory());
-    if (options.is_following && settings.IsEnableLogBufferedIO()) {
-      std::cerr << "tamselctl: the daemon writes its lines when "
-                << settings.GetLoggerLogMaxBufferdSize()
-                << " bytes of them are there, at the latest after 5 minutes; to have them as they "
-                   "happen set EnableLogBufferedIO to 0 and restart it\n";
-    }
+    options.places.push_back(DefaultPlace(options));
   }
   LogFiles log = OpenLog(options.places);
   while (options.is_following && log.files.empty()) {
