@@ -34,7 +34,7 @@ struct ScriptedLibrary {
     ((calls += " " + std::to_string(numbers)), ...);
     calls += "; ";
     const bool is_good = name != failing || failures_left-- <= 0;
-    errno = is_good ? EAGAIN : error;
+    errno = is_good ? EACCES : error != 0 ? error : errno;  // as calls do that are good
     return is_good;
   }
   std::string TakeCalls() {
@@ -78,7 +78,7 @@ unsigned char vlm_rs485_startCom(int channel) {
   ++library->cycles;
   const std::lock_guard<std::mutex> lock(library->gates[channel]);
   library->listener.load()();
-  errno = is_good ? 0 : library->error;
+  errno = is_good || library->error == 0 ? errno : library->error;
   return is_good ? 2 : 0;
 }
 receive_data_full* vlm_rs485_getReceiveStream(int channel, int reserved) {
@@ -184,6 +184,7 @@ TEST_F(RS485AccessRequestTest, HealthSaysWhatTheLibraryLeavesOfAPort) {
     library->failing = failing;
     library->failures_left = 99;
     library->error = error;
+    errno = EACCES;
     Status();
     HealthKeeper::GetInstance()->Inspect();
     const tamsel_health_device device = ReadHealth(folder_.Path("health")).snapshot->devices.at(0);
