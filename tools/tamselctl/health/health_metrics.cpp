@@ -145,9 +145,6 @@ void PrintOfDevices(MetricWriter& metrics, const HealthView& view, const char* n
 
 void PrintDevices(MetricWriter& metrics, const HealthView& view) {
   const auto always = [](const DeviceHealth&) { return true; };
-  const auto is_timed = [](const DeviceHealth& device) {
-    return device.record.response_count != 0;
-  };
   metrics.Begin("device_info", "gauge", "Name and place of a device.");
   for (const DeviceHealth& device : view.devices) {
     Labels labels = DeviceLabels(device);
@@ -180,6 +177,12 @@ void PrintDevices(MetricWriter& metrics, const HealthView& view) {
       metrics.Sample(labels, 1);
     }
   }
+}
+
+void PrintExchanges(MetricWriter& metrics, const HealthView& view) {
+  const auto is_timed = [](const DeviceHealth& device) {
+    return device.record.response_count != 0;
+  };
   PrintOfDevices(metrics, view, "device_last_response_seconds", "Time of the last response.",
                  is_timed,
                  [](const auto& device) { return SecondsOfUs(device.record.response_last_us); });
@@ -213,6 +216,7 @@ void PrintHealthMetrics(std::ostream& output, const HealthView& view) {
   PrintDaemon(metrics, view);
   PrintChannels(metrics, view);
   PrintDevices(metrics, view);
+  PrintExchanges(metrics, view);
   output << "# EOF\n";
 }
 
