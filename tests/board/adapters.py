@@ -67,4 +67,5 @@ def play(stage, check):
                 expect_back(check, board, f"order {order}", channel)
             for channel, adapter in adapters.items():
                 pull(board, adapter, channel)
+                check.equal(f"pulled, channel {channel}", ask(board, channel)[0], "port_gone")
         check.equal("the service's process", board.run("pidof tamsel_communication"), started)

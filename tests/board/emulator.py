@@ -157,7 +157,7 @@ class Board:
 
     def slow_card(self, bytes_per_second):
         """0: as fast as it can."""
-        self.monitor("block_set_io_throttle", id="carddevice", bps=bytes_per_second, bps_rd=0, bps_wr=0, iops=0,
+        self.monitor("block_set_io_throttle", id="/machine/peripheral/carddevice/virtio-backend", bps=bytes_per_second, bps_rd=0, bps_wr=0, iops=0,
                      iops_rd=0, iops_wr=0)
 
     def freeze(self, state):

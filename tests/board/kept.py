@@ -42,9 +42,10 @@ def settings(**values):
 
 def mount(kind):
     """A command that mounts the card as its content is now, not as it was when the state was kept."""
-    owner = "chown tamsel:tamsel /media/sdcard" if kind == "ext4" else ":"
+    check = "{ fsck.vfat -a /dev/vdb >/dev/null || [ $? -eq 1 ]; }" if kind.startswith("vfat") else ":"
+    owner = "chown -R tamsel:tamsel /media/sdcard" if kind == "ext4" else ":"
     return ("blockdev --flushbufs /dev/vdb && echo 3 > /proc/sys/vm/drop_caches && "
-            f"mount {CARDS[kind]} /dev/vdb /media/sdcard && {owner}")
+            f"{check} && mount {CARDS[kind]} /dev/vdb /media/sdcard && {owner}")
 
 
 class Kept:
