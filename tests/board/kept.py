@@ -106,6 +106,5 @@ class Kept:
                 board.run(mount(kind))
             for replaced in os.environ.get("BOARD_REPLACE", "").split():
                 board.copy(*replaced.split("="))
-            board.run(settings(**values) or ":")
-            board.run("systemctl start tamsel_communication")
+            board.run(f"{settings(**values) or ':'}; systemctl daemon-reload; systemctl start tamsel_communication")
             yield board
